@@ -1,0 +1,217 @@
+// Change notification and notifying collections: delivery per key, no
+// delivery without change, and safety against what handlers do to watchers
+// and records during a delivery.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cask/collection.h"
+
+namespace {
+
+// A small record with one of each kind of attribute.
+class Thing : public Cask::Record<Thing> {
+public:
+    class Notifiee : public Cask::NotifieeOf<Thing> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        virtual void handleColor() {}
+        virtual void handleHits() {}
+        virtual void handleChild(int) {}
+        virtual void handleWeight(int) {}
+        virtual void handleMember(int) {}
+    };
+    CASK_ATTR(std::string, color, Color)
+    CASK_COUNTER(unsigned, hits, Hits)
+    CASK_RECORD_MAP(child, Child, int, Thing, "Test::Thing")
+    CASK_VALUE_MAP(weight, Weight, int, double)
+    CASK_KEY_SET(member, Member, int)
+
+private:
+    std::string color_;
+    unsigned hits_ = 0;
+    Cask::RecordMap<int, Thing> child_;
+    Cask::ValueMap<int, double> weight_;
+    Cask::KeySet<int> member_;
+};
+
+// Records every handler call as a string; an optional hook runs inside it.
+class Log : public Thing::Notifiee {
+public:
+    Log(Thing* t, std::vector<std::string>& out, std::string name = "w")
+        : Thing::Notifiee(t), out_(out), name_(std::move(name)) {}
+    std::function<void()> hook;
+
+    void handleColor() override { note("color"); }
+    void handleHits() override { note("hits"); }
+    void handleChild(int k) override { note("child " + std::to_string(k)); }
+    void handleWeight(int k) override { note("weight " + std::to_string(k)); }
+    void handleMember(int k) override { note("member " + std::to_string(k)); }
+
+private:
+    void note(const std::string& what) {
+        out_.push_back(name_ + ":" + what);
+        if (auto h = hook) h();  // a copy: the hook may destroy this watcher
+    }
+    std::vector<std::string>& out_;
+    std::string name_;
+};
+
+using Calls = std::vector<std::string>;
+
+TEST(Notifier, AttributesNotifyOnlyOnChangeCountersAlways) {
+    auto t = Cask::make<Thing>();
+    Calls calls;
+    Log w(t.get(), calls);
+    t->colorIs("red");
+    t->colorIs("red");
+    t->hitsInc();
+    t->hitsInc();
+    t->weightIs(1, 2.0);
+    t->weightIs(1, 2.0);
+    t->weightIs(1, 3.0);
+    t->memberIs(5);
+    t->memberIs(5);
+    t->memberDel(6);  // absent: nothing to say
+    t->memberDel(5);
+    EXPECT_EQ(calls, (Calls{"w:color", "w:hits", "w:hits", "w:weight 1", "w:weight 1",
+                            "w:member 5", "w:member 5"}));
+    EXPECT_EQ(t->hits(), 2u);
+    EXPECT_FALSE(t->memberHas(5));
+}
+
+TEST(Notifier, CollectionsAnnouncePerKeyAfterTheChange) {
+    auto t = Cask::make<Thing>();
+    Calls calls;
+    Log w(t.get(), calls);
+    // A watcher that looks the key up sees the state after the change.
+    w.hook = [&] { calls.push_back(t->child(1) ? "present" : "absent"); };
+    auto c = Cask::make<Thing>();
+    t->childIs(1, c);
+    t->childIs(1, c);  // same record again: no change
+    t->childIs(1, Cask::make<Thing>());
+    t->childDel(1);
+    EXPECT_EQ(calls, (Calls{"w:child 1", "present", "w:child 1", "present", "w:child 1", "absent"}));
+
+    calls.clear();
+    w.hook = nullptr;
+    for (int k : {3, 4}) t->childIs(k, Cask::make<Thing>());
+    calls.clear();
+    t->childDelAll();
+    std::sort(calls.begin(), calls.end());
+    EXPECT_EQ(calls, (Calls{"w:child 3", "w:child 4"}));
+    EXPECT_EQ(t->childSize(), 0u);
+    t->childNotify(9);
+    EXPECT_EQ(calls.back(), "w:child 9");
+}
+
+TEST(Notifier, NullInsertIsRefusedWithTheAttributeAndClassNamed) {
+    auto t = Cask::make<Thing>();
+    try {
+        t->childIs(1, nullptr);
+        FAIL() << "null insert accepted";
+    } catch (const Cask::NullInsertError& e) {
+        EXPECT_STREQ(e.what(), "null _child parameter to mutator for Test::Thing::child not allowed");
+    }
+    EXPECT_EQ(t->childSize(), 0u);
+}
+
+TEST(Notifier, WatchersAreCalledInAttachOrderAndDetachOnDestruction) {
+    auto t = Cask::make<Thing>();
+    Calls calls;
+    Log a(t.get(), calls, "a");
+    {
+        Log b(t.get(), calls, "b");
+        t->hitsInc();
+        EXPECT_EQ(t->notifieeCount(), 2u);
+    }
+    t->hitsInc();
+    EXPECT_EQ(calls, (Calls{"a:hits", "b:hits", "a:hits"}));
+    a.notifierIs(nullptr);
+    t->hitsInc();
+    EXPECT_EQ(calls.size(), 3u);
+}
+
+// What a handler may do to the watcher list during a delivery, and who
+// must then hear the delivery in progress and the next one.
+struct ReentryCase {
+    const char* name;
+    // Runs inside watcher "a"'s handler; may use the three watchers and the
+    // record.
+    std::function<void(std::unique_ptr<Log>& a, std::unique_ptr<Log>& b,
+                       std::unique_ptr<Log>& c, Thing* t, Calls& calls)>
+        action;
+    Calls first;   // calls of the delivery during which the action ran
+    Calls second;  // calls of the next delivery
+};
+
+TEST(Notifier, WatcherChangesDuringDeliveryAreSafe) {
+    const std::vector<ReentryCase> cases = {
+        {"later watcher destroyed", [](auto&, auto& b, auto&, Thing*, Calls&) { b.reset(); },
+         {"a:hits", "c:hits"}, {"a:hits", "c:hits"}},
+        {"calling watcher destroys itself", [](auto& a, auto&, auto&, Thing*, Calls&) { a.reset(); },
+         {"a:hits", "b:hits", "c:hits"}, {"b:hits", "c:hits"}},
+        {"later watcher detaches", [](auto&, auto&, auto& c, Thing*, Calls&) { c->notifierIs(nullptr); },
+         {"a:hits", "b:hits"}, {"a:hits", "b:hits"}},
+        {"new watcher attached", [](auto&, auto&, auto& c, Thing* t, Calls& calls) {
+             c = std::make_unique<Log>(t, calls, "d");  // replaces c: c detaches, d attaches
+         },
+         {"a:hits", "b:hits"}, {"a:hits", "b:hits", "d:hits"}},
+    };
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.name);
+        auto t = Cask::make<Thing>();
+        Calls calls;
+        auto a = std::make_unique<Log>(t.get(), calls, "a");
+        auto b = std::make_unique<Log>(t.get(), calls, "b");
+        auto c = std::make_unique<Log>(t.get(), calls, "c");
+        bool done = false;
+        a->hook = [&] {
+            if (done) return;
+            done = true;
+            tc.action(a, b, c, t.get(), calls);
+        };
+        t->hitsInc();
+        EXPECT_EQ(calls, tc.first);
+        calls.clear();
+        t->hitsInc();
+        EXPECT_EQ(calls, tc.second);
+    }
+}
+
+TEST(Notifier, RecordDestroyedDuringDeliveryStopsIt) {
+    auto t = Cask::make<Thing>();
+    Calls calls;
+    Log a(t.get(), calls, "a");
+    Log b(t.get(), calls, "b");
+    a.hook = [&] { t.reset(); };  // last reference: the record goes away
+    Cask::Ptr<Thing> raw = t;
+    raw.reset();
+    t->hitsInc();
+    EXPECT_EQ(calls, (Calls{"a:hits"}));
+    EXPECT_EQ(a.notifier(), nullptr);
+    EXPECT_EQ(b.notifier(), nullptr);
+}
+
+TEST(Notifier, NestedDeliveryOnTheSameRecord) {
+    // A handler that changes the record again: the inner delivery reaches
+    // everyone, and a watcher removed by the inner one is skipped by the
+    // outer one.
+    auto t = Cask::make<Thing>();
+    Calls calls;
+    auto a = std::make_unique<Log>(t.get(), calls, "a");
+    auto b = std::make_unique<Log>(t.get(), calls, "b");
+    a->hook = [&] {
+        if (t->hits() == 1) t->colorIs("blue");
+    };
+    b->hook = [&] {
+        if (t->hits() == 1 && calls.back() == "b:color") b.reset();
+    };
+    t->hitsInc();
+    EXPECT_EQ(calls, (Calls{"a:hits", "a:color", "b:color"}));
+}
+
+}  // namespace
