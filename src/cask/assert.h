@@ -10,8 +10,8 @@ namespace Cask {
 [[noreturn]] void assertionFailed(const char* text, const char* file, int line);
 }
 
-#define CASK_ASSERT(cond, text)                                                \
-    do {                                                                       \
-        if (!(cond)) [[unlikely]]                                              \
-            ::Cask::assertionFailed(text, __FILE__, __LINE__);                 \
+#define CASK_ASSERT(cond, text)                                \
+    do {                                                       \
+        if (!(cond)) [[unlikely]]                              \
+            ::Cask::assertionFailed(text, __FILE__, __LINE__); \
     } while (0)

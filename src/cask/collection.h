@@ -57,6 +57,16 @@ struct KeyHash {
     }
 };
 
+// The key of a collection entry: a map's pair or a set's element.
+template <class E>
+const auto& keyOf(const E& e) {
+    if constexpr (requires { e.first; }) {
+        return e.first;
+    } else {
+        return e;
+    }
+}
+
 // What every collection shares: removal, notification, size, iteration.
 template <class Map>
 class KeyedCollection {
@@ -69,6 +79,10 @@ public:
     auto begin() const { return map_.begin(); }
     auto end() const { return map_.end(); }
     auto find(const Key& k) const { return map_.find(k); }
+    // Ordered collections only: the first entry at or after `k`, so a walk
+    // suspended at `k` resumes correctly even if `k` was removed meanwhile.
+    auto lowerBound(const Key& k) const { return map_.lower_bound(k); }
+    auto upperBound(const Key& k) const { return map_.upper_bound(k); }
 
     // Removes `k`; announces it only if it was there.
     template <class N, class H>
@@ -100,14 +114,6 @@ protected:
     static void announce(Notifier& owner, void (N::*handler)(H), const Key& k) {
         owner.notify(handler, k);
     }
-    template <class E>
-    static const Key& keyOf(const E& e) {
-        if constexpr (requires { e.first; }) {
-            return e.first;
-        } else {
-            return e;
-        }
-    }
 
     Map map_;
 };
@@ -127,8 +133,7 @@ public:
     // Inserts `v` under `k`; announces only if the entry is new or replaced
     // by a different record. `nullMessage` is the refusal text for null.
     template <class N, class H>
-    void is(Notifier& owner, const K& k, Ptr<V> v, void (N::*handler)(H),
-            const char* nullMessage) {
+    void is(Notifier& owner, const K& k, Ptr<V> v, void (N::*handler)(H), const char* nullMessage) {
         if (!v) throw NullInsertError(nullMessage);
         auto [it, inserted] = this->map_.try_emplace(k, v);
         if (!inserted) {
@@ -142,13 +147,9 @@ public:
 template <class K, class V>
 using RecordMap = RecordMapOf<K, V>;
 
-// Key -> shared record, iterated in key order; a walk that was suspended at a
-// key resumes at `lowerBound(key)` even if that key was removed meanwhile.
+// Key -> shared record, iterated in key order (see `lowerBound`).
 template <class K, class V>
-class OrderedRecordMap : public RecordMapOf<K, V, std::map<K, Ptr<V>>> {
-public:
-    auto lowerBound(const K& k) const { return this->map_.lower_bound(k); }
-};
+using OrderedRecordMap = RecordMapOf<K, V, std::map<K, Ptr<V>>>;
 
 // Key -> plain value.
 template <class K, class V, class Map = std::unordered_map<K, V, KeyHash>>
@@ -191,45 +192,71 @@ using OrderedKeySet = KeySet<K, std::set<K>>;
 // `<name>_`. `qualified` is the record's class name with its namespaces, as
 // a string literal, for the null-insert refusal text.
 
-#define CASK_COLLECTION_COMMON(name, Name, Key)                                              \
-    const auto& name() const { return name##_; }                                             \
-    bool name##Has(const Key& k) const { return name##_.has(k); }                            \
-    std::size_t name##Size() const { return name##_.size(); }                                \
-    void name##Del(const Key& k) { name##_.del(*this, k, &Notifiee::handle##Name); }         \
-    void name##DelAll() { name##_.delAll(*this, &Notifiee::handle##Name); }                  \
-    void name##Notify(const Key& k) { notify(&Notifiee::handle##Name, k); }
+#define CASK_COLLECTION_COMMON(name, Name, Key)         \
+    const auto& name() const {                          \
+        return name##_;                                 \
+    }                                                   \
+    bool name##Has(const Key& k) const {                \
+        return name##_.has(k);                          \
+    }                                                   \
+    std::size_t name##Size() const {                    \
+        return name##_.size();                          \
+    }                                                   \
+    void name##Del(const Key& k) {                      \
+        name##_.del(*this, k, &Notifiee::handle##Name); \
+    }                                                   \
+    void name##DelAll() {                               \
+        name##_.delAll(*this, &Notifiee::handle##Name); \
+    }                                                   \
+    void name##Notify(const Key& k) {                   \
+        notify(&Notifiee::handle##Name, k);             \
+    }
 
 // Key -> Cask::Ptr<Value>; `name##Is(key, value)` and, for records that know
 // their key, `name##Is(value)`.
-#define CASK_RECORD_MAP(name, Name, Key, Value, qualified)                                   \
-    CASK_COLLECTION_COMMON(name, Name, Key)                                                  \
-    ::Cask::Ptr<Value> name(const Key& k) const { return name##_.get(k); }                   \
-    void name##Is(const Key& k, ::Cask::Ptr<Value> v) {                                      \
-        name##_.is(*this, k, std::move(v), &Notifiee::handle##Name,                          \
-                   "null _" #name " parameter to mutator for " qualified "::" #name          \
-                   " not allowed");                                                          \
+#define CASK_RECORD_MAP(name, Name, Key, Value, qualified)                          \
+    CASK_COLLECTION_COMMON(name, Name, Key)                                         \
+    ::Cask::Ptr<Value> name(const Key& k) const {                                   \
+        return name##_.get(k);                                                      \
+    }                                                                               \
+    void name##Is(const Key& k, ::Cask::Ptr<Value> v) {                             \
+        name##_.is(*this, k, std::move(v), &Notifiee::handle##Name,                 \
+                   "null _" #name " parameter to mutator for " qualified "::" #name \
+                   " not allowed");                                                 \
     }
 
 // Key -> Value (absent reads as Value{}).
-#define CASK_VALUE_MAP(name, Name, Key, Value)                                               \
-    CASK_COLLECTION_COMMON(name, Name, Key)                                                  \
-    Value name(const Key& k) const { return name##_.get(k); }                                \
-    void name##Is(const Key& k, Value v) {                                                   \
-        name##_.is(*this, k, std::move(v), &Notifiee::handle##Name);                         \
+#define CASK_VALUE_MAP(name, Name, Key, Value)                       \
+    CASK_COLLECTION_COMMON(name, Name, Key)                          \
+    Value name(const Key& k) const {                                 \
+        return name##_.get(k);                                       \
+    }                                                                \
+    void name##Is(const Key& k, Value v) {                           \
+        name##_.is(*this, k, std::move(v), &Notifiee::handle##Name); \
     }
 
 // A set of Key.
-#define CASK_KEY_SET(name, Name, Key)                                                        \
-    CASK_COLLECTION_COMMON(name, Name, Key)                                                  \
-    void name##Is(const Key& k) { name##_.is(*this, k, &Notifiee::handle##Name); }
+#define CASK_KEY_SET(name, Name, Key)                  \
+    CASK_COLLECTION_COMMON(name, Name, Key)            \
+    void name##Is(const Key& k) {                      \
+        name##_.is(*this, k, &Notifiee::handle##Name); \
+    }
 
 // A scalar attribute: `name()` and `name##Is(v)`, which announces a change
 // through `handle<Name>()`.
-#define CASK_ATTR(Type, name, Name)                                                          \
-    const Type& name() const { return name##_; }                                             \
-    void name##Is(const Type& v) { assign(name##_, v, &Notifiee::handle##Name); }
+#define CASK_ATTR(Type, name, Name)                  \
+    const Type& name() const {                       \
+        return name##_;                              \
+    }                                                \
+    void name##Is(const Type& v) {                   \
+        assign(name##_, v, &Notifiee::handle##Name); \
+    }
 
 // A counter: `name()` and `name##Inc()`, which always announces.
-#define CASK_COUNTER(Type, name, Name)                                                       \
-    Type name() const { return name##_; }                                                    \
-    void name##Inc() { increment(name##_, &Notifiee::handle##Name); }
+#define CASK_COUNTER(Type, name, Name)               \
+    Type name() const {                              \
+        return name##_;                              \
+    }                                                \
+    void name##Inc() {                               \
+        increment(name##_, &Notifiee::handle##Name); \
+    }

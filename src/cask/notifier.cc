@@ -22,7 +22,9 @@ Notifier::~Notifier() {
     for (Delivery* d = delivery_; d; d = d->outer) d->recordDestroyed = true;
 }
 
-void Notifier::attach(NotifieeBase* n) { notifiees_.push_back(n); }
+void Notifier::attach(NotifieeBase* n) {
+    notifiees_.push_back(n);
+}
 
 void Notifier::detach(NotifieeBase* n) {
     auto it = std::find(notifiees_.begin(), notifiees_.end(), n);

@@ -46,8 +46,8 @@ protected:
 
 private:
     friend class Notifier;
-template <class Map>
-class KeyedCollection;
+    template <class Map>
+    class KeyedCollection;
     Notifier* notifier_ = nullptr;
 };
 

@@ -11,7 +11,9 @@ void Random::seedIs(std::uint64_t seed) {
               static_cast<unsigned short>((seed >> 16) & 0xFFFF)};
 }
 
-double Random::uniform() { return erand48(state_.data()); }
+double Random::uniform() {
+    return erand48(state_.data());
+}
 
 Random& random() {
     static Random generator;

@@ -21,7 +21,9 @@ std::vector<TraceLine> TraceRing::lines() const {
     return out;
 }
 
-bool TraceRing::contains(std::string_view needle) const { return count(needle) > 0; }
+bool TraceRing::contains(std::string_view needle) const {
+    return count(needle) > 0;
+}
 
 std::size_t TraceRing::count(std::string_view needle) const {
     std::size_t n = 0;

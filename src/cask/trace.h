@@ -72,9 +72,9 @@ TraceRing& eventLog();
 
 }  // namespace Cask
 
-#define CASK_TRACE(lvl, ...)                                                                 \
-    do {                                                                                     \
-        if (::Cask::trace().on(lvl)) ::Cask::trace().add(lvl, ::fmt::format(__VA_ARGS__));  \
+#define CASK_TRACE(lvl, ...)                                                               \
+    do {                                                                                   \
+        if (::Cask::trace().on(lvl)) ::Cask::trace().add(lvl, ::fmt::format(__VA_ARGS__)); \
     } while (0)
 
 #define CASK_EVENT(...)                                                                      \

@@ -77,8 +77,8 @@ TEST(Notifier, AttributesNotifyOnlyOnChangeCountersAlways) {
     t->memberIs(5);
     t->memberDel(6);  // absent: nothing to say
     t->memberDel(5);
-    EXPECT_EQ(calls, (Calls{"w:color", "w:hits", "w:hits", "w:weight 1", "w:weight 1",
-                            "w:member 5", "w:member 5"}));
+    EXPECT_EQ(calls, (Calls{"w:color", "w:hits", "w:hits", "w:weight 1", "w:weight 1", "w:member 5",
+                            "w:member 5"}));
     EXPECT_EQ(t->hits(), 2u);
     EXPECT_FALSE(t->memberHas(5));
 }
@@ -94,7 +94,8 @@ TEST(Notifier, CollectionsAnnouncePerKeyAfterTheChange) {
     t->childIs(1, c);  // same record again: no change
     t->childIs(1, Cask::make<Thing>());
     t->childDel(1);
-    EXPECT_EQ(calls, (Calls{"w:child 1", "present", "w:child 1", "present", "w:child 1", "absent"}));
+    EXPECT_EQ(calls,
+              (Calls{"w:child 1", "present", "w:child 1", "present", "w:child 1", "absent"}));
 
     calls.clear();
     w.hook = nullptr;
@@ -114,7 +115,8 @@ TEST(Notifier, NullInsertIsRefusedWithTheAttributeAndClassNamed) {
         t->childIs(1, nullptr);
         FAIL() << "null insert accepted";
     } catch (const Cask::NullInsertError& e) {
-        EXPECT_STREQ(e.what(), "null _child parameter to mutator for Test::Thing::child not allowed");
+        EXPECT_STREQ(e.what(),
+                     "null _child parameter to mutator for Test::Thing::child not allowed");
     }
     EXPECT_EQ(t->childSize(), 0u);
 }
@@ -141,8 +143,8 @@ struct ReentryCase {
     const char* name;
     // Runs inside watcher "a"'s handler; may use the three watchers and the
     // record.
-    std::function<void(std::unique_ptr<Log>& a, std::unique_ptr<Log>& b,
-                       std::unique_ptr<Log>& c, Thing* t, Calls& calls)>
+    std::function<void(std::unique_ptr<Log>& a, std::unique_ptr<Log>& b, std::unique_ptr<Log>& c,
+                       Thing* t, Calls& calls)>
         action;
     Calls first;   // calls of the delivery during which the action ran
     Calls second;  // calls of the next delivery
@@ -150,16 +152,24 @@ struct ReentryCase {
 
 TEST(Notifier, WatcherChangesDuringDeliveryAreSafe) {
     const std::vector<ReentryCase> cases = {
-        {"later watcher destroyed", [](auto&, auto& b, auto&, Thing*, Calls&) { b.reset(); },
-         {"a:hits", "c:hits"}, {"a:hits", "c:hits"}},
-        {"calling watcher destroys itself", [](auto& a, auto&, auto&, Thing*, Calls&) { a.reset(); },
-         {"a:hits", "b:hits", "c:hits"}, {"b:hits", "c:hits"}},
-        {"later watcher detaches", [](auto&, auto&, auto& c, Thing*, Calls&) { c->notifierIs(nullptr); },
-         {"a:hits", "b:hits"}, {"a:hits", "b:hits"}},
-        {"new watcher attached", [](auto&, auto&, auto& c, Thing* t, Calls& calls) {
+        {"later watcher destroyed",
+         [](auto&, auto& b, auto&, Thing*, Calls&) { b.reset(); },
+         {"a:hits", "c:hits"},
+         {"a:hits", "c:hits"}},
+        {"calling watcher destroys itself",
+         [](auto& a, auto&, auto&, Thing*, Calls&) { a.reset(); },
+         {"a:hits", "b:hits", "c:hits"},
+         {"b:hits", "c:hits"}},
+        {"later watcher detaches",
+         [](auto&, auto&, auto& c, Thing*, Calls&) { c->notifierIs(nullptr); },
+         {"a:hits", "b:hits"},
+         {"a:hits", "b:hits"}},
+        {"new watcher attached",
+         [](auto&, auto&, auto& c, Thing* t, Calls& calls) {
              c = std::make_unique<Log>(t, calls, "d");  // replaces c: c detaches, d attaches
          },
-         {"a:hits", "b:hits"}, {"a:hits", "b:hits", "d:hits"}},
+         {"a:hits", "b:hits"},
+         {"a:hits", "b:hits", "d:hits"}},
     };
     for (const auto& tc : cases) {
         SCOPED_TRACE(tc.name);
