@@ -1,0 +1,13 @@
+#include "pimsm/route/assert_metric.h"
+
+#include <fmt/format.h>
+
+namespace Routing::Pim::SparseMode {
+
+std::string AssertMetric::str() const {
+    if (isInfinite()) return "infinite";
+    return fmt::format("rpt {} pref {} metric {} addr {}", rptBit ? 1 : 0, metricPreference, metric,
+                       address);
+}
+
+}  // namespace Routing::Pim::SparseMode

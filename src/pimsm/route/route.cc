@@ -1,0 +1,74 @@
+#include "pimsm/route/route.h"
+
+#include <fmt/format.h>
+
+#include "pimsm/route/local_status.h"
+
+namespace Routing::Pim::SparseMode {
+
+namespace {
+constexpr const char* flagNames[Route::routeFlagCount] = {
+    "rpTree",         "wildCard",          "spTree",
+    "switching",      "iifSwitching",      "mbr",
+    "katExpired",     "markedForDeletion", "mayAdvertise",
+    "msdpDiscovered", "anycastDiscovered", "drDiscovered",
+    "oifRegister"};
+}  // namespace
+
+Route::Route(const Routing::Pim::RouteKey& key, const RouteContext* context, double creationTime)
+    : key_(key),
+      context_(context),
+      creationTime_(creationTime),
+      umh_(Cask::make<UpstreamInfo>(this, false)) {
+    if (key.isWc()) routeFlags_ |= 1u << wildCardBit;
+    // The keepalive timer of an (S,G) route starts with its first data
+    // packet, so a route learnt any other way starts with it expired.
+    else
+        routeFlags_ |= 1u << katExpiredBit;
+}
+
+Route::~Route() {
+    // Machines may still hold an interface or upstream record: cut their
+    // way back to this route.
+    umh_->route_ = nullptr;
+    if (umhFrr_) umhFrr_->route_ = nullptr;
+    for (auto& [id, intf] : routeIntf_) intf->route_ = nullptr;
+}
+
+std::string Route::routeFlagsStr() const {
+    std::string out;
+    for (unsigned b = 0; b < routeFlagCount; ++b) {
+        if (b) out += ' ';
+        out += fmt::format("{} {}", flagNames[b], (routeFlags_ >> b) & 1u);
+    }
+    return out;
+}
+
+void Route::umhFrrIs(Cask::Ptr<UpstreamInfo> frr) {
+    if (frr == umhFrr_) return;
+    if (umhFrr_) umhFrr_->route_ = nullptr;
+    umhFrr_ = std::move(frr);
+    notify(&Notifiee::handleUmhFrr);
+}
+
+Cask::Ptr<Intf> Route::routeIntfIs(Wirl::IntfId intf, std::uint32_t ifIndex) {
+    if (auto existing = routeIntf_.get(intf)) return existing;
+    auto fresh = Cask::make<Intf>(this, intf, ifIndex);
+    routeIntf_.is(*this, intf, fresh, &Notifiee::handleRouteIntf, "");
+    return fresh;
+}
+
+const Route* Route::wc() const {
+    if (isWc()) return this;
+    if (!context_ || !context_->localStatus) return nullptr;
+    return context_->localStatus->wcRoute().raw(Routing::Pim::RouteKey::wc(key_.group()));
+}
+
+void UpstreamInfo::doUpdateRptState(UpRptState state) {
+    if (state == upRptState_) return;
+    prevRptState_ = upRptState_;
+    upRptState_ = state;
+    notify(&Notifiee::handleUpRptState);
+}
+
+}  // namespace Routing::Pim::SparseMode

@@ -1,0 +1,342 @@
+#pragma once
+// Route: one (*,G) or (S,G) multicast route of a VRF, with its (S,G,rpt)
+// state when it is an (S,G) route. Shared and reference counted: every
+// machine of the VRF reads and writes the same record, and nobody keeps a
+// private copy of route state.
+//
+// Created only through the VRF's route status (`Status::routeIs`), removed
+// only by the route review. Its interfaces are `Intf` records in
+// `routeIntf`; its upstream is `umh` (and `umhFrr` for the fast-failover
+// backup path).
+//
+// Route flags: fifteen named flags, each with its own setter and its own
+// notification (`handleRpTree`, ...) followed by `handleRouteFlags`, which
+// fires on any flag change. The first thirteen live in the 32-bit
+// `routeFlags` word, bits 0 to 12 in declaration order; `programmable` and
+// `hwRecovered` are agent-local and kept outside it.
+//
+// Derived values (RFC 7761 JoinDesired, PruneDesired, null olists, RPF' of
+// the (*,G) route, ...) are computed on demand from the route's records,
+// the group's (*,G) route and the VRF context; see route_macros.cc.
+
+#include <cstdint>
+#include <string>
+
+#include <boost/container/flat_map.hpp>
+
+#include "cask/collection.h"
+#include "pimsm/route/intf.h"
+#include "pimsm/route/route_types.h"
+#include "pimsm/route/upstream_info.h"
+#include "platform/route_key.h"
+
+namespace Routing::Pim {
+class Status;
+}
+
+namespace Routing::Pim::SparseMode {
+
+class LocalStatus;
+
+// What a route needs of its VRF to compute its derived values. Owned by the
+// VRF's route status; outlives every route of the VRF.
+struct RouteContext {
+    const Routing::Pim::Status* pimStatus = nullptr;
+    const LocalStatus* localStatus = nullptr;
+};
+
+// Packet and byte counts read back from the forwarding plane.
+struct KernelStats {
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0;
+    bool operator==(const KernelStats&) const = default;
+};
+
+class Route : public Cask::Record<Route> {
+public:
+    class Notifiee : public Cask::NotifieeOf<Route> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        virtual void handleRouteFlags() {}
+        virtual void handleRpTree() {}
+        virtual void handleWildCard() {}
+        virtual void handleSpTree() {}
+        virtual void handleSwitching() {}
+        virtual void handleIifSwitching() {}
+        virtual void handleMbr() {}
+        virtual void handleKatExpired() {}
+        virtual void handleMarkedForDeletion() {}
+        virtual void handleMayAdvertise() {}
+        virtual void handleMsdpDiscovered() {}
+        virtual void handleAnycastDiscovered() {}
+        virtual void handleDrDiscovered() {}
+        virtual void handleOifRegister() {}
+        virtual void handleProgrammable() {}
+        virtual void handleHwRecovered() {}
+        virtual void handleRegisterOifEvaluated() {}
+        virtual void handleUmhFrr() {}
+        virtual void handleWcRouteChanged() {}
+        virtual void handleRouteChanged() {}
+        virtual void handleUpJoinState() {}
+        virtual void handleIifSwitchState() {}
+        virtual void handleIifSwitchPending() {}
+        virtual void handleBeginIifSwitch() {}
+        virtual void handleNsfRpfResolved() {}
+        virtual void handleChangeFlags() {}
+        virtual void handleRouteIntf(Wirl::IntfId) {}
+        virtual void handleKernelStats() {}
+        virtual void handleMfibChangeCount() {}
+        virtual void handleFirstInactivityTime() {}
+        virtual void handleExpiredFlags() {}
+        virtual void handleInitialized() {}
+    };
+
+    // The thirteen flags of the `routeFlags` word, by bit.
+    enum FlagBit : unsigned {
+        rpTreeBit,
+        wildCardBit,
+        spTreeBit,
+        switchingBit,
+        iifSwitchingBit,
+        mbrBit,
+        katExpiredBit,
+        markedForDeletionBit,
+        mayAdvertiseBit,
+        msdpDiscoveredBit,
+        anycastDiscoveredBit,
+        drDiscoveredBit,
+        oifRegisterBit,
+        routeFlagCount
+    };
+    using RouteFlags = std::uint32_t;
+
+    Route(const Routing::Pim::RouteKey& key, const RouteContext* context, double creationTime);
+    ~Route();
+
+    const Routing::Pim::RouteKey& key() const { return key_; }
+    const RouteContext* context() const { return context_; }
+    double creationTime() const { return creationTime_; }
+
+    // --- route flags -----------------------------------------------------
+    RouteFlags routeFlags() const { return routeFlags_; }
+    // "rpTree 0 wildCard 1 spTree 0 ..." : the thirteen flags in bit order.
+    std::string routeFlagsStr() const;
+#define PIMSM_ROUTE_FLAG(name, Name)                                 \
+    bool name() const {                                              \
+        return routeFlags_ & (1u << name##Bit);                      \
+    }                                                                \
+    void name##Is(bool v) {                                          \
+        setFlag(routeFlags_, name##Bit, v, &Notifiee::handle##Name); \
+    }
+    PIMSM_ROUTE_FLAG(rpTree, RpTree)
+    PIMSM_ROUTE_FLAG(wildCard, WildCard)
+    PIMSM_ROUTE_FLAG(spTree, SpTree)
+    PIMSM_ROUTE_FLAG(switching, Switching)
+    PIMSM_ROUTE_FLAG(iifSwitching, IifSwitching)
+    PIMSM_ROUTE_FLAG(mbr, Mbr)
+    PIMSM_ROUTE_FLAG(katExpired, KatExpired)
+    PIMSM_ROUTE_FLAG(markedForDeletion, MarkedForDeletion)
+    PIMSM_ROUTE_FLAG(mayAdvertise, MayAdvertise)
+    PIMSM_ROUTE_FLAG(msdpDiscovered, MsdpDiscovered)
+    PIMSM_ROUTE_FLAG(anycastDiscovered, AnycastDiscovered)
+    PIMSM_ROUTE_FLAG(drDiscovered, DrDiscovered)
+    PIMSM_ROUTE_FLAG(oifRegister, OifRegister)
+#undef PIMSM_ROUTE_FLAG
+    bool programmable() const {
+        return localFlags_ & 1u;
+    }
+    void programmableIs(bool v) {
+        setFlag(localFlags_, 0, v, &Notifiee::handleProgrammable);
+    }
+    bool hwRecovered() const {
+        return localFlags_ & 2u;
+    }
+    void hwRecoveredIs(bool v) {
+        setFlag(localFlags_, 1, v, &Notifiee::handleHwRecovered);
+    }
+
+    // --- other attributes ------------------------------------------------
+    CASK_ATTR(bool, registerOifEvaluated, RegisterOifEvaluated)
+    UpstreamInfo* umh() const {
+        return umh_.get();
+    }
+    UpstreamInfo* umhFrr() const {
+        return umhFrr_.get();
+    }
+    // Installs (or, with null, removes) the fast-failover upstream.
+    void umhFrrIs(Cask::Ptr<UpstreamInfo> frr);
+    CASK_COUNTER(std::uint32_t, wcRouteChanged, WcRouteChanged)
+    CASK_COUNTER(std::uint32_t, routeChanged, RouteChanged)
+    CASK_ATTR(UpJoinState, upJoinState, UpJoinState)
+    CASK_ATTR(IifSwitchState, iifSwitchState, IifSwitchState)
+    CASK_ATTR(bool, iifSwitchPending, IifSwitchPending)
+    CASK_COUNTER(std::uint32_t, beginIifSwitch, BeginIifSwitch)
+    CASK_ATTR(bool, nsfRpfResolved, NsfRpfResolved)
+    CASK_ATTR(ChangeFlags, changeFlags, ChangeFlags)
+    CASK_ATTR(KernelStats, kernelStats, KernelStats)
+    CASK_COUNTER(std::uint32_t, mfibChangeCount, MfibChangeCount)
+    CASK_ATTR(double, firstInactivityTime, FirstInactivityTime)
+    CASK_ATTR(ExpiredFlags, expiredFlags, ExpiredFlags)
+    CASK_ATTR(bool, initialized, Initialized)
+
+    // The interfaces on which the route has state. `routeIntfIs(intf)`
+    // returns the existing record or adds a fresh one.
+    using IntfMap = boost::container::flat_map<Wirl::IntfId, Cask::Ptr<Intf>>;
+    CASK_COLLECTION_COMMON(routeIntf, RouteIntf, Wirl::IntfId)
+    Cask::Ptr<Intf> routeIntf(Wirl::IntfId i) const {
+        return routeIntf_.get(i);
+    }
+    Intf* routeIntfRaw(Wirl::IntfId i) const {
+        return routeIntf_.raw(i);
+    }
+    Cask::Ptr<Intf> routeIntfIs(Wirl::IntfId intf, std::uint32_t ifIndex = 0);
+
+    // --- upstream --------------------------------------------------------
+    const Routing::Pim::Rpf& rpf() const {
+        return umh_->rpf();
+    }
+    const Routing::Pim::Rpf& prevRpf() const {
+        return umh_->prevRpf();
+    }
+    Wirl::IntfId iif() const {
+        return umh_->iif();
+    }
+    Wirl::IntfId mbrIif() const {
+        return umh_->mbrIif();
+    }
+    // The backup path's RPF; unresolved without fast failover.
+    Routing::Pim::Rpf rpfFrr() const {
+        return umhFrr_ ? umhFrr_->rpf() : Routing::Pim::Rpf{};
+    }
+
+    // --- RFC 7761 derived values -----------------------------------------
+    bool isWc() const {
+        return key_.isWc();
+    }
+    // The group's (*,G) route (this route when it is the (*,G) route); null
+    // when the group has none.
+    const Route* wc() const;
+    // RPF'(*,G): the RPF of the group's (*,G) route; unresolved without one.
+    Routing::Pim::Rpf rpfWc() const;
+    bool joinDesiredWc() const;
+    bool joinDesiredWcRp() const {
+        return false;
+    }  // no (*,*,RP) state in RFC 7761
+    bool rptJoinDesiredWc() const;
+    bool joinDesiredSg() const;
+    bool pruneDesiredSgRpt() const;
+    bool nullImmediateOlistWc() const;
+    bool nullImmediateOlistWcRp() const {
+        return true;
+    }  // no (*,*,RP) state
+    bool nullImmediateOlistSg() const;
+    bool nullInheritedOlistSgRpt() const;
+    bool nullInheritedOlistSg() const;
+    // The keepalive timer runs from the first data packet until it expires.
+    bool keepaliveRunning() const {
+        return !katExpired();
+    }
+    // The source was learnt from a source discovery input.
+    bool discoveredSg() const {
+        return msdpDiscovered() || anycastDiscovered() || drDiscovered();
+    }
+    // Some interface carries (S,G) or (S,G,rpt) downstream or local state.
+    bool hasSgState() const;
+    // The fast-failover backup path resolved to the primary path itself.
+    bool isDuplicateRpf() const;
+
+    // Calls f(IntfId) for every interface of inherited_olist(S,G,rpt) /
+    // inherited_olist(S,G), including the (*,G) route's interfaces that
+    // this route has no record for, each once, in interface order.
+    template <class F>
+    void forEachInheritedOlistSgRpt(F&& f) const;
+    template <class F>
+    void forEachInheritedOlistSg(F&& f) const;
+
+private:
+    friend class Intf;
+    template <class W, class N>
+    void setFlag(W& word, unsigned bit, bool v, void (N::*handler)());
+    // Is `intf` (which this route has no record for) in the inherited olist?
+    // On such an interface every (S,G) term is empty, so it is exactly
+    // immediate_olist(*,G).
+    static bool inheritedFromWcOnly(const Intf& wcIntf) {
+        return wcIntf.immediateOlistWc();
+    }
+    // Walks the inherited olist; `visit(IntfId)` returns true to stop early.
+    // Returns whether it stopped.
+    template <class F>
+    bool walkInherited(bool withSg, F&& visit) const;
+
+    Routing::Pim::RouteKey key_;
+    const RouteContext* context_;
+    RouteFlags routeFlags_ = 0;
+    std::uint8_t localFlags_ = 0;
+    bool registerOifEvaluated_ = false;
+    bool iifSwitchPending_ = false;
+    bool nsfRpfResolved_ = false;
+    bool initialized_ = false;
+    UpJoinState upJoinState_ = UpJoinState::upNotJoined;
+    IifSwitchState iifSwitchState_ = IifSwitchState::iifSwitchIdle;
+    std::uint32_t wcRouteChanged_ = 0;
+    std::uint32_t routeChanged_ = 0;
+    std::uint32_t beginIifSwitch_ = 0;
+    std::uint32_t mfibChangeCount_ = 0;
+    ChangeFlags changeFlags_;
+    ExpiredFlags expiredFlags_;
+    double creationTime_;
+    double firstInactivityTime_ = 0;
+    KernelStats kernelStats_;
+    Cask::Ptr<UpstreamInfo> umh_;
+    Cask::Ptr<UpstreamInfo> umhFrr_;
+    Cask::RecordMapOf<Wirl::IntfId, Intf, IntfMap> routeIntf_;
+};
+
+template <class W, class N>
+void Route::setFlag(W& word, unsigned bit, bool v, void (N::*handler)()) {
+    const W mask = W(1u << bit);
+    if (bool(word & mask) == v) return;
+    word = v ? W(word | mask) : W(word & ~mask);
+    Cask::Ptr<Route> self(this);  // a watcher may drop the last other reference
+    notify(handler);
+    notify(&Notifiee::handleRouteFlags);
+}
+
+template <class F>
+bool Route::walkInherited(bool withSg, F&& visit) const {
+    const Route* wcRoute = isWc() ? nullptr : wc();
+    auto wcIt = wcRoute ? wcRoute->routeIntf_.begin() : IntfMap::const_iterator();
+    auto wcEnd = wcRoute ? wcRoute->routeIntf_.end() : IntfMap::const_iterator();
+    // Merge this route's interfaces with the (*,G) route's, both in order.
+    for (const auto& [id, intf] : routeIntf_) {
+        for (; wcIt != wcEnd && wcIt->first < id; ++wcIt) {
+            if (inheritedFromWcOnly(*wcIt->second) && visit(wcIt->first)) return true;
+        }
+        if (wcIt != wcEnd && wcIt->first == id) ++wcIt;
+        if ((withSg ? intf->inheritedOlistSg() : intf->inheritedOlistSgRpt()) && visit(id)) {
+            return true;
+        }
+    }
+    for (; wcIt != wcEnd; ++wcIt) {
+        if (inheritedFromWcOnly(*wcIt->second) && visit(wcIt->first)) return true;
+    }
+    return false;
+}
+
+template <class F>
+void Route::forEachInheritedOlistSgRpt(F&& f) const {
+    walkInherited(false, [&](Wirl::IntfId i) {
+        f(i);
+        return false;
+    });
+}
+
+template <class F>
+void Route::forEachInheritedOlistSg(F&& f) const {
+    walkInherited(true, [&](Wirl::IntfId i) {
+        f(i);
+        return false;
+    });
+}
+
+}  // namespace Routing::Pim::SparseMode

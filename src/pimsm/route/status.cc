@@ -1,0 +1,54 @@
+#include "pimsm/route/status.h"
+
+namespace Routing::Pim::SparseMode {
+
+Cask::Ptr<Route> Status::routeIs(const Routing::Pim::RouteKey& key) {
+    if (auto existing = route_.get(key)) return existing;
+    auto route = Cask::make<Route>(key, &context_, clock_.now());
+    route_.is(*this, key, route, &Notifiee::handleRoute, "");
+    return route;
+}
+
+void Status::groupIs(const Wirl::IpGenAddr& g) {
+    group_.is(*this, g, group_.get(g) + 1, &Notifiee::handleGroup);
+}
+
+void Status::groupDel(const Wirl::IpGenAddr& g) {
+    const std::uint32_t n = group_.get(g);
+    if (n > 1) {
+        group_.is(*this, g, n - 1, &Notifiee::handleGroup);
+    } else {
+        group_.del(*this, g, &Notifiee::handleGroup);
+    }
+}
+
+void Status::sourceGroupAdd(const Wirl::IpGenAddr& source, const Wirl::IpGenAddr& group) {
+    // A new set is filled before it is inserted, so its watchers see it whole.
+    if (auto s = source_.get(source)) {
+        s->memberIs(group);
+    } else {
+        s = Cask::make<AddrSet>(source);
+        s->memberIs(group);
+        sourceIs(source, s);
+    }
+    if (auto g = groupSource_.get(group)) {
+        g->memberIs(source);
+    } else {
+        g = Cask::make<AddrSet>(group);
+        g->memberIs(source);
+        groupSourceIs(group, g);
+    }
+}
+
+void Status::sourceGroupRemove(const Wirl::IpGenAddr& source, const Wirl::IpGenAddr& group) {
+    if (auto s = source_.get(source)) {
+        s->memberDel(group);
+        if (s->memberSize() == 0) sourceDel(source);
+    }
+    if (auto g = groupSource_.get(group)) {
+        g->memberDel(source);
+        if (g->memberSize() == 0) groupSourceDel(group);
+    }
+}
+
+}  // namespace Routing::Pim::SparseMode
