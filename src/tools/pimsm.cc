@@ -1,2 +1,4 @@
 // pimsm: the command-line front end of the agent.
-int main() { return 0; }
+int main() {
+    return 0;
+}

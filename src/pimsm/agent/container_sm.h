@@ -1,0 +1,74 @@
+#pragma once
+// ContainerSm: everything that runs in one VRF in which PIM sparse mode is
+// enabled. It owns the VRF's status records and every protocol machine of
+// the VRF, creates them in one fixed order when it starts
+// (`handleInitialized`; later machines may rely on every earlier one), and
+// destroys them all with itself.
+
+#include <memory>
+
+#include "cask/collection.h"
+#include "pimsm/agent/params_container.h"
+#include "pimsm/route/local_status.h"
+#include "pimsm/route/status.h"
+#include "pimsm/route/unicast_routing_status.h"
+#include "platform/group_ranges.h"
+#include "platform/state_db.h"
+
+namespace Routing::Pim::SparseMode {
+
+class ContainerSm : public Cask::Record<ContainerSm> {
+public:
+    class Notifiee : public Cask::NotifieeOf<ContainerSm> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        virtual void handleInitialized() {}
+    };
+
+    ContainerSm(const L3::VrfName& vrf, const ParamsContainer& pc,
+                Cask::Ptr<Platform::RegisterConfig> registerConfig, MfibDirWriter& mfibDirWriter,
+                MrouteEventMonConfigSm& mrouteEventMonConfigSm);
+    ~ContainerSm();
+
+    const L3::VrfName& vrfName() const { return vrf_; }
+    Wirl::AddressFamily family() const { return pc_.family; }
+    Platform::StateDb& db() const { return pc_.db; }
+
+    // The VRF's records, in the order they are made.
+    Status* status() const { return status_.get(); }
+    Routing::Pim::Status* pimStatus() const { return pimStatus_.get(); }
+    UnicastRoutingStatus* unicastRoutingStatus() const { return unicastRoutingStatus_.get(); }
+    Routing::Pim::GroupFilterStatus* groupFilterStatus() const { return groupFilterStatus_.get(); }
+    FrrFilterStatus* frrFilterStatus() const { return frrFilterStatus_.get(); }
+    LocalStatus* localStatus() const { return localStatus_.get(); }
+    Routing::Gmp::Tidal::Status* gmpTidalStatus() const { return gmpTidalStatus_.get(); }
+    SsmGroupInfo* ssmGroupInfo() const { return ssmGroupInfo_.get(); }
+
+    CASK_ATTR(bool, initialized, Initialized)
+
+    // Paths of the shared-memory tables the VRF publishes.
+    std::string tidalPath(const char* table) const;
+
+private:
+    class MribWatcher;
+    void handleInitialized();
+
+    L3::VrfName vrf_;
+    const ParamsContainer& pc_;
+    Cask::Ptr<Platform::RegisterConfig> registerConfig_;
+    MfibDirWriter& mfibDirWriter_;
+    MrouteEventMonConfigSm& mrouteEventMonConfigSm_;
+    bool initialized_ = false;
+
+    Cask::Ptr<Routing::Pim::Status> pimStatus_;
+    std::unique_ptr<Status> status_;
+    Cask::Ptr<UnicastRoutingStatus> unicastRoutingStatus_;
+    std::unique_ptr<MribWatcher> mribWatcher_;
+    Cask::Ptr<Routing::Pim::GroupFilterStatus> groupFilterStatus_;
+    Cask::Ptr<FrrFilterStatus> frrFilterStatus_;
+    Cask::Ptr<LocalStatus> localStatus_;
+    Cask::Ptr<Routing::Gmp::Tidal::Status> gmpTidalStatus_;
+    Cask::Ptr<SsmGroupInfo> ssmGroupInfo_;
+};
+
+}  // namespace Routing::Pim::SparseMode

@@ -1,0 +1,130 @@
+#pragma once
+// StateDb: the in-process stand-in for the operating system's state
+// database and shared-memory tables, for one address family. Other parts of
+// the system (VRF manager, configuration, PIM neighbour side, unicast
+// routing, kernel, hardware, restart manager) publish here; the agent's
+// root machine watches it and the VRF's machines read and write the records
+// in it. Tests and the scenario driver play the other parts by writing it.
+//
+// Every VRF-indexed input is one collection of this record, so one watcher
+// sees a change to any of them with the VRF it concerns. The agent's
+// "mounts" (namespace status, shared-memory tables) are recorded by path in
+// `mount`, so what the agent mounted and unmounted can be seen.
+
+#include <string>
+
+#include "cask/collection.h"
+#include "platform/group_ranges.h"
+#include "platform/mcast_boundary.h"
+#include "platform/membership.h"
+#include "platform/mroute_clear.h"
+#include "platform/pim_status.h"
+#include "platform/vrf_records.h"
+#include "wirl/address_family.h"
+#include "wirl/namespace_name.h"
+#include "wirl/vrf_name.h"
+
+namespace Platform {
+
+class StateDb : public Cask::Record<StateDb> {
+public:
+    using Vrf = L3::VrfName;
+    class Notifiee : public Cask::NotifieeOf<StateDb> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        // Inputs, per VRF.
+        virtual void handleVrfStatusLocal(const Vrf&) {}
+        virtual void handlePimEnabledVrf(const Vrf&) {}
+        virtual void handleConfig(const Vrf&) {}
+        virtual void handleClearConfig(const Vrf&) {}
+        virtual void handlePimStatus(const Vrf&) {}
+        virtual void handleBsrCrpStatus(const Vrf&) {}
+        virtual void handleDiscoveredSg(const Vrf&) {}
+        virtual void handleVifStatus(const Vrf&) {}
+        virtual void handleMribVrfStatus(const Vrf&) {}
+        virtual void handleStaticRpConfig(const Vrf&) {}
+        virtual void handleRpConfig(const Vrf&) {}
+        virtual void handleHwMfibStatus(const Vrf&) {}
+        virtual void handleNsfStatus(const Vrf&) {}
+        virtual void handleFibReady(const Vrf&) {}
+        virtual void handleMembershipTable(const Vrf&) {}
+        // Inputs for the whole address family.
+        virtual void handleMcastBoundaryStatus() {}
+        virtual void handleNamespace(const Wirl::NamespaceName&) {}
+        virtual void handleStandby() {}
+        virtual void handleOption(const std::string&) {}
+        // Written by the agent.
+        virtual void handleStaticRpStatus(const Vrf&) {}
+        virtual void handleRegisterConfig(const Vrf&) {}
+        virtual void handleMount(const std::string&) {}
+    };
+
+    explicit StateDb(Wirl::AddressFamily family) : family_(family) {}
+    Wirl::AddressFamily family() const { return family_; }
+
+    // --- per-VRF inputs ----------------------------------------------------
+    // The VRFs that exist, with their namespace.
+    CASK_RECORD_MAP(vrfStatusLocal, VrfStatusLocal, Vrf, VrfStatusLocal, "Platform::StateDb")
+    // VRFs in which PIM sparse mode is enabled (the global PIM status).
+    CASK_KEY_SET(pimEnabledVrf, PimEnabledVrf, Vrf)
+    CASK_RECORD_MAP(config, Config, Vrf, Routing::Pim::SparseMode::Config, "Platform::StateDb")
+    CASK_RECORD_MAP(clearConfig, ClearConfig, Vrf, Routing::Pim::ClearMrouteConfig,
+                    "Platform::StateDb")
+    CASK_RECORD_MAP(pimStatus, PimStatus, Vrf, Routing::Pim::Status, "Platform::StateDb")
+    CASK_RECORD_MAP(bsrCrpStatus, BsrCrpStatus, Vrf, BsrCrpStatus, "Platform::StateDb")
+    CASK_RECORD_MAP(discoveredSg, DiscoveredSg, Vrf, DiscoveredSgStatus, "Platform::StateDb")
+    CASK_RECORD_MAP(vifStatus, VifStatus, Vrf, VifStatus, "Platform::StateDb")
+    CASK_RECORD_MAP(mribVrfStatus, MribVrfStatus, Vrf, MribVrfStatus, "Platform::StateDb")
+    CASK_RECORD_MAP(staticRpConfig, StaticRpConfig, Vrf, RpMapping, "Platform::StateDb")
+    CASK_RECORD_MAP(rpConfig, RpConfig, Vrf, RpMapping, "Platform::StateDb")
+    CASK_RECORD_MAP(hwMfibStatus, HwMfibStatus, Vrf, HwMfibStatus, "Platform::StateDb")
+    CASK_RECORD_MAP(nsfStatus, NsfStatus, Vrf, NsfStatus, "Platform::StateDb")
+    // The forwarding plane is ready for the VRF (after a restart).
+    CASK_VALUE_MAP(fibReady, FibReady, Vrf, bool)
+    // Shared-memory membership table of each VRF (written by IGMP / MLD).
+    CASK_RECORD_MAP(membershipTable, MembershipTable, Vrf, Routing::Gmp::Tidal::Status,
+                    "Platform::StateDb")
+
+    // --- address-family-wide inputs -----------------------------------------
+    CASK_ATTR(Cask::Ptr<Routing::McastBoundary::Status>, mcastBoundaryStatus, McastBoundaryStatus)
+    // Kernel network namespaces that exist.
+    CASK_KEY_SET(namespace_, Namespace, Wirl::NamespaceName)
+    // The supervisor this agent runs on is the standby one.
+    CASK_ATTR(bool, standby, Standby)
+    // Agent options ("maxRoutes", "maxRouteIntfs"), as text.
+    CASK_VALUE_MAP(option, Option, std::string, std::string)
+
+    // --- written by the agent ----------------------------------------------
+    // The RP mapping in force, per VRF (from the static RP configuration).
+    CASK_RECORD_MAP(staticRpStatus, StaticRpStatus, Vrf, RpMapping, "Platform::StateDb")
+    CASK_RECORD_MAP(registerConfig, RegisterConfig, Vrf, RegisterConfig, "Platform::StateDb")
+    // Paths the agent has mounted (namespace status, shared-memory tables).
+    CASK_KEY_SET(mount, Mount, std::string)
+
+private:
+    Wirl::AddressFamily family_;
+    Cask::RecordMap<Vrf, VrfStatusLocal> vrfStatusLocal_;
+    Cask::KeySet<Vrf> pimEnabledVrf_;
+    Cask::RecordMap<Vrf, Routing::Pim::SparseMode::Config> config_;
+    Cask::RecordMap<Vrf, Routing::Pim::ClearMrouteConfig> clearConfig_;
+    Cask::RecordMap<Vrf, Routing::Pim::Status> pimStatus_;
+    Cask::RecordMap<Vrf, BsrCrpStatus> bsrCrpStatus_;
+    Cask::RecordMap<Vrf, DiscoveredSgStatus> discoveredSg_;
+    Cask::RecordMap<Vrf, VifStatus> vifStatus_;
+    Cask::RecordMap<Vrf, MribVrfStatus> mribVrfStatus_;
+    Cask::RecordMap<Vrf, RpMapping> staticRpConfig_;
+    Cask::RecordMap<Vrf, RpMapping> rpConfig_;
+    Cask::RecordMap<Vrf, HwMfibStatus> hwMfibStatus_;
+    Cask::RecordMap<Vrf, NsfStatus> nsfStatus_;
+    Cask::ValueMap<Vrf, bool> fibReady_;
+    Cask::RecordMap<Vrf, Routing::Gmp::Tidal::Status> membershipTable_;
+    Cask::Ptr<Routing::McastBoundary::Status> mcastBoundaryStatus_;
+    Cask::KeySet<Wirl::NamespaceName> namespace__;
+    bool standby_ = false;
+    Cask::ValueMap<std::string, std::string> option_;
+    Cask::RecordMap<Vrf, RpMapping> staticRpStatus_;
+    Cask::RecordMap<Vrf, RegisterConfig> registerConfig_;
+    Cask::KeySet<std::string> mount_;
+};
+
+}  // namespace Platform
