@@ -1,0 +1,59 @@
+#include "pimsm/route/route_count_sm.h"
+
+#include <utility>
+
+#include "cask/assert.h"
+#include "cask/trace.h"
+
+namespace Routing::Pim::SparseMode {
+
+RouteCountSm::RouteCountSm(L3::VrfName vrfName, Cask::Ptr<LocalStatus> localStatus,
+                           Cask::Ptr<Routing::Pim::RpfStatus> rpfStatus,
+                           Cask::Ptr<Tidal::Status> tidalStatus)
+    : vrfName_(std::move(vrfName)),
+      localStatus_(std::move(localStatus)),
+      rpfStatus_(std::move(rpfStatus)),
+      tidalStatus_(std::move(tidalStatus)) {
+    CASK_ASSERT(localStatus_ && rpfStatus_ && tidalStatus_, "RouteCountSm inputs");
+    notifierIs(localStatus_.get());
+    rpfStatusWatcher_.notifierIs(rpfStatus_.get());
+}
+
+void RouteCountSm::handleInitialized() {
+    CASK_TRACE(6, "<Vrf:{}>RouteCountSm::handleInitialized()", vrfName_);
+    handleUnresolvedRoute(Routing::Pim::RouteKey{});
+    handleToBeDeletedRoute(Routing::Pim::RouteKey{});
+    handleSwitchingRoute(Routing::Pim::RouteKey{});
+}
+
+void RouteCountSm::handleUnresolvedRoute(const Routing::Pim::RouteKey& key) {
+    CASK_TRACE(6, "<Vrf:{}>RouteCountSm::handleUnresolvedRoute({})", vrfName_, key);
+    doWrite(Tidal::unresolvedRouteCount, rpfStatus_->unresolvedRouteSize());
+}
+
+void RouteCountSm::handleToBeDeletedRoute(const Routing::Pim::RouteKey& key) {
+    CASK_TRACE(6, "<Vrf:{}>RouteCountSm::handleToBeDeletedRoute({})", vrfName_, key);
+    doWrite(Tidal::toBeDeletedRouteCount, localStatus_->toBeDeletedRouteSize());
+}
+
+void RouteCountSm::handleSwitchingRoute(const Routing::Pim::RouteKey& key) {
+    CASK_TRACE(6, "<Vrf:{}>RouteCountSm::handleSwitchingRoute({})", vrfName_, key);
+    doWrite(Tidal::switchingRouteCount, localStatus_->switchingRouteSize());
+}
+
+void RouteCountSm::doWrite(Tidal::RouteCounterKind kind, std::size_t count) {
+    const Tidal::RouteCounterKey key{kind, 0};
+    tidalStatus_->routeCounterIs(Tidal::RouteCounter{key, static_cast<std::uint32_t>(count)});
+}
+
+std::unique_ptr<RouteCountSm> routeCountSmFactory(L3::VrfName vrfName,
+                                                  Cask::Ptr<LocalStatus> localStatus,
+                                                  Cask::Ptr<Routing::Pim::RpfStatus> rpfStatus,
+                                                  Cask::Ptr<Tidal::Status> tidalStatus) {
+    auto sm = std::make_unique<RouteCountSm>(std::move(vrfName), std::move(localStatus),
+                                             std::move(rpfStatus), std::move(tidalStatus));
+    sm->handleInitialized();
+    return sm;
+}
+
+}  // namespace Routing::Pim::SparseMode

@@ -1,0 +1,516 @@
+#include "pimsm/route/route_review_sm.h"
+
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "cask/assert.h"
+#include "cask/review_slice.h"
+#include "cask/trace.h"
+
+namespace Routing::Pim::SparseMode {
+
+#define REVIEW_TRACE(lvl, f, ...) \
+    CASK_TRACE(lvl, "<Vrf:{}>" f, in_.vrfName __VA_OPT__(, ) __VA_ARGS__)
+
+using Routing::Pim::NeighborKey;
+using Routing::Pim::RouteKey;
+using Wirl::IntfId;
+
+// --- watchers ----------------------------------------------------------------
+// Each forwards the changes of one input record to the review's handlers.
+
+namespace {
+
+template <class R>
+class Forward : public R::Notifiee {
+public:
+    explicit Forward(RouteReviewSm& sm) : sm_(sm) {}
+
+protected:
+    RouteReviewSm& sm_;
+};
+
+class LocalStatusWatcher : public Forward<LocalStatus> {
+public:
+    LocalStatusWatcher(RouteReviewSm& sm, Forward<ChangeSet>& changeSet)
+        : Forward(sm), changeSet_(changeSet) {}
+    void handleChangeSet() override { changeSet_.notifierIs(notifier()->changeSet()); }
+
+private:
+    Forward<ChangeSet>& changeSet_;
+};
+
+class ChangeSetWatcher : public Forward<ChangeSet> {
+public:
+    using Forward::Forward;
+    void handleRoutesMarkedForDeletion() override {
+        if (notifier()->routesMarkedForDeletion()) sm_.handleRoutesMarkedForDeletion();
+    }
+};
+
+class ConfigWatcher : public Forward<Config> {
+public:
+    using Forward::Forward;
+    void handleSsmRange() override { sm_.handleSsmConfig(); }
+};
+
+class GroupFilterWatcher : public Forward<Routing::Pim::GroupFilterStatus> {
+public:
+    using Forward::Forward;
+    void handleBidirRange() override { sm_.handleGroupFilterStatus(); }
+};
+
+class FrrFilterWatcher : public Forward<FrrFilterStatus> {
+public:
+    using Forward::Forward;
+    void handleFrrRange() override { sm_.handleFrrFilterStatus(); }
+};
+
+class MfibConfigWatcher : public Forward<Routing::Multicast::Fib::Config> {
+public:
+    using Forward::Forward;
+    void handleClearMfibCount() override { sm_.handleClearMfibCount(); }
+};
+
+class ClearConfigWatcher : public Forward<Routing::Pim::ClearMrouteConfig> {
+public:
+    using Forward::Forward;
+    void handleClearRoutesCount() override { sm_.handleClearRoutes(); }
+    void handleClearCountersCount() override { sm_.handleClearCounters(); }
+};
+
+class RpfStatusWatcher : public Forward<Routing::Pim::RpfStatus> {
+public:
+    using Forward::Forward;
+    void handleRpfRouteChangedCount() override { sm_.handleRpfRouteChange(); }
+};
+
+class PimStatusWatcher : public Forward<Routing::Pim::Status> {
+public:
+    using Forward::Forward;
+    void handleIntf(IntfId intf) override { sm_.handlePimIntf(intf); }
+    void handleActiveNeighbor(const NeighborKey& k) override { sm_.handleNeighbor(k); }
+};
+
+class BoundaryStatusWatcher : public Forward<Routing::McastBoundary::Status> {
+public:
+    using Forward::Forward;
+    void handleIntf(IntfId intf) override { sm_.handleMcastBoundaryStatus(intf); }
+};
+
+class FailoverWatcher : public Forward<Routing::Multicast::Fib::SparseModeStatus> {
+public:
+    using Forward::Forward;
+    void handleFastFailoverIntf(IntfId intf) override { sm_.handleFastFailoverIntf(intf); }
+};
+
+class VxlanWatcher : public Forward<Routing::Multicast::VxlanStatus> {
+public:
+    using Forward::Forward;
+    void handleVxlanIntf(IntfId intf) override { sm_.handleMcastVxlanIntf(intf); }
+};
+
+class NeighborWatcher : public Forward<Routing::Pim::PimNeighborStatus> {
+public:
+    NeighborWatcher(RouteReviewSm& sm, Routing::Pim::PimNeighborStatus* nbr) : Forward(sm) {
+        notifierIs(nbr);
+    }
+    void handleGenId() override { sm_.handleNeighborGenId(notifier()->key()); }
+    void handlePortInfo() override { sm_.handleNeighborPortInfo(notifier()->key()); }
+};
+
+template <class W, class R>
+void attach(std::unique_ptr<W>& w, RouteReviewSm& sm, R* record) {
+    if (!record) return;
+    w = std::make_unique<W>(sm);
+    w->notifierIs(record);
+}
+
+}  // namespace
+
+class RouteReviewSm::Watchers {
+public:
+    std::unique_ptr<ChangeSetWatcher> changeSet;
+    std::unique_ptr<LocalStatusWatcher> localStatus;
+    std::unique_ptr<ConfigWatcher> config;
+    std::unique_ptr<GroupFilterWatcher> groupFilter;
+    std::unique_ptr<FrrFilterWatcher> frrFilter;
+    std::unique_ptr<MfibConfigWatcher> mfibConfig;
+    std::unique_ptr<ClearConfigWatcher> clearConfig;
+    std::unique_ptr<RpfStatusWatcher> rpfStatus;
+    std::unique_ptr<PimStatusWatcher> pimStatus;
+    std::unique_ptr<BoundaryStatusWatcher> boundary;
+    std::unique_ptr<FailoverWatcher> failover;
+    std::unique_ptr<VxlanWatcher> vxlan;
+};
+
+// One PIM interface: its DR, border flag, source injection, address, and
+// its neighbours (each with a watcher of its own).
+class RouteReviewSm::PimIntfWatcher : public Forward<Routing::Pim::PimIntfStatus> {
+public:
+    PimIntfWatcher(RouteReviewSm& sm, Routing::Pim::PimIntfStatus* intf) : Forward(sm) {
+        notifierIs(intf);
+        for (const auto& [addr, nbr] : intf->neighbor()) {
+            neighbor_[addr] = std::make_unique<NeighborWatcher>(sm, nbr.get());
+        }
+    }
+    void handleUsedAddr() override { sm_.handleAddress(notifier()->intfId()); }
+    void handleUsedMaskLen() override { sm_.handleAddress(notifier()->intfId()); }
+    void handleUsedDr() override { sm_.handleUsedDr(notifier()->intfId()); }
+    void handleMbr() override { sm_.handleMbr(notifier()->intfId()); }
+    void handleSourceInject() override { sm_.handleSourceInject(notifier()->intfId()); }
+    void handleNeighbor(const Wirl::IpGenAddr& addr) override {
+        auto* nbr = notifier()->neighbor(addr).get();
+        if (nbr) {
+            auto& w = neighbor_[addr];
+            if (!w || w->notifier() != nbr) w = std::make_unique<NeighborWatcher>(sm_, nbr);
+        } else {
+            neighbor_.erase(addr);
+        }
+        sm_.handleNeighbor(NeighborKey{notifier()->intfId(), addr});
+    }
+
+private:
+    std::map<Wirl::IpGenAddr, std::unique_ptr<NeighborWatcher>> neighbor_;
+};
+
+// The multicast boundary of one PIM interface.
+class RouteReviewSm::BoundaryWatcher : public Forward<Routing::McastBoundary::IntfBoundary> {
+public:
+    BoundaryWatcher(RouteReviewSm& sm, IntfId intf) : Forward(sm), intf_(intf) {}
+    void handleGroups() override { sm_.handleMcastBoundaryStatus(intf_); }
+
+private:
+    IntfId intf_;
+};
+
+// --- life cycle --------------------------------------------------------------
+
+RouteReviewSm::RouteReviewSm(RouteReviewInputs inputs) : in_(std::move(inputs)) {
+    CASK_ASSERT(in_.loop && in_.config && in_.status && in_.localStatus && in_.rpfConfig &&
+                    in_.rpfStatus && in_.pimStatus,
+                "RouteReviewSm inputs");
+}
+
+RouteReviewSm::~RouteReviewSm() {
+    // Reactors refer to this machine: they go first.
+    routeSm_.clear();
+}
+
+std::unique_ptr<RouteReviewSm> routeReviewSmFactory(RouteReviewInputs inputs) {
+    auto sm = std::make_unique<RouteReviewSm>(std::move(inputs));
+    sm->handleInitialized();
+    return sm;
+}
+
+void RouteReviewSm::handleInitialized() {
+    if (!initialized_) doInitialize();
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::doInitialize() {
+    reviewTimer_ = std::make_unique<Cask::ReviewTimer>(
+        *in_.loop, Cask::ReviewTimer::defaultFillInterval, Cask::ReviewTimer::defaultCredits,
+        static_cast<float>(minDelay_), static_cast<float>(maxDelay_), [this] { doReview(); });
+    ssmBefore_ = Cask::make<Config>(in_.config->family());
+    ssmSeen_ = Cask::make<Config>(in_.config->family());
+    ssmSeen_->ssmRangeIs(in_.config->ssmRange());
+    watchers_ = std::make_unique<Watchers>();
+    Watchers& w = *watchers_;
+    notifierIs(in_.status.get());
+    w.changeSet = std::make_unique<ChangeSetWatcher>(*this);
+    w.changeSet->notifierIs(in_.localStatus->changeSet());
+    w.localStatus = std::make_unique<LocalStatusWatcher>(*this, *w.changeSet);
+    w.localStatus->notifierIs(in_.localStatus.get());
+    attach(w.config, *this, in_.config.get());
+    attach(w.groupFilter, *this, in_.localStatus->groupFilterStatus());
+    attach(w.frrFilter, *this, in_.localStatus->frrFilterStatus());
+    attach(w.mfibConfig, *this, in_.mfibConfig.get());
+    attach(w.clearConfig, *this, in_.clearConfig.get());
+    attach(w.rpfStatus, *this, in_.rpfStatus.get());
+    attach(w.pimStatus, *this, in_.pimStatus.get());
+    attach(w.boundary, *this, in_.mcastBoundaryStatus.get());
+    attach(w.failover, *this, in_.failoverIntfs.get());
+    attach(w.vxlan, *this, in_.mcastVxlanStatus.get());
+    for (const auto& [id, rec] : in_.pimStatus->intf()) doUpdatePimIntfWatchers(id);
+    std::vector<Cask::Ptr<Route>> routes;
+    for (const auto& [key, route] : in_.status->route()) routes.push_back(route);
+    for (const auto& route : routes) routeSmFactory(*this, route);
+    initialized_ = true;
+}
+
+RouteSm* RouteReviewSm::routeSm(const RouteKey& k) const {
+    auto it = routeSm_.find(k);
+    return it == routeSm_.end() ? nullptr : it->second.get();
+}
+
+RouteSm* RouteReviewSm::routeSmIs(const RouteKey& k, std::unique_ptr<RouteSm> sm) {
+    auto& slot = routeSm_[k];
+    slot = std::move(sm);
+    return slot.get();
+}
+
+void RouteReviewSm::handleRoute(const RouteKey& key) {
+    if (auto route = in_.status->route(key)) {
+        if (routeSm(key)) return;
+        REVIEW_TRACE(6, "RouteReviewSm::handleRoute({}), Route added", key);
+        routeSmFactory(*this, route);
+        return;
+    }
+    auto it = routeSm_.find(key);
+    if (it == routeSm_.end()) return;
+    // Out of the map first: the route may be created again while it unwinds.
+    auto sm = std::move(it->second);
+    routeSm_.erase(it);
+    REVIEW_TRACE(6, "RouteReviewSm::handleRoute({}), Route deleted", key);
+    sm->handleDelete();
+}
+
+// --- input handlers ------------------------------------------------------------
+
+void RouteReviewSm::doUpdatePimIntfWatchers(IntfId intf) {
+    auto* rec = in_.pimStatus->intfRaw(intf);
+    if (!rec) {
+        pimIntf_.erase(intf);
+        intfBoundaryStatus_.erase(intf);
+        return;
+    }
+    auto& w = pimIntf_[intf];
+    if (!w || w->notifier() != rec) w = std::make_unique<PimIntfWatcher>(*this, rec);
+    auto& b = intfBoundaryStatus_[intf];
+    if (!b) b = std::make_unique<BoundaryWatcher>(*this, intf);
+    auto* boundary = in_.mcastBoundaryStatus ? in_.mcastBoundaryStatus->intf(intf).get() : nullptr;
+    b->notifierIs(boundary);
+}
+
+void RouteReviewSm::handlePimIntf(IntfId intf) {
+    doUpdatePimIntfWatchers(intf);
+    IntfChange& c = in_.localStatus->changeSet()->intfChangeIs(intf);
+    c.intfStatusChanged = true;
+    // Gone: its interface records go too. Back again: they stay.
+    c.toBeDeleted = !in_.pimStatus->intfHas(intf);
+    REVIEW_TRACE(6, "RouteSm: Interface {} changed", intf);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleUsedDr(IntfId intf) {
+    in_.localStatus->changeSet()->intfChangeIs(intf).drStatusChanged = true;
+    REVIEW_TRACE(6, "RouteSm: Interface {} DR status changed", intf);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleMbr(IntfId intf) {
+    in_.localStatus->changeSet()->intfChangeIs(intf).mbrStatusChanged = true;
+    REVIEW_TRACE(6, "RouteSm: Interface {} MBR status changed", intf);
+    auto* rec = in_.pimStatus->intfRaw(intf);
+    REVIEW_TRACE(7, "RouteReviewSm::handleMbr() {} {}",
+                 rec && rec->mbr() ? "Add mbrIntf" : "Del mbrIntf", intf);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleSourceInject(IntfId intf) {
+    in_.localStatus->changeSet()->intfChangeIs(intf).sourceInjectChanged = true;
+    REVIEW_TRACE(6, "RouteSm: Interface {} source inject changed", intf);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleAddress(IntfId intf) {
+    in_.localStatus->changeSet()->intfChangeIs(intf).addressChanged = true;
+    REVIEW_TRACE(6, "RouteSm: Interface {} address changed", intf);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleNeighbor(const NeighborKey& nbr) {
+    in_.localStatus->changeSet()->neighborChangeIs(nbr).neighborStatusChanged = true;
+    REVIEW_TRACE(6, "RouteSm: Neighbor {} state changed", nbr);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleNeighborGenId(const NeighborKey& nbr) {
+    in_.localStatus->changeSet()->neighborChangeIs(nbr).genIdChanged = true;
+    REVIEW_TRACE(6, "RouteSm: Neighbor {} Gen ID changed", nbr);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleNeighborPortInfo(const NeighborKey& nbr) {
+    // A new transport for the neighbour's Join/Prunes: the routes toward it
+    // re-send their state as after a status change.
+    in_.localStatus->changeSet()->neighborChangeIs(nbr).neighborStatusChanged = true;
+    REVIEW_TRACE(6, "RouteSm: Neighbor {} PortInfo changed", nbr);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleFastFailoverIntf(IntfId intf) {
+    in_.localStatus->changeSet()->intfChangeIs(intf).fastFailoverChanged = true;
+    REVIEW_TRACE(6, "RouteSm: Interface {} fast failover changed", intf);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleMcastBoundaryStatus(IntfId intf) {
+    if (intfBoundaryStatus_.contains(intf)) doUpdatePimIntfWatchers(intf);
+    in_.localStatus->changeSet()->intfChangeIs(intf).boundaryStatusChanged = true;
+    REVIEW_TRACE(6, "RouteSm: Boundary status changed {}", intf);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleMcastVxlanIntf(IntfId intf) {
+    in_.localStatus->changeSet()->intfChangeIs(intf).vxlanIntfChanged = true;
+    REVIEW_TRACE(6, "RouteSm: Interface {} multicast vxlan status changed", intf);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleSsmConfig() {
+    REVIEW_TRACE(6, "RouteReviewSm::handleSsmConfig()");
+    in_.localStatus->changeSet()->ssmConfigChangedIs(true);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleGroupFilterStatus() {
+    REVIEW_TRACE(6, "RouteReviewSm::handleGroupFilterStatus()");
+    in_.localStatus->changeSet()->groupFilterStatusChangedIs(true);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleFrrFilterStatus() {
+    REVIEW_TRACE(6, "RouteReviewSm::handleFrrFilterStatus()");
+    in_.localStatus->changeSet()->frrFilterStatusChangedIs(true);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleClearMfibCount() {
+    REVIEW_TRACE(6, "RouteReviewSm::handleClearMfibCount()");
+    in_.localStatus->changeSet()->resurrectMfibIs(true);
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleRoutesMarkedForDeletion() {
+    REVIEW_TRACE(6, "RouteReviewSm::handleRoutesMarkedForDeletion()");
+    doUpdateReviewTimer();
+}
+
+void RouteReviewSm::handleClearCounters() {
+    REVIEW_TRACE(6, "RouteReviewSm::handleClearCounters()");
+    if (pimCounters_) pimCounters_->clearAll();
+}
+
+void RouteReviewSm::handleRpfRouteChange() {
+    // Copied: a reaction may publish the next batch.
+    const std::vector<RouteKey> keys = in_.rpfStatus->rpfRouteChangedRoute();
+    REVIEW_TRACE(6, "RouteReviewSm::handleRpfRouteChange() routes: {}", keys.size());
+    for (const auto& key : keys) {
+        auto route = in_.status->route(key);
+        if (!route) continue;
+        REVIEW_TRACE(7, "RouteReviewSm::handleRpfRouteChange(): RPF route changed for route {}",
+                     key);
+        route->changeFlagsIs(ChangeFlags{ChangeFlags::Bit::rpfRouteChanged});
+        route->routeChangedInc();
+        route->changeFlagsIs(ChangeFlags{});
+    }
+}
+
+// --- clear requests ------------------------------------------------------------
+
+void RouteReviewSm::handleClearRoutes() {
+    const auto& cc = *in_.clearConfig;
+    auto flags = cc.flags();
+    REVIEW_TRACE(6, "RouteReviewSm::handleClearRoutes() config flags {} group {} source {}", flags,
+                 cc.group(), cc.source());
+    if (flags.empty()) return;
+    if (flags.has(Routing::Pim::MrouteClearFlags::Bit::singleRoute)) {
+        const bool wc = cc.source().family() == Wirl::AddressFamily::ipunknown;
+        const RouteKey key = wc ? RouteKey::wc(cc.group()) : RouteKey(cc.source(), cc.group());
+        if (!in_.status->route(key)) {
+            REVIEW_TRACE(6, "RouteReviewSm::handleClearRoutes() route {} not found", key);
+            return;
+        }
+        deleteOrResurrect(key);
+        return;
+    }
+    auto* info = in_.localStatus->changeSet()->clearInfo();
+    if (!info->flags().empty() &&
+        (info->flags() != flags || info->group() != cc.group() || info->source() != cc.source())) {
+        // Two different requests before one review: clearing everything
+        // covers both, where keeping only the latest would drop the first.
+        flags = Routing::Pim::MrouteClearFlags{Routing::Pim::MrouteClearFlags::Bit::allRoutes};
+    }
+    info->groupIs(cc.group());
+    info->sourceIs(cc.source());
+    info->flagsIs(flags);
+    REVIEW_TRACE(6, "RouteReviewSm::handleClearRoutes() changeSet flags {}", flags);
+    doUpdateReviewTimer();
+}
+
+// --- the review ---------------------------------------------------------------
+
+void RouteReviewSm::doUpdateReviewTimer() {
+    if (!initialized_) return;
+    if (reviewTimer_->reviewPending()) {
+        REVIEW_TRACE(8, "RouteReviewSm::doUpdateReviewTimer(): review pending");
+        return;
+    }
+    if (!in_.status->initialized()) {
+        REVIEW_TRACE(7, "RouteReviewSm::doUpdateReviewTimer(): wait for all routes to be read");
+        return;
+    }
+    if (in_.localStatus->changeSet()->empty()) {
+        REVIEW_TRACE(8, "RouteReviewSm::doUpdateReviewTimer(): changeSet is empty!!!");
+        return;
+    }
+    REVIEW_TRACE(7, "RouteReviewSm::doUpdateReviewTimer()");
+    reviewTimer_->doUpdateNextReview();
+}
+
+void RouteReviewSm::doReview() {
+    LocalStatus& ls = *in_.localStatus;
+    const Cask::Clock& clock = in_.loop->clock();
+    if (reviewBookmark_.isNull()) {
+        REVIEW_TRACE(4, "RouteReviewSm: Starting new review");
+        ls.reviewChangeSetIs(Cask::Ptr<ChangeSet>(ls.changeSet()));
+        ls.changeSetIs(LocalStatus::newChangeSet());
+        if (ls.reviewChangeSet()->ssmConfigChanged()) {
+            ssmBefore_->ssmRangeIs(ssmSeen_->ssmRange());
+            ssmSeen_->ssmRangeIs(in_.config->ssmRange());
+        }
+    } else {
+        REVIEW_TRACE(6, "RouteReviewSm: Resuming review at: {}", reviewBookmark_);
+    }
+    const Cask::Ptr<ChangeSet> cs(ls.reviewChangeSet());
+    if (Cask::trace().on(8)) {
+        for (const auto& [id, c] : cs->intfChange()) {
+            REVIEW_TRACE(8, "RouteReviewSm::doReview(), new interface: {}", id);
+        }
+        for (const auto& [k, c] : cs->neighborChange()) {
+            REVIEW_TRACE(8, "RouteReviewSm::doReview(), new neighbor: {}", k);
+        }
+        const auto start = clock.now();
+        REVIEW_TRACE(8,
+                     "RouteReviewSm::doReview(), start time: {}, stop time: {} review quantum: {}",
+                     start, start + reviewQuantum_, reviewQuantum_);
+    }
+    const auto result = Cask::reviewSlice(in_.status->route(), reviewBookmark_, clock,
+                                          reviewQuantum_, [&](const RouteKey& key) {
+                                              doReviewRoute(key, *cs);
+                                              if (!cs->resurrectMfib()) return;
+                                              if (auto* route = in_.status->route(key).get()) {
+                                                  route->mfibChangeCountInc();
+                                              }
+                                          });
+    if (result == Cask::SliceResult::suspended) {
+        REVIEW_TRACE(6, "RouteReviewSm: Suspending review at: {}", reviewBookmark_);
+        reviewTimer_->timer().timeMinIs(in_.loop->now());
+        return;
+    }
+    const bool cleared = cs->clearInfo() && !cs->clearInfo()->flags().empty();
+    if (cleared) {
+        REVIEW_TRACE(4, "RouteReviewSm: Finished review, set clearMroutes");
+        ls.numClearMroutesInc();
+    } else {
+        REVIEW_TRACE(4, "RouteReviewSm: Finished review");
+    }
+    ls.reviewChangeSetIs(LocalStatus::newChangeSet());
+    doUpdateReviewTimer();
+}
+
+}  // namespace Routing::Pim::SparseMode

@@ -1,0 +1,342 @@
+// The per-route part of the route review: what one route gets from the
+// change set under review (doReviewRoute, in its ten steps), deletion and
+// resurrection, and the fast-failover upstream.
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "cask/trace.h"
+#include "pimsm/route/route_review_sm.h"
+
+namespace Routing::Pim::SparseMode {
+
+#define REVIEW_TRACE(lvl, f, ...) \
+    CASK_TRACE(lvl, "<Vrf:{}>" f, in_.vrfName __VA_OPT__(, ) __VA_ARGS__)
+
+using Routing::Pim::NeighborKey;
+using Routing::Pim::RouteKey;
+using Wirl::IntfId;
+
+// --- one route ------------------------------------------------------------------
+
+namespace {
+
+const IntfChange* intfChangeOf(const ChangeSet& cs, IntfId intf) {
+    if (intf.isNull()) return nullptr;
+    auto it = cs.intfChange().find(intf);
+    return it == cs.intfChange().end() ? nullptr : it->second.get();
+}
+
+bool anyFlag(const IntfChange& c) {
+    return c.intfStatusChanged || c.drStatusChanged || c.addressChanged || c.toBeDeleted ||
+           c.mbrStatusChanged || c.sourceInjectChanged || c.fastFailoverChanged ||
+           c.boundaryStatusChanged || c.vxlanIntfChanged;
+}
+
+// Does the clear request cover the route?
+bool covers(const Routing::Pim::ClearInfo& info, const RouteKey& key) {
+    using Bit = Routing::Pim::MrouteClearFlags::Bit;
+    const auto f = info.flags();
+    if (f.has(Bit::allRoutes)) return true;
+    const bool byGroup = f.has(Bit::group), bySource = f.has(Bit::source);
+    if (!byGroup && !bySource) return false;
+    if (byGroup && key.group() != info.group()) return false;
+    return !bySource || key.source() == info.source();
+}
+
+}  // namespace
+
+void RouteReviewSm::doReviewRoute(const RouteKey& key, ChangeSet& cs) {
+    const Cask::Ptr<Route> route = in_.status->route(key);
+    if (!route) return;
+    // 1-2: a cleared or marked route is deleted (or re-created fresh).
+    if (cs.clearInfo() && covers(*cs.clearInfo(), key)) {
+        REVIEW_TRACE(7, "RouteReviewSm::doReviewRoute({}): clearing route", key);
+        deleteOrResurrect(key);
+        return;
+    }
+    if (route->markedForDeletion()) {
+        deleteOrResurrect(key);
+        return;
+    }
+    // 3: interface records.
+    doReviewRouteIntf(*route, cs);
+    // 4-5: the group left sparse mode.
+    const auto& group = key.group();
+    auto* ssm = in_.localStatus->ssmGroupInfo();
+    if (cs.ssmConfigChanged() && ssm && ssm->ssmGroup(group, *in_.config) &&
+        !ssm->ssmGroup(group, *ssmBefore_)) {
+        REVIEW_TRACE(
+            6,
+            "RouteReviewSm::doReviewRoute({}): Marking route {} for deletion, group in SSM range",
+            key, key);
+        route->markedForDeletionIs(true);
+    }
+    auto* filter = in_.localStatus->groupFilterStatus();
+    if (cs.groupFilterStatusChanged() && filter &&
+        !filter->permitGroup(Wirl::IpGenPrefix::hostPrefix(group))) {
+        REVIEW_TRACE(6,
+                     "RouteReviewSm::doReviewRoute({}): Marking route {} for deletion, group is "
+                     "bidirectional",
+                     key, key);
+        route->markedForDeletionIs(true);
+    }
+    // 6: the fast-failover upstream.
+    const IntfChange* rpfChange = intfChangeOf(cs, route->iif());
+    if (cs.frrFilterStatusChanged() || (rpfChange && rpfChange->fastFailoverChanged)) {
+        doReviewUmhFrr(*route);
+    }
+    // 7-9: hand the route what touched its upstream.
+    ChangeFlags flags;
+    if (!cs.intfChange().empty() || !cs.neighborChange().empty()) {
+        flags = doReviewUpstream(*route, cs);
+    }
+    REVIEW_TRACE(8, "RouteReviewSm::doReviewRoute({}): Reviewing route {}, change flags: {}", key,
+                 key, flags);
+    if (!flags.empty()) {
+        route->changeFlagsIs(flags);
+        route->routeChangedInc();
+        route->changeFlagsIs(ChangeFlags{});
+    }
+    // 10.
+    doMaybeDeleteRoute(*route);
+}
+
+void RouteReviewSm::doReviewRouteIntf(Route& route, const ChangeSet& cs) {
+    if (route.routeIntfSize() == 0) return;
+    std::vector<IntfId> gone;
+    std::vector<std::pair<IntfId, IntfChangeFlags>> touched;
+    for (const auto& [id, intf] : route.routeIntf()) {
+        const IntfChange* c = intfChangeOf(cs, id);
+        if (intf->toBeDeleted() || (c && c->toBeDeleted)) {
+            gone.push_back(id);
+            continue;
+        }
+        if (!c) continue;
+        using Bit = IntfChangeFlags::Bit;
+        IntfChangeFlags f;
+        f.set(Bit::intfStatus, c->intfStatusChanged);
+        f.set(Bit::drStatus, c->drStatusChanged);
+        f.set(Bit::address, c->addressChanged);
+        f.set(Bit::boundary, c->boundaryStatusChanged);
+        f.set(Bit::vxlan, c->vxlanIntfChanged);
+        f.set(Bit::fastFailover, c->fastFailoverChanged);
+        if (!f.empty()) touched.emplace_back(id, f);
+    }
+    for (const auto id : gone) {
+        REVIEW_TRACE(7, "RouteReviewSm::doReviewRouteIntf({}): removing interface {}", route.key(),
+                     id);
+        route.routeIntfDel(id);
+    }
+    for (const auto& [id, f] : touched) {
+        auto intf = route.routeIntf(id);
+        if (!intf) continue;
+        using Bit = IntfChangeFlags::Bit;
+        const auto& k = route.key();
+        if (f.has(Bit::intfStatus)) {
+            REVIEW_TRACE(8, "RouteReviewSm::doReviewRouteIntf({}): Status changed for interface {}",
+                         k, id);
+        }
+        if (f.has(Bit::drStatus)) {
+            REVIEW_TRACE(8,
+                         "RouteReviewSm::doReviewRouteIntf({}): DR status changed on interface {}",
+                         k, id);
+        }
+        if (f.has(Bit::address)) {
+            REVIEW_TRACE(8, "RouteReviewSm::doReviewRouteIntf({}): Address changed on interface {}",
+                         k, id);
+        }
+        if (f.has(Bit::boundary)) {
+            REVIEW_TRACE(8, "RouteReviewSm::doReviewRouteIntf({}): Boundary status changed {}", k,
+                         id);
+        }
+        if (f.has(Bit::vxlan)) {
+            REVIEW_TRACE(
+                8, "RouteReviewSm::doReviewRouteIntf({}): Vxlan status changed on interface {}", k,
+                id);
+        }
+        if (f.has(Bit::fastFailover)) {
+            REVIEW_TRACE(
+                8, "RouteReviewSm::doReviewRouteIntf({}): Fast failover changed on interface {}", k,
+                id);
+        }
+        intf->changeFlagsIs(f);
+        intf->pimIntfChangedInc();
+        intf->changeFlagsIs(IntfChangeFlags{});
+    }
+}
+
+void RouteReviewSm::doReviewUmhFrr(Route& route) {
+    const auto* frr = in_.localStatus->frrFilterStatus();
+    const bool enabled = frr && frr->frrEnabled(route.key().group());
+    if (enabled && !route.umhFrr()) {
+        REVIEW_TRACE(6, "RouteReviewSm::doReviewRoute({}): create Frr for {}", route.key(),
+                     route.key());
+        route.umhFrrIs(doCreateUmhFrr(route));
+    } else if (!enabled && route.umhFrr()) {
+        REVIEW_TRACE(6, "RouteReviewSm::doReviewRoute({}): Frr disabled for {}", route.key(),
+                     route.key());
+        route.umhFrrIs(nullptr);
+    }
+}
+
+Cask::Ptr<UpstreamInfo> RouteReviewSm::doCreateUmhFrr(Route& route) const {
+    auto frr = Cask::make<UpstreamInfo>(&route, true);
+    const auto& target = route.isWc() ? route.umh()->rp() : route.key().source();
+    frr->doUpdateRpf(in_.rpfStatus->rpf(target));
+    return frr;
+}
+
+ChangeFlags RouteReviewSm::doReviewUpstream(Route& route, const ChangeSet& cs) {
+    using Bit = ChangeFlags::Bit;
+    ChangeFlags flags;
+    const auto& key = route.key();
+    const auto& pim = *in_.pimStatus;
+    auto sourceInject = [&](IntfId i) {
+        auto* rec = pim.intfRaw(i);
+        return rec && rec->sourceInject();
+    };
+    // 7: interfaces.
+    const IntfId iif = route.iif();
+    if (const IntfChange* c = intfChangeOf(cs, iif); c && anyFlag(*c)) {
+        REVIEW_TRACE(
+            7, "RouteReviewSm::doReviewRoute({}): Status changed for RPF interface {} for route {}",
+            key, iif, key);
+        flags.set(Bit::rpfIntfStatus);
+        if (c->boundaryStatusChanged && in_.mcastBoundaryStatus &&
+            in_.mcastBoundaryStatus->filters(iif, key.group())) {
+            REVIEW_TRACE(7,
+                         "RouteReviewSm::doReviewRoute({}): Boundary status changed for RPF "
+                         "interface {} for route {}",
+                         key, iif, key);
+            flags.set(Bit::rpfBoundary);
+        }
+        if (c->sourceInjectChanged) {
+            REVIEW_TRACE(
+                7,
+                "RouteReviewSm::doReviewRoute({}): Source inject on RPF intf {} is {} for route {}",
+                key, iif, sourceInject(iif), key);
+            flags.set(Bit::sourceInject);
+        }
+        if (c->drStatusChanged) {
+            if (pim.iAmDr(iif)) {
+                REVIEW_TRACE(7,
+                             "RouteReviewSm::doReviewRoute({}): Became DR on {} which is the RPF "
+                             "interface for {}",
+                             key, iif, key);
+            } else {
+                REVIEW_TRACE(7,
+                             "RouteReviewSm::doReviewRoute({}): No longer DR on {} which is the "
+                             "RPF interface for {}",
+                             key, iif, key);
+            }
+            flags.set(Bit::rpfDrStatus);
+        }
+    }
+    const IntfId prevIif = route.prevRpf().intf;
+    if (const IntfChange* c = intfChangeOf(cs, prevIif); c && anyFlag(*c)) {
+        REVIEW_TRACE(7,
+                     "RouteReviewSm::doReviewRoute({}): Status changed for prev RPF interface {} "
+                     "for route {}",
+                     key, prevIif, key);
+        flags.set(Bit::prevRpfIntfStatus);
+    }
+    const IntfId frrIif = route.rpfFrr().intf;
+    if (const IntfChange* c = intfChangeOf(cs, frrIif); c && anyFlag(*c)) {
+        REVIEW_TRACE(7,
+                     "RouteReviewSm::doReviewRoute({}): IntfStatus changed for RPF FRR interface "
+                     "{} for route {}",
+                     key, frrIif, key);
+        flags.set(Bit::rpfFrrIntfStatus);
+    }
+    const IntfId mbr = route.mbrIif();
+    if (const IntfChange* c = intfChangeOf(cs, mbr); c && anyFlag(*c)) {
+        REVIEW_TRACE(
+            7, "RouteReviewSm::doReviewRoute({}): Mbr Status changed for interface {} for route {}",
+            key, mbr, key);
+        flags.set(Bit::mbrIntfStatus);
+        if (c->sourceInjectChanged) {
+            REVIEW_TRACE(
+                7,
+                "RouteReviewSm::doReviewRoute({}): Source inject on MBR intf {} is {} for route {}",
+                key, mbr, sourceInject(mbr), key);
+            flags.set(Bit::sourceInject);
+        }
+    }
+    // 8: upstream neighbours; `flapText` names the neighbour when it is up
+    // again after a change.
+    auto neighbor = [&](const Routing::Pim::Rpf& rpf, Bit statusBit, Bit genIdBit,
+                        const char* which, const char* flapText) {
+        if (!rpf.hasNeighbor() || cs.neighborChange().empty()) return;
+        const NeighborKey nk{rpf.intf, rpf.neighbor};
+        auto it = cs.neighborChange().find(nk);
+        if (it == cs.neighborChange().end()) return;
+        const NeighborChange& c = *it->second;
+        if (c.neighborStatusChanged) {
+            REVIEW_TRACE(
+                7,
+                "RouteReviewSm::doReviewRoute({}): Status changed for {} neighbor {} for route {}",
+                key, which, rpf.neighbor, key);
+            flags.set(statusBit);
+            if (pim.activeNeighborHas(nk)) {
+                REVIEW_TRACE(7, "RouteReviewSm::doReviewRoute({}): {} flapped for route {}", key,
+                             fmt::format(fmt::runtime(flapText), rpf.neighbor, rpf.intf), key);
+            }
+        }
+        if (c.genIdChanged) {
+            REVIEW_TRACE(
+                7,
+                "RouteReviewSm::doReviewRoute({}): Gen ID changed for {} neighbor {} for route {}",
+                key, which, rpf.neighbor, key);
+            flags.set(genIdBit);
+        }
+    };
+    neighbor(route.rpf(), Bit::rpfNbrStatus, Bit::rpfNbrGenId, "RPF", "Neighbor {}");
+    neighbor(route.prevRpf(), Bit::prevRpfNbrStatus, Bit::prevRpfNbrGenId, "prev RPF",
+             "Prev neighbor {} on {}");
+    neighbor(route.rpfFrr(), Bit::rpfFrrNbrStatus, Bit::rpfFrrNbrGenId, "FRR RPF",
+             "FRR RPF neighbor {}");
+    return flags;
+}
+
+void RouteReviewSm::doMaybeDeleteRoute(Route& route) {
+    if (!route.markedForDeletion()) return;
+    const RouteKey key = route.key();
+    if (route.discoveredSg()) {
+        // Source discovery owns such a route; it is removed when its
+        // discovery input ends.
+        REVIEW_TRACE(7, "RouteReviewSm::doMaybeDeleteRoute({}): kept, discovered source", key);
+        return;
+    }
+    REVIEW_TRACE(6, "RouteReviewSm::doMaybeDeleteRoute({}): deleting route", key);
+    in_.status->routeDel(key);
+}
+
+void RouteReviewSm::deleteOrResurrect(const RouteKey& key) {
+    const auto route = in_.status->route(key);
+    if (!route) return;
+    std::vector<IntfId> include;
+    if (in_.membership) {
+        for (const auto& [id, intf] : route->routeIntf()) {
+            const auto m = in_.membership->membership({key, id});
+            if (m.filterMode != Routing::Gmp::Tidal::FilterMode::include) continue;
+            REVIEW_TRACE(7, "RouteReviewSm::deleteOrResurrect({}) Adding to Include: {}", key, id);
+            include.push_back(id);
+        }
+    }
+    REVIEW_TRACE(6, "RouteReviewSm::deleteOrResurrect({}) deleting route", key);
+    in_.status->routeDel(key);
+    if (include.empty()) return;
+    REVIEW_TRACE(4, "RouteReviewSm::deleteOrResurrect({}) Resurrecting route {}", key, key);
+    auto fresh = in_.status->routeIs(key);
+    for (const auto id : include) {
+        auto intf = fresh->routeIntfIs(id);
+        intf->localReceiverIncludeIs(true);
+        intf->initializedIs(true);
+        REVIEW_TRACE(7, "RouteReviewSm::deleteOrResurrect({}) Adding back to Include: {}", key, id);
+    }
+    fresh->initializedIs(true);
+}
+
+}  // namespace Routing::Pim::SparseMode

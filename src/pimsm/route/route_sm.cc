@@ -1,0 +1,195 @@
+#include "pimsm/route/route_sm.h"
+
+#include <fmt/format.h>
+
+#include "cask/collection.h"
+#include "cask/trace.h"
+#include "pimsm/route/route_review_sm.h"
+
+namespace Routing::Pim::SparseMode {
+
+#define ROUTE_SM_TRACE(lvl, f, ...) \
+    CASK_TRACE(lvl, "<Vrf:{}>" f, review_.vrfName() __VA_OPT__(, ) __VA_ARGS__)
+
+RouteSm::RouteSm(Cask::Ptr<Route> route, RouteReviewSm& review)
+    : Route::Notifiee(route.get()), route_(std::move(route)), review_(review) {
+    upstream_.notifierIs(route_->umh());
+}
+
+RouteSm::~RouteSm() = default;
+
+void RouteSm::intfIs(Wirl::IntfId i, std::unique_ptr<IntfSm> sm) {
+    if (!sm) {
+        throw Cask::NullInsertError(
+            "null _intf parameter to mutator for Routing::Pim::SparseMode::RouteSm::intf not "
+            "allowed");
+    }
+    intf_[i] = std::move(sm);
+}
+
+bool RouteSm::intfCarriesState(const Intf& intf) {
+    return intf.localMembership() || intf.localReceiverInclude() || intf.localReceiverExclude() ||
+           intf.joinState() != JoinState::noInfo || intf.rptState() != RptState::rptNoInfo ||
+           intf.assertInfo().assertState != AssertState::assertNoInfo;
+}
+
+void RouteSm::handleInitialized() {
+    handleRouteInitialized();
+    if (intf_.size() == route_->routeIntfSize()) return;
+    for (const auto& [id, intf] : route_->routeIntf()) {
+        if (!intfHas(id)) intfIs(id, std::make_unique<IntfSm>(*intf, *this));
+    }
+}
+
+void RouteSm::handleRouteInitialized() {
+    if (initialized_) return;
+    initialized_ = true;
+    Route& r = *route_;
+    const auto& key = r.key();
+    Status& status = review_.status();
+    LocalStatus& ls = review_.localStatus();
+    status.groupIs(key.group());
+    if (r.isWc()) {
+        r.wildCardIs(true);
+        ls.wcRouteIs(key, route_);
+        status.wcRouteCountIs(status.wcRouteCount() + 1);
+    } else {
+        status.sourceGroupAdd(key.source(), key.group());
+        ls.sgRouteIs(key, route_);
+        status.sgRouteCountIs(status.sgRouteCount() + 1);
+        ROUTE_SM_TRACE(7,
+                       "RouteSm::handleRouteInitialized({}) sgRoute: {} is created in localStatus",
+                       key, key);
+    }
+    ROUTE_SM_TRACE(7, "RouteSm: Route{} created, flags: {}, (*,G) routes: {}, (S,G) routes: {}",
+                   key, r.routeFlagsStr(), status.wcRouteCount(), status.sgRouteCount());
+    // Start consistent: the deletion mark, the backup upstream, the RPF request.
+    handleRouteFlags();
+    doUpdateRpfConfig();
+}
+
+void RouteSm::handleIntf(Wirl::IntfId intf) {
+    Route& r = *route_;
+    if (r.routeIntfHas(intf)) {
+        if (!intfHas(intf)) intfIs(intf, std::make_unique<IntfSm>(*r.routeIntfRaw(intf), *this));
+    } else if (intfHas(intf)) {
+        ROUTE_SM_TRACE(6, "RouteSm::handleIntf({}, {}), interface deleted", r.key(), intf);
+        ROUTE_SM_TRACE(7, "RouteSm: Interface {} on route{} deleted", intf, r.key());
+        intfDel(intf);
+    }
+    if (r.routeIntfSize() != 0) return;
+    ROUTE_SM_TRACE(7, "RouteSm: no interface in  route{}, flags: {}", r.key(), r.routeFlagsStr());
+    if (!r.wildCard() || r.markedForDeletion()) return;
+    ROUTE_SM_TRACE(6, "RouteSm::handleIntf({}, {}), marking route for deletion", r.key(), intf);
+    ROUTE_SM_TRACE(4, "RouteSm: Marking route{} for deletion, flags: {}", r.key(),
+                   r.routeFlagsStr());
+    r.markedForDeletionIs(true);
+}
+
+void RouteSm::handleRouteFlags() {
+    Route& r = *route_;
+    LocalStatus& ls = review_.localStatus();
+    if (r.markedForDeletion()) {
+        ls.changeSet()->routesMarkedForDeletionIs(true);
+        ls.toBeDeletedRouteIs(r.key());
+    } else {
+        ls.toBeDeletedRouteDel(r.key());
+    }
+    updateUmhFrr();
+}
+
+void RouteSm::updateUmhFrr() {
+    Route& r = *route_;
+    const auto* frr = review_.localStatus().frrFilterStatus();
+    const bool enabled = frr && frr->frrEnabled(r.key().group());
+    if (enabled && !r.umhFrr()) {
+        ROUTE_SM_TRACE(6, "RouteSm::updateUmhFrr({}): Frr enabled, create umhFrr", r.key());
+        r.umhFrrIs(review_.doCreateUmhFrr(r));
+    } else if (!enabled && r.umhFrr()) {
+        ROUTE_SM_TRACE(6, "RouteSm::updateUmhFrr({}): Frr disabled, delete umhFrr", r.key());
+        r.umhFrrIs(nullptr);
+    }
+}
+
+void RouteSm::doUpdateRpfConfig() {
+    if (!initialized_) return;
+    const Route& r = *route_;
+    const UpstreamInfo& umh = *r.umh();
+    Routing::Pim::RpfConfigInfo info;
+    info.key = r.key();
+    info.target = r.isWc() ? umh.rp() : r.key().source();
+    if (umh.rpf().hasNeighbor()) info.rpfNeighbor = umh.rpf().neighbor;
+    if (umh.prevRpf().hasNeighbor()) info.prevRpfNeighbor = umh.prevRpf().neighbor;
+    review_.rpfConfig().rpfConfigInfoIs(r.key(), info);
+}
+
+void RouteSm::handleIntfChange(Intf& intf) {
+    if (intfCarriesState(intf)) {
+        if (!intf.toBeDeleted()) return;
+        intf.toBeDeletedIs(false);
+        ROUTE_SM_TRACE(6,
+                       "RouteSm::handleIntfChange(), resetting marked for deletion: {} on route{}",
+                       intf.intfId(), route_->key());
+        return;
+    }
+    if (intf.toBeDeleted() || review_.preserveRouteIntf()) return;
+    intf.toBeDeletedIs(true);
+    ROUTE_SM_TRACE(6, "RouteSm::handleIntfChange(), marking interface for deletion: {} on route{}",
+                   intf.intfId(), route_->key());
+    review_.localStatus().changeSet()->intfChangeIs(intf.intfId());
+    review_.doUpdateReviewTimer();
+}
+
+void RouteSm::handleDelete() {
+    if (!initialized_) return;
+    initialized_ = false;
+    Route& r = *route_;
+    const auto key = r.key();
+    Status& status = review_.status();
+    LocalStatus& ls = review_.localStatus();
+    status.groupDel(key.group());
+    review_.rpfConfig().rpfConfigInfoDel(key);
+    if (r.isWc()) {
+        if (status.wcRouteCount()) status.wcRouteCountIs(status.wcRouteCount() - 1);
+    } else if (status.sgRouteCount()) {
+        status.sgRouteCountIs(status.sgRouteCount() - 1);
+    }
+    ROUTE_SM_TRACE(7, "RouteSm: Route{} deleted, flags: {}, (*,G) routes: {}, (S,G) routes: {}",
+                   key, r.routeFlagsStr(), status.wcRouteCount(), status.sgRouteCount());
+    if (r.isWc()) {
+        ls.wcRouteDel(key);
+    } else {
+        ls.sgRouteDel(key);
+        status.sourceGroupRemove(key.source(), key.group());
+    }
+    ls.toBeDeletedRouteDel(key);
+    intf_.clear();
+    upstream_.notifierIs(nullptr);
+    notifierIs(nullptr);
+}
+
+RouteSm* routeSmFactory(RouteReviewSm& review, const Cask::Ptr<Route>& route) {
+    if (RouteSm* existing = review.routeSm(route->key())) {
+        if (existing->route() == route.get()) return existing;
+        throw ReinstantiationError(fmt::format(
+            "Reinstantiating the pointer interface where constructor parameter attribute _route "
+            "has a different value of {} than the current value of {} not allowed",
+            fmt::ptr(route.get()), fmt::ptr(existing->route())));
+    }
+    RouteSm* sm = review.routeSmIs(route->key(), std::make_unique<RouteSm>(route, review));
+    sm->handleInitialized();
+    return sm;
+}
+
+RpfTableSm::RpfTableSm(Cask::Ptr<UnicastRoutingStatus> status, Routing::Pim::RpfResolver& resolver)
+    : UnicastRoutingStatus::Notifiee(status.get()),
+      status_(std::move(status)),
+      resolver_(resolver) {
+    doUpdateTable();
+}
+
+void RpfTableSm::doUpdateTable() {
+    resolver_.tableIs(Cask::Ptr<Routing::Unicast::RouteTable>(status_->rpfTable()));
+}
+
+}  // namespace Routing::Pim::SparseMode

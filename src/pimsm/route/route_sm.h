@@ -1,0 +1,136 @@
+#pragma once
+// RouteSm: the per-route reactor. The route review keeps one for every route
+// of the VRF's route status (`routeSmFactory` when the route appears,
+// `handleDelete` when it goes). It registers the route in LocalStatus and in
+// the status's indexes, watches the route's interface records and upstream,
+// keeps the route's fast-failover upstream and its RPF request in step with
+// the route, and turns per-route events into deletion marks and change-set
+// entries. It never changes other routes: fan-out goes through the review.
+//
+// When an interface record stops carrying state (see `intfCarriesState`) it
+// is marked `toBeDeleted` and the next review removes it; when the route's
+// last interface goes, a (*,G) route is marked for deletion. An (S,G) route
+// is not: the machines that own its state (keepalive, upstream join) mark it
+// when that state ends.
+//
+// Also here: RpfTableSm, which points the VRF's RPF resolver at the table
+// UnicastRoutingStatus names for RPF.
+
+#include <cstddef>
+#include <memory>
+#include <stdexcept>
+
+#include <boost/container/flat_map.hpp>
+
+#include "pimsm/route/route.h"
+#include "pimsm/route/unicast_routing_status.h"
+#include "platform/rpf_resolver.h"
+
+namespace Routing::Pim::SparseMode {
+
+class RouteReviewSm;
+
+// A reactor re-created for a key with a different route.
+class ReinstantiationError : public std::logic_error {
+public:
+    using std::logic_error::logic_error;
+};
+
+class RouteSm : public Route::Notifiee {
+public:
+    // Watches one interface record of the route.
+    class IntfSm : public Intf::Notifiee {
+    public:
+        IntfSm(Intf& intf, RouteSm& owner) : Intf::Notifiee(&intf), owner_(owner) {}
+        void handleLocalMembership() override { changed(); }
+        void handleLocalReceiverInclude() override { changed(); }
+        void handleLocalReceiverExclude() override { changed(); }
+        void handleJoinState() override { changed(); }
+        void handleRptState() override { changed(); }
+        void handleAssertInfo() override { changed(); }
+
+    private:
+        void changed() { owner_.handleIntfChange(*notifier()); }
+        RouteSm& owner_;
+    };
+
+    RouteSm(Cask::Ptr<Route> route, RouteReviewSm& review);
+    ~RouteSm() override;
+    RouteSm(const RouteSm&) = delete;
+    RouteSm& operator=(const RouteSm&) = delete;
+
+    Route* route() const { return route_.get(); }
+    RouteReviewSm& routeReviewSm() const { return review_; }
+    // The route is registered (set by the first `handleInitialized`).
+    bool initialized() const { return initialized_; }
+
+    // The interface watchers, one per interface of the route.
+    std::size_t intfSize() const { return intf_.size(); }
+    bool intfHas(Wirl::IntfId i) const { return intf_.contains(i); }
+    void intfIs(Wirl::IntfId i, std::unique_ptr<IntfSm> sm);  // refuses null
+    void intfDel(Wirl::IntfId i) { intf_.erase(i); }
+
+    // An interface record keeps itself while any of these holds: local
+    // membership or an include / exclude receiver, a downstream join state
+    // other than NoInfo, an (S,G,rpt) state other than NoInfo, or an assert
+    // state other than NoInfo. Forwarding bits and timestamps are derived
+    // from those and keep nothing.
+    static bool intfCarriesState(const Intf& intf);
+
+    // Reactor created, or the route's `initialized` flag changed: registers
+    // the route once and creates the interface watchers.
+    void handleInitialized() override;
+    void handleRouteInitialized();
+    void handleRouteIntf(Wirl::IntfId intf) override { handleIntf(intf); }
+    void handleIntf(Wirl::IntfId intf);
+    void handleRouteFlags() override;
+    void handleRpf() { doUpdateRpfConfig(); }
+    void handleRp() { doUpdateRpfConfig(); }
+    void updateUmhFrr();
+    void doUpdateRpfConfig();
+    void handleIntfChange(Intf& intf);
+    // The route left the status: undoes the registration.
+    void handleDelete();
+
+private:
+    class UpstreamSm : public UpstreamInfo::Notifiee {
+    public:
+        explicit UpstreamSm(RouteSm& owner) : owner_(owner) {}
+        void handleRpf() override { owner_.handleRpf(); }
+        void handlePrevRpf() override { owner_.doUpdateRpfConfig(); }
+        void handleRp() override { owner_.handleRp(); }
+
+    private:
+        RouteSm& owner_;
+    };
+
+    Cask::Ptr<Route> route_;
+    RouteReviewSm& review_;
+    UpstreamSm upstream_{*this};
+    boost::container::flat_map<Wirl::IntfId, std::unique_ptr<IntfSm>> intf_;
+    bool initialized_ = false;
+};
+
+// Returns the review's reactor for the route's key, creating and initializing
+// it when there is none. A reactor of the same key serving another route is
+// refused with ReinstantiationError.
+RouteSm* routeSmFactory(RouteReviewSm& review, const Cask::Ptr<Route>& route);
+
+// Keeps an RpfResolver on the table UnicastRoutingStatus names for RPF.
+class RpfTableSm : public UnicastRoutingStatus::Notifiee {
+public:
+    RpfTableSm(Cask::Ptr<UnicastRoutingStatus> status, Routing::Pim::RpfResolver& resolver);
+    void handleUribShadowStatus() override { doUpdateTable(); }
+    void handleMribStatus() override { doUpdateTable(); }
+    void handleMribShadowStatus() override { doUpdateTable(); }
+    void handleUrib6ShadowStatus() override { doUpdateTable(); }
+    void handleMrib6Status() override { doUpdateTable(); }
+    void handleMrib6ShadowStatus() override { doUpdateTable(); }
+
+private:
+    void doUpdateTable();
+    Cask::Ptr<UnicastRoutingStatus> status_;
+    Routing::Pim::RpfResolver& resolver_;
+};
+
+}  // namespace Routing::Pim::SparseMode

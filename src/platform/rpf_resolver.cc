@@ -1,0 +1,120 @@
+#include "platform/rpf_resolver.h"
+
+#include <algorithm>
+
+namespace Routing::Pim {
+
+namespace {
+bool holds(const std::array<Wirl::IpGenAddr, 3>& addrs, const Wirl::IpGenAddr& a) {
+    return std::find(addrs.begin(), addrs.end(), a) != addrs.end();
+}
+}  // namespace
+
+RpfResolver::RpfResolver(Cask::Ptr<RpfConfig> config, Cask::Ptr<RpfStatus> status)
+    : config_(std::move(config)), status_(std::move(status)) {
+    configWatcher_.notifierIs(config_.get());
+    std::vector<RouteKey> keys;
+    keys.reserve(config_->rpfConfigInfoSize());
+    for (const auto& [key, info] : config_->rpfConfigInfo()) keys.push_back(key);
+    for (const auto& key : keys) doUpdateRoute(key);
+}
+
+void RpfResolver::tableIs(Cask::Ptr<Routing::Unicast::RouteTable> table) {
+    if (table == table_) return;
+    table_ = std::move(table);
+    tableWatcher_.notifierIs(table_.get());
+    if (resolved_.empty()) return;
+    doReResolve(resolved_.begin()->first, resolved_.rbegin()->first);
+}
+
+Rpf RpfResolver::resolve(const Wirl::IpGenAddr& addr) const {
+    if (!table_) return Rpf{};
+    auto r = table_->lookup(addr);
+    if (!r) return Rpf{};
+    return Rpf{r->intf, r->nextHop, r->preference, r->metric};
+}
+
+bool RpfResolver::hasUser(const Wirl::IpGenAddr& addr) const {
+    auto it = users_.lower_bound({addr, RouteKey{}});
+    return it != users_.end() && it->first == addr;
+}
+
+void RpfResolver::doUpdateRoute(const RouteKey& key) {
+    auto req = requested_.find(key);
+    const Addrs before = req != requested_.end() ? req->second : Addrs{};
+    const bool present = config_->rpfConfigInfoHas(key);
+    const Addrs now = present ? config_->rpfConfigInfo(key).addresses() : Addrs{};
+    if (present) {
+        requested_[key] = now;
+    } else if (req != requested_.end()) {
+        requested_.erase(req);
+    }
+
+    // Bring the indexes up to date first and publish afterwards, so that a
+    // watcher reacting to the status may change the configuration again.
+    std::vector<Wirl::IpGenAddr> dropped, added;
+    for (const auto& a : before) {
+        if (!tracked(a) || holds(now, a)) continue;
+        users_.erase({a, key});
+        if (!hasUser(a) && resolved_.erase(a)) dropped.push_back(a);
+    }
+    for (const auto& a : now) {
+        if (!tracked(a) || holds(before, a)) continue;
+        users_.insert({a, key});
+        if (resolved_.contains(a)) continue;
+        const Rpf rpf = resolve(a);
+        resolved_.emplace(a, rpf);
+        if (rpf.resolved()) added.push_back(a);
+    }
+    for (const auto& a : dropped) {
+        if (!resolved_.contains(a)) status_->rpfDel(a);
+    }
+    for (const auto& a : added) {
+        auto it = resolved_.find(a);
+        if (it != resolved_.end() && it->second.resolved()) status_->rpfIs(a, it->second);
+    }
+    doUpdateUnresolved(key);
+}
+
+void RpfResolver::doReResolve(const Wirl::IpGenAddr& first, const Wirl::IpGenAddr& last) {
+    std::vector<std::pair<Wirl::IpGenAddr, Rpf>> moved;
+    std::vector<RouteKey> routes;
+    for (auto it = resolved_.lower_bound(first); it != resolved_.end() && it->first <= last; ++it) {
+        const Rpf rpf = resolve(it->first);
+        if (rpf == it->second) continue;
+        it->second = rpf;
+        moved.emplace_back(it->first, rpf);
+        for (auto u = users_.lower_bound({it->first, RouteKey{}});
+             u != users_.end() && u->first == it->first; ++u) {
+            routes.push_back(u->second);
+        }
+    }
+    if (moved.empty()) return;
+    for (const auto& [a, rpf] : moved) {
+        if (rpf.resolved()) {
+            status_->rpfIs(a, rpf);
+        } else {
+            status_->rpfDel(a);
+        }
+    }
+    std::sort(routes.begin(), routes.end());
+    routes.erase(std::unique(routes.begin(), routes.end()), routes.end());
+    for (const auto& key : routes) doUpdateUnresolved(key);
+    status_->rpfRouteChangedIs(std::move(routes));
+}
+
+void RpfResolver::doUpdateUnresolved(const RouteKey& key) {
+    auto req = requested_.find(key);
+    if (req == requested_.end()) {
+        status_->unresolvedRouteDel(key);
+        return;
+    }
+    auto it = resolved_.find(req->second[0]);
+    if (it != resolved_.end() && it->second.resolved()) {
+        status_->unresolvedRouteDel(key);
+    } else {
+        status_->unresolvedRouteIs(key);
+    }
+}
+
+}  // namespace Routing::Pim

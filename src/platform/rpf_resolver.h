@@ -1,0 +1,89 @@
+#pragma once
+// RpfResolver: the unicast routing side of RPF for one VRF. It reads the
+// addresses the routes ask for (RpfConfig) and writes what they resolve to in
+// one unicast table (RpfStatus): the longest-prefix-match route's interface,
+// next hop, preference and metric, or nothing when no route covers the
+// address. It follows the table, so a route change re-resolves the addresses
+// it can affect and reports the routes that use them in one batch
+// (`rpfRouteChangedIs`).
+//
+// Cost, with A tracked addresses and L distinct prefix lengths in the table:
+// - a route's request changing: O(log A + L) per address added or dropped;
+// - a unicast route at prefix P changing: O(log A + k L) for the k tracked
+//   addresses inside P, plus one entry per route using an address whose RPF
+//   changed (a default route therefore touches every address, as it must);
+// - a new table (`tableIs`): O(A L).
+
+#include <array>
+#include <cstddef>
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "cask/collection.h"
+#include "platform/rpf_status.h"
+#include "platform/unicast_route_table.h"
+
+namespace Routing::Pim {
+
+class RpfResolver {
+public:
+    RpfResolver(Cask::Ptr<RpfConfig> config, Cask::Ptr<RpfStatus> status);
+    RpfResolver(const RpfResolver&) = delete;
+    RpfResolver& operator=(const RpfResolver&) = delete;
+
+    // The table lookups use; null resolves nothing. Re-resolves everything.
+    void tableIs(Cask::Ptr<Routing::Unicast::RouteTable> table);
+    Routing::Unicast::RouteTable* table() const { return table_.get(); }
+    std::size_t trackedAddresses() const { return resolved_.size(); }
+
+private:
+    using Addrs = std::array<Wirl::IpGenAddr, 3>;
+
+    class ConfigWatcher : public RpfConfig::Notifiee {
+    public:
+        explicit ConfigWatcher(RpfResolver& owner) : owner_(owner) {}
+        void handleRpfConfigInfo(const RouteKey& key) override { owner_.doUpdateRoute(key); }
+
+    private:
+        RpfResolver& owner_;
+    };
+    class TableWatcher : public Routing::Unicast::RouteTable::Notifiee {
+    public:
+        explicit TableWatcher(RpfResolver& owner) : owner_(owner) {}
+        void handleRoute(const Wirl::IpGenPrefix& p) override {
+            owner_.doReResolve(p.first(), p.last());
+        }
+
+    private:
+        RpfResolver& owner_;
+    };
+
+    static bool tracked(const Wirl::IpGenAddr& a) {
+        return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
+    }
+    Rpf resolve(const Wirl::IpGenAddr& addr) const;
+    bool hasUser(const Wirl::IpGenAddr& addr) const;
+    void doUpdateRoute(const RouteKey& key);
+    // Re-resolves the tracked addresses in [first, last].
+    void doReResolve(const Wirl::IpGenAddr& first, const Wirl::IpGenAddr& last);
+    void doUpdateUnresolved(const RouteKey& key);
+
+    Cask::Ptr<RpfConfig> config_;
+    Cask::Ptr<RpfStatus> status_;
+    Cask::Ptr<Routing::Unicast::RouteTable> table_;
+    // What each route asked for, as last seen (the config no longer has it
+    // once the entry is removed).
+    std::unordered_map<RouteKey, Addrs, Cask::KeyHash> requested_;
+    // (address, route using it): the routes to report when an address moves.
+    std::set<std::pair<Wirl::IpGenAddr, RouteKey>> users_;
+    // Every tracked address with its current result, in address order so a
+    // prefix's addresses are one range.
+    std::map<Wirl::IpGenAddr, Rpf> resolved_;
+    ConfigWatcher configWatcher_{*this};
+    TableWatcher tableWatcher_{*this};
+};
+
+}  // namespace Routing::Pim

@@ -1,0 +1,80 @@
+#pragma once
+// RPF requests and results of one VRF, the two halves of the exchange between
+// the agent and the unicast routing side:
+// - RpfConfig: per route, the addresses whose unicast route the route needs
+//   (its RPF target, and its current and previous RPF neighbours);
+// - RpfStatus: per address, the RPF it resolved to; the routes whose RPF
+//   target has no unicast route; and a counter bumped with the routes whose
+//   unicast route changed, so one notification carries a whole batch.
+// The agent writes RpfConfig and reads RpfStatus; RpfResolver (or, in a full
+// system, the unicast routing agent) does the opposite.
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "cask/collection.h"
+#include "platform/route_key.h"
+#include "platform/rpf.h"
+#include "wirl/ip_gen_addr.h"
+
+namespace Routing::Pim {
+
+// The addresses one route needs resolved. Unset addresses have no family.
+struct RpfConfigInfo {
+    RouteKey key;
+    // The source of an (S,G) route, the RP of a (*,G) route; the route's RPF
+    // is unresolved while this has no unicast route (or is unset).
+    Wirl::IpGenAddr target;
+    Wirl::IpGenAddr rpfNeighbor;
+    Wirl::IpGenAddr prevRpfNeighbor;
+
+    std::array<Wirl::IpGenAddr, 3> addresses() const {
+        return {target, rpfNeighbor, prevRpfNeighbor};
+    }
+    bool operator==(const RpfConfigInfo&) const = default;
+};
+
+class RpfConfig : public Cask::Record<RpfConfig> {
+public:
+    class Notifiee : public Cask::NotifieeOf<RpfConfig> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        virtual void handleRpfConfigInfo(const RouteKey&) {}
+    };
+    CASK_VALUE_MAP(rpfConfigInfo, RpfConfigInfo, RouteKey, RpfConfigInfo)
+
+private:
+    Cask::ValueMap<RouteKey, RpfConfigInfo> rpfConfigInfo_;
+};
+
+class RpfStatus : public Cask::Record<RpfStatus> {
+public:
+    class Notifiee : public Cask::NotifieeOf<RpfStatus> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        virtual void handleRpf(const Wirl::IpGenAddr&) {}
+        virtual void handleUnresolvedRoute(const RouteKey&) {}
+        virtual void handleRpfRouteChangedCount() {}
+    };
+
+    // Resolved addresses only: an absent address reads as an unresolved Rpf.
+    CASK_VALUE_MAP(rpf, Rpf, Wirl::IpGenAddr, Rpf)
+    // Routes whose RPF target has no unicast route.
+    CASK_KEY_SET(unresolvedRoute, UnresolvedRoute, RouteKey)
+
+    // The routes of the latest batch whose unicast route changed; valid while
+    // `handleRpfRouteChangedCount` is delivered and until the next batch.
+    const std::vector<RouteKey>& rpfRouteChangedRoute() const { return rpfRouteChangedRoute_; }
+    std::uint32_t rpfRouteChangedCount() const { return rpfRouteChangedCount_; }
+    // Publishes one batch (counts and announces even an empty one).
+    void rpfRouteChangedIs(std::vector<RouteKey> routes);
+
+private:
+    Cask::ValueMap<Wirl::IpGenAddr, Rpf> rpf_;
+    Cask::KeySet<RouteKey> unresolvedRoute_;
+    std::vector<RouteKey> rpfRouteChangedRoute_;
+    std::uint32_t rpfRouteChangedCount_ = 0;
+};
+
+}  // namespace Routing::Pim

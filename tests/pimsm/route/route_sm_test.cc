@@ -1,0 +1,196 @@
+// The route reactor: registration and indexes, deletion marks for routes and
+// interface records, the fast-failover upstream and the RPF request.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "pimsm/route/review_fixture.h"
+
+namespace {
+
+using namespace Routing::Pim::SparseMode;
+using namespace Routing::Pim::SparseMode::Testing;
+using Routing::Pim::RouteKey;
+
+std::vector<Wirl::IpGenAddr> members(const AddrSet* set) {
+    std::vector<Wirl::IpGenAddr> out;
+    if (set) out.assign(set->member().begin(), set->member().end());
+    return out;
+}
+
+TEST(RouteSm, RegistersRoutesInIndexesAndUndoesItOnDelete) {
+    ReviewFixture f;
+    const auto g1 = ip("239.1.1.1"), g2 = ip("239.2.2.2"), s1 = ip("10.1.0.1"), s2 = ip("10.1.0.2");
+    for (const auto& k : {wc("239.1.1.1"), sg("10.1.0.1", "239.1.1.1"), sg("10.1.0.2", "239.1.1.1"),
+                          sg("10.1.0.1", "239.2.2.2")}) {
+        f.route(k);
+    }
+    auto& st = *f.status;
+    EXPECT_EQ(f.localStatus->wcRouteSize(), 1u);
+    EXPECT_EQ(f.localStatus->sgRouteSize(), 3u);
+    EXPECT_EQ(f.review->routeSmSize(), 4u);
+    EXPECT_EQ(st.wcRouteCount(), 1u);
+    EXPECT_EQ(st.sgRouteCount(), 3u);
+    EXPECT_EQ(st.group(g1), 3u);
+    EXPECT_EQ(st.group(g2), 1u);
+    EXPECT_EQ(members(st.source(s1).get()), (std::vector{g1, g2}));
+    EXPECT_EQ(members(st.groupSource(g1).get()), (std::vector{s1, s2}));
+    EXPECT_FALSE(st.sourceHas(Wirl::IpGenAddr::zero(ReviewFixture::v4)));  // (*,G) has no source
+    EXPECT_TRUE(f.rpfConfig->rpfConfigInfoHas(sg("10.1.0.2", "239.1.1.1")));
+    EXPECT_TRUE(Cask::trace().contains(
+        "<Vrf:red>RouteSm: Route(10.1.0.2, 239.1.1.1) created, flags: rpTree 0 wildCard 0"));
+
+    st.routeDel(sg("10.1.0.2", "239.1.1.1"));  // last route of s2, one of three of g1
+    EXPECT_FALSE(st.sourceHas(s2));
+    EXPECT_EQ(members(st.groupSource(g1).get()), (std::vector{s1}));
+    EXPECT_EQ(st.group(g1), 2u);
+    EXPECT_EQ(st.sgRouteCount(), 2u);
+    EXPECT_FALSE(f.localStatus->sgRouteHas(sg("10.1.0.2", "239.1.1.1")));
+    EXPECT_FALSE(f.rpfConfig->rpfConfigInfoHas(sg("10.1.0.2", "239.1.1.1")));
+    EXPECT_EQ(f.review->routeSmSize(), 3u);
+
+    st.routeDel(sg("10.1.0.1", "239.2.2.2"));
+    EXPECT_FALSE(st.groupHas(g2));
+    EXPECT_FALSE(st.groupSourceHas(g2));
+    EXPECT_EQ(members(st.source(s1).get()), (std::vector{g1}));
+}
+
+TEST(RouteSm, LosingTheLastInterfaceMarksOnlyWildcardRoutes) {
+    const std::vector<std::pair<RouteKey, bool>> cases = {{wc("239.1.1.1"), true},
+                                                          {sg("10.1.0.1", "239.1.1.1"), false}};
+    for (const auto& [key, marked] : cases) {
+        SCOPED_TRACE(key.str());
+        ReviewFixture f;
+        Route& r = f.route(key, {"d1", "d2"});
+        r.routeIntfDel(intf("d1"));
+        EXPECT_FALSE(r.markedForDeletion());  // d2 is left
+        r.routeIntfDel(intf("d2"));
+        EXPECT_EQ(r.markedForDeletion(), marked);
+        EXPECT_EQ(f.localStatus->toBeDeletedRouteHas(key), marked);
+        EXPECT_EQ(f.review->routeSm(key)->intfSize(), 0u);
+        EXPECT_TRUE(Cask::trace().contains("<Vrf:red>RouteSm: no interface in  route" + key.str()));
+        EXPECT_EQ(Cask::trace().contains("), marking route for deletion"), marked);
+        f.settle();
+        EXPECT_EQ(f.has(key), !marked);
+    }
+}
+
+TEST(RouteSm, UnmarkingBeforeTheReviewKeepsTheRoute) {
+    ReviewFixture f;
+    const auto key = sg("10.1.0.1", "239.1.1.1");
+    Route& r = f.route(key);
+    r.markedForDeletionIs(true);
+    EXPECT_TRUE(f.localStatus->toBeDeletedRouteHas(key));
+    EXPECT_TRUE(f.localStatus->changeSet()->routesMarkedForDeletion());
+    r.markedForDeletionIs(false);
+    EXPECT_FALSE(f.localStatus->toBeDeletedRouteHas(key));
+    f.settle();
+    EXPECT_TRUE(f.has(key));
+    EXPECT_EQ(f.status->route(key).get(), &r);
+}
+
+TEST(RouteSm, InterfaceRecordWithoutStateIsMarkedAndRemovedByTheReview) {
+    struct Case {
+        const char* name;
+        bool preserve;
+        bool keepInclude;  // an include receiver outlives the join
+        bool joinAgain;    // the join comes back before the review
+        bool removed;
+    };
+    const std::vector<Case> cases = {
+        {"join ends", false, false, false, true},
+        {"join ends, include remains", false, true, false, false},
+        {"join comes back before the review", false, false, true, false},
+        {"records preserved", true, false, false, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ReviewFixture f;
+        f.review->preserveRouteIntfIs(c.preserve);
+        const auto key = wc("239.1.1.1");
+        Route& r = f.route(key, {"d1"});
+        Intf& d2 = *r.routeIntfIs(intf("d2"));
+        d2.localReceiverIncludeIs(c.keepInclude);
+        d2.joinStateIs(JoinState::joined);
+        d2.joinStateIs(JoinState::noInfo);
+        const bool marked = !c.preserve && !c.keepInclude;
+        EXPECT_EQ(d2.toBeDeleted(), marked);
+        EXPECT_EQ(f.localStatus->changeSet()->intfChangeHas(intf("d2")), marked);
+        EXPECT_EQ(Cask::trace().contains("(), marking interface for deletion: d2"), marked);
+        if (c.joinAgain) {
+            d2.joinStateIs(JoinState::joined);
+            EXPECT_FALSE(d2.toBeDeleted());
+            EXPECT_TRUE(Cask::trace().contains("(), resetting marked for deletion: d2"));
+        }
+        f.settle();
+        EXPECT_EQ(!r.routeIntfHas(intf("d2")), c.removed);
+        EXPECT_TRUE(r.routeIntfHas(intf("d1")));
+        EXPECT_EQ(f.review->routeSm(key)->intfHas(intf("d2")), !c.removed);
+    }
+}
+
+TEST(RouteSm, RefusesAnotherRouteForItsKeyAndNullInterfaceWatchers) {
+    ReviewFixture f;
+    const auto key = sg("10.1.0.1", "239.1.1.1");
+    Route& r = f.route(key);
+    EXPECT_EQ(routeSmFactory(*f.review, Cask::Ptr<Route>(&r)), f.review->routeSm(key));
+    auto other = Cask::make<Route>(key, &f.status->context(), 0.0);
+    try {
+        routeSmFactory(*f.review, other);
+        FAIL() << "accepted a second route for the key";
+    } catch (const ReinstantiationError& e) {
+        EXPECT_EQ(std::string(e.what()),
+                  fmt::format("Reinstantiating the pointer interface where constructor parameter "
+                              "attribute _route has a different value of {} than the current "
+                              "value of {} not allowed",
+                              fmt::ptr(other.get()), fmt::ptr(&r)));
+    }
+    try {
+        f.review->routeSm(key)->intfIs(intf("d9"), nullptr);
+        FAIL() << "accepted a null watcher";
+    } catch (const Cask::NullInsertError& e) {
+        EXPECT_STREQ(e.what(),
+                     "null _intf parameter to mutator for Routing::Pim::SparseMode::RouteSm::intf "
+                     "not allowed");
+    }
+}
+
+TEST(RouteSm, FastFailoverUpstreamFollowsTheFilter) {
+    ReviewFixture f;
+    Wirl::AddressRangeSet frr(ReviewFixture::v4);
+    frr.add(*Wirl::IpGenPrefix::parse("239.1.0.0/16"));
+    f.localStatus->frrFilterStatus()->frrRangeIs(frr);
+    Route& in = f.route(sg("10.1.0.1", "239.1.1.1"));
+    Route& out = f.route(sg("10.1.0.1", "239.2.2.2"));
+    ASSERT_NE(in.umhFrr(), nullptr);  // made at registration
+    EXPECT_EQ(out.umhFrr(), nullptr);
+    UpstreamInfo* first = in.umhFrr();
+    RouteSm& sm = *f.review->routeSm(in.key());
+    sm.updateUmhFrr();
+    sm.updateUmhFrr();
+    EXPECT_EQ(in.umhFrr(), first);
+    EXPECT_EQ(Cask::trace().count("Frr enabled, create umhFrr"), 1u);
+    f.localStatus->frrFilterStatus()->frrRangeIs(Wirl::AddressRangeSet(ReviewFixture::v4));
+    in.spTreeIs(true);  // any flag change re-evaluates
+    EXPECT_EQ(in.umhFrr(), nullptr);
+    EXPECT_EQ(Cask::trace().count("Frr disabled, delete umhFrr"), 1u);
+}
+
+TEST(RouteSm, RpfRequestFollowsTheUpstream) {
+    ReviewFixture f;
+    const auto key = wc("239.1.1.1");
+    Route& r = f.route(key);
+    auto info = f.rpfConfig->rpfConfigInfo(key);
+    EXPECT_EQ(info.target, Wirl::IpGenAddr());  // no RP known yet
+    EXPECT_EQ(info.rpfNeighbor, ip("10.0.1.2"));
+    r.umh()->rpIs(ip("192.0.2.1"));
+    r.umh()->prevRpfIs(f.upstream("up2"));
+    info = f.rpfConfig->rpfConfigInfo(key);
+    EXPECT_EQ(info.target, ip("192.0.2.1"));
+    EXPECT_EQ(info.prevRpfNeighbor, ip("10.0.2.2"));
+    f.status->routeDel(key);
+    EXPECT_FALSE(f.rpfConfig->rpfConfigInfoHas(key));
+}
+
+}  // namespace

@@ -1,0 +1,124 @@
+// The RPF resolver: longest-prefix-match results, the unresolved set, and
+// batches that name exactly the routes a unicast change affects.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <vector>
+
+#include "platform/rpf_resolver.h"
+
+namespace {
+
+using namespace Routing::Pim;
+using Routing::Unicast::RouteTable;
+using Routing::Unicast::UnicastRoute;
+using Wirl::IpGenAddr;
+
+IpGenAddr ip(const char* s) {
+    return *IpGenAddr::parse(s);
+}
+UnicastRoute via(const char* prefix, const char* intf, const char* nextHop) {
+    return UnicastRoute{
+        *Wirl::IpGenPrefix::parse(prefix), Wirl::IntfId(intf), ip(nextHop), 1, 10, false};
+}
+
+class Batches : public RpfStatus::Notifiee {
+public:
+    explicit Batches(RpfStatus& s) : RpfStatus::Notifiee(&s) {}
+    void handleRpfRouteChangedCount() override {
+        const auto& r = notifier()->rpfRouteChangedRoute();
+        seen.emplace_back(r.begin(), r.end());
+    }
+    std::vector<std::set<RouteKey>> seen;
+};
+
+struct Resolver : ::testing::Test {
+    Cask::Ptr<RpfConfig> config = Cask::make<RpfConfig>();
+    Cask::Ptr<RpfStatus> status = Cask::make<RpfStatus>();
+    Cask::Ptr<RouteTable> table = Cask::make<RouteTable>(Wirl::AddressFamily::ipv4);
+    RpfResolver resolver{config, status};
+    Batches batches{*status};
+    const IpGenAddr group = ip("239.1.1.1");
+    RouteKey key(const char* source) { return RouteKey(ip(source), group); }
+    void request(const RouteKey& k, IpGenAddr target, IpGenAddr nbr = {}) {
+        config->rpfConfigInfoIs(k, RpfConfigInfo{k, target, nbr, {}});
+    }
+    std::set<RouteKey> unresolved() const {
+        return {status->unresolvedRoute().begin(), status->unresolvedRoute().end()};
+    }
+};
+
+TEST_F(Resolver, ResolvesByLongestPrefixAndReportsOnlyAffectedRoutes) {
+    table->routeIs(via("10.0.0.0/8", "eth1", "10.255.0.1"));
+    table->routeIs(via("10.1.0.0/16", "eth2", "10.254.0.1"));
+    resolver.tableIs(table);
+    const auto k1 = key("10.1.2.3"), k2 = key("10.2.0.1"), k3 = key("192.0.2.1");
+    const auto rp = RouteKey::wc(group);
+    request(k1, ip("10.1.2.3"));
+    request(k2, ip("10.2.0.1"));
+    request(k3, ip("192.0.2.1"));
+    request(rp, IpGenAddr());  // no RP known
+    EXPECT_EQ(status->rpf(ip("10.1.2.3")).intf, Wirl::IntfId("eth2"));
+    EXPECT_EQ(status->rpf(ip("10.2.0.1")).neighbor, ip("10.255.0.1"));
+    EXPECT_FALSE(status->rpfHas(ip("192.0.2.1")));
+    EXPECT_EQ(unresolved(), (std::set{k3, rp}));
+    EXPECT_TRUE(batches.seen.empty());
+
+    struct Step {
+        const char* name;
+        std::function<void()> change;
+        std::vector<std::set<RouteKey>> batches;
+        std::set<RouteKey> unresolved;
+    };
+    const std::vector<Step> steps = {
+        {"more specific route",
+         [&] { table->routeIs(via("10.1.2.0/24", "eth3", "10.253.0.1")); },
+         {{k1}},
+         {k3, rp}},
+        {"route toward an unresolved source",
+         [&] { table->routeIs(via("192.0.2.0/24", "eth4", "10.252.0.1")); },
+         {{k3}},
+         {rp}},
+        {"route covering nothing tracked",
+         [&] { table->routeIs(via("172.16.0.0/12", "eth5", "10.251.0.1")); },
+         {},
+         {rp}},
+        {"covering route withdrawn",
+         [&] { table->routeDel(*Wirl::IpGenPrefix::parse("10.0.0.0/8")); },
+         {{k2}},
+         {k2, rp}},
+        {"another table",
+         [&] { resolver.tableIs(Cask::make<RouteTable>(Wirl::AddressFamily::ipv4)); },
+         {{k1, k3}},
+         {k1, k2, k3, rp}},
+    };
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.name);
+        batches.seen.clear();
+        s.change();
+        EXPECT_EQ(batches.seen, s.batches);
+        EXPECT_EQ(unresolved(), s.unresolved);
+    }
+}
+
+TEST_F(Resolver, SharedAddressesAreTrackedOnceAndDroppedWithTheirLastRoute) {
+    resolver.tableIs(table);
+    const auto k1 = key("10.1.0.1"), k2 = key("10.1.0.2");
+    request(k1, ip("10.1.0.1"), ip("10.9.0.2"));
+    request(k2, ip("10.1.0.2"), ip("10.9.0.2"));
+    EXPECT_EQ(resolver.trackedAddresses(), 3u);
+    table->routeIs(via("10.9.0.0/16", "eth1", "0.0.0.0"));
+    ASSERT_EQ(batches.seen.size(), 1u);
+    EXPECT_EQ(batches.seen[0], (std::set{k1, k2}));  // both use the neighbour
+    EXPECT_EQ(unresolved(), (std::set{k1, k2}));     // their sources still have no route
+    config->rpfConfigInfoDel(k1);
+    EXPECT_EQ(resolver.trackedAddresses(), 2u);
+    EXPECT_TRUE(status->rpfHas(ip("10.9.0.2")));
+    EXPECT_EQ(unresolved(), (std::set{k2}));
+    config->rpfConfigInfoDel(k2);
+    EXPECT_EQ(resolver.trackedAddresses(), 0u);
+    EXPECT_FALSE(status->rpfHas(ip("10.9.0.2")));
+    EXPECT_TRUE(unresolved().empty());
+}
+
+}  // namespace
