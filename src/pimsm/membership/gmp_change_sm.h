@@ -1,0 +1,74 @@
+#pragma once
+// GmpChangeSm: collects the membership keys the membership protocol changed
+// and hands them to GmpSm in time-bounded batches.
+//
+// Every change of the membership table lands in `gmpChangeStatus` (a
+// (*,G) change also queues the (S,G) keys that SSM conversion derives from
+// it). A review then swaps that set out for a fresh one and decides its
+// keys one by one, in slices of at most `reviewQuantum`, resuming at
+// `reviewBookmark` on a later turn of the loop. Changes that arrive while a
+// review runs gather in the fresh set and start the next review.
+
+#include <memory>
+
+#include "cask/event_loop.h"
+#include "cask/review_timer.h"
+#include "pimsm/membership/gmp_change_status.h"
+#include "platform/membership.h"
+
+namespace Routing::Pim::SparseMode {
+
+class GmpSm;
+
+class GmpChangeSm : public Routing::Gmp::Tidal::Status::Notifiee {
+public:
+    using RouteIntfKey = Routing::Gmp::Tidal::RouteIntfKey;
+
+    static constexpr Cask::Seconds defaultReviewQuantum = 0.1;
+    // A lone change is decided after the short delay; a storm of changes is
+    // held to a few reviews a second by the review timer's bucket.
+    static constexpr Cask::Seconds reviewMinDelay = 0.01;
+    static constexpr Cask::Seconds reviewMaxDelay = 0.5;
+
+    GmpChangeSm(GmpSm& parent, Routing::Gmp::Tidal::Status& membership, Cask::EventLoop& loop);
+    ~GmpChangeSm() override;
+
+    // A key of the membership table changed (added, replaced or removed).
+    void handleMembership(const RouteIntfKey& key) override;
+    // Creates the review timer and the first, empty, change set.
+    void handleInitialized();
+    // One slice of the change review.
+    void doReview();
+    // Schedules a review unless one is pending or nothing has changed.
+    void doUpdateReviewTimer();
+
+    // The set new changes go to, and the set the review in progress works on.
+    GmpChangeStatus* gmpChangeStatus() const { return gmpChangeStatus_.get(); }
+    GmpChangeStatus* reviewChangeStatus() const { return reviewChangeStatus_.get(); }
+    // Where a suspended review resumes; the default key when none is running.
+    const RouteIntfKey& reviewBookmark() const { return reviewBookmark_; }
+    Cask::Seconds reviewQuantum() const { return reviewQuantum_; }
+    void reviewQuantumIs(Cask::Seconds q) { reviewQuantum_ = q; }
+    const Cask::ReviewTimer& reviewTimer() const { return *reviewTimer_; }
+
+private:
+    class ChangeWatcher;
+    void changeStatusIs(Cask::Ptr<GmpChangeStatus> fresh);
+
+    GmpSm& parent_;
+    Cask::EventLoop& loop_;
+    Cask::Seconds reviewQuantum_ = defaultReviewQuantum;
+    RouteIntfKey reviewBookmark_;
+    Cask::Ptr<GmpChangeStatus> gmpChangeStatus_;
+    Cask::Ptr<GmpChangeStatus> reviewChangeStatus_;
+    std::unique_ptr<ChangeWatcher> changeWatcher_;
+    std::unique_ptr<Cask::ReviewTimer> reviewTimer_;
+};
+
+// Creates the change machine of `parent`, watching `membership`, and queues
+// every key the table already holds.
+std::unique_ptr<GmpChangeSm> gmpChangeSmFactory(GmpSm& parent,
+                                                Routing::Gmp::Tidal::Status& membership,
+                                                Cask::EventLoop& loop);
+
+}  // namespace Routing::Pim::SparseMode

@@ -1,0 +1,353 @@
+#include "pimsm/membership/gmp_sm.h"
+
+#include <vector>
+
+#include "cask/assert.h"
+#include "cask/review_slice.h"
+#include "cask/trace.h"
+#include "wirl/ip_gen_prefix.h"
+
+namespace Routing::Pim::SparseMode {
+
+using Routing::Gmp::Tidal::FilterMode;
+using Routing::Gmp::Tidal::Membership;
+using Routing::Pim::RouteKey;
+
+// --- watchers of the inputs that call for a full review --------------------
+
+class GmpSm::ConfigWatcher : public Config::Notifiee {
+public:
+    ConfigWatcher(GmpSm& gmp, Config& config) : gmp_(gmp) { notifierIs(&config); }
+    void handleSsmRange() override { gmp_.handleSsmConfigChanged(); }
+
+private:
+    GmpSm& gmp_;
+};
+
+class GmpSm::GroupFilterWatcher : public Routing::Pim::GroupFilterStatus::Notifiee {
+public:
+    GroupFilterWatcher(GmpSm& gmp, Routing::Pim::GroupFilterStatus& status) : gmp_(gmp) {
+        notifierIs(&status);
+    }
+    void handleBidirRange() override { gmp_.handleGroupFilterStatus(); }
+
+private:
+    GmpSm& gmp_;
+};
+
+// Watches the boundary status for interfaces coming and going, and each
+// interface's boundary for its groups changing.
+class GmpSm::BoundaryWatcher : public Routing::McastBoundary::Status::Notifiee {
+public:
+    BoundaryWatcher(GmpSm& gmp, Routing::McastBoundary::Status& status) : gmp_(gmp) {
+        notifierIs(&status);
+        for (const auto& [intf, boundary] : status.intf()) doWatch(intf, boundary.get());
+    }
+    void handleIntf(Wirl::IntfId intf) override {
+        doWatch(intf, notifier()->intf().raw(intf));
+        gmp_.handleBoundary(intf);
+    }
+
+private:
+    class IntfWatcher : public Routing::McastBoundary::IntfBoundary::Notifiee {
+    public:
+        IntfWatcher(GmpSm& gmp, Routing::McastBoundary::IntfBoundary& b) : gmp_(gmp) {
+            notifierIs(&b);
+        }
+        void handleGroups() override { gmp_.handleBoundary(notifier()->intf()); }
+
+    private:
+        GmpSm& gmp_;
+    };
+
+    void doWatch(Wirl::IntfId intf, Routing::McastBoundary::IntfBoundary* boundary) {
+        auto it = intfs_.find(intf);
+        if (!boundary) {
+            if (it != intfs_.end()) intfs_.erase(it);
+        } else if (it == intfs_.end()) {
+            intfs_.emplace(intf, std::make_unique<IntfWatcher>(gmp_, *boundary));
+        } else {
+            it->second->notifierIs(boundary);
+        }
+    }
+
+    GmpSm& gmp_;
+    std::unordered_map<Wirl::IntfId, std::unique_ptr<IntfWatcher>> intfs_;
+};
+
+// --- SSM conversion reactors -----------------------------------------------
+
+GmpSm::RhoSsmConvertGroup::RhoSsmConvertGroup(GmpSm& gmp, Cask::Ptr<SsmConvertGroup> group)
+    : gmp_(gmp), group_(std::move(group)) {
+    notifierIs(group_.get());
+}
+
+void GmpSm::RhoSsmConvertGroup::handleSource(const Wirl::IpGenAddr& source) {
+    gmp_.handleSsmConvertSource(group_->group(), source);
+}
+
+GmpSm::RhoSsmConvertConfig::RhoSsmConvertConfig(GmpSm& gmp, SsmConvertConfig& config) : gmp_(gmp) {
+    notifierIs(&config);
+    // The memberships of groups configured already are queued with their
+    // conversions when the change machine starts: only watch them here.
+    for (const auto& [group, record] : config.group()) {
+        ssmConvertGroupIs(group, Cask::make<RhoSsmConvertGroup>(gmp_, record));
+    }
+}
+
+void GmpSm::RhoSsmConvertConfig::handleGroup(const Wirl::IpGenAddr& group) {
+    Cask::Ptr<SsmConvertGroup> current = notifier()->group(group);
+    Cask::Ptr<RhoSsmConvertGroup> old = ssmConvertGroup(group);
+    if (old && current && &old->group() == current.get()) return;
+    if (old) {
+        ssmConvertGroupDel(group);
+        gmp_.handleSsmConvertGroup(group, old->group());
+    }
+    if (current) {
+        ssmConvertGroupIs(group, Cask::make<RhoSsmConvertGroup>(gmp_, current));
+        gmp_.handleSsmConvertGroup(group, *current);
+    }
+}
+
+void GmpSm::RhoRoute::handleInitialized() {
+    if (notifier()->initialized()) gmp_.handleRouteInit(*notifier());
+}
+
+// --- GmpSm -------------------------------------------------------------------
+
+GmpSm::GmpSm(const GmpInputs& in) : in_(in) {
+    CASK_ASSERT(in.loop && in.config && in.status && in.membership && in.localStatus &&
+                    in.ssmGroupInfo && in.groupFilterStatus,
+                "GmpSm created without its inputs");
+}
+
+GmpSm::~GmpSm() {
+    // The child and the watchers call back into this machine: stop them
+    // first. The route table's flags are left as they are.
+    gmpChangeSm_.reset();
+    rhoSsmConvertConfig_.reset();
+    boundaryWatcher_.reset();
+    groupFilterWatcher_.reset();
+    configWatcher_.reset();
+    notifierIs(nullptr);
+    sgRouteDelAll();
+    wcRouteDelAll();
+}
+
+void GmpSm::handleInit() {
+    CASK_TRACE(6, "<Vrf:{}>GmpSm:handleInit()", vrfName());
+    reviewTimer_ = std::make_unique<Cask::ReviewTimer>(
+        *in_.loop, Cask::ReviewTimer::defaultFillInterval, Cask::ReviewTimer::defaultCredits,
+        reviewMinDelay, reviewMaxDelay, [this] { doReview(); });
+    gmpChangeSm_ = gmpChangeSmFactory(*this, *in_.membership, *in_.loop);
+    configWatcher_ = std::make_unique<ConfigWatcher>(*this, *in_.config);
+    groupFilterWatcher_ = std::make_unique<GroupFilterWatcher>(*this, *in_.groupFilterStatus);
+    if (in_.mcastBoundaryStatus) {
+        boundaryWatcher_ = std::make_unique<BoundaryWatcher>(*this, *in_.mcastBoundaryStatus);
+    }
+    if (in_.ssmConvertConfig) {
+        rhoSsmConvertConfig_ = std::make_unique<RhoSsmConvertConfig>(*this, *in_.ssmConvertConfig);
+    }
+    notifierIs(in_.localStatus);
+    for (const auto& [key, route] : in_.localStatus->sgRoute()) handleSgRoute(key);
+    for (const auto& [key, route] : in_.localStatus->wcRoute()) handleWcRoute(key);
+}
+
+bool GmpSm::groupPermitted(const Wirl::IpGenAddr& group) const {
+    // A group of no family is no group: let the caller reject it as such.
+    if (group.family() == Wirl::AddressFamily::ipunknown) return true;
+    return in_.groupFilterStatus->permitGroup(Wirl::IpGenPrefix::hostPrefix(group));
+}
+
+bool GmpSm::ssmConverted(const RouteIntfKey& key) const {
+    if (!in_.ssmConvertConfig) return false;
+    const Wirl::IpGenAddr& group = key.routeKey.group();
+    const SsmConvertGroup* sources = in_.ssmConvertConfig->group().raw(group);
+    if (!sources) return false;
+    const RouteIntfKey wcKey{RouteKey::wc(group), key.intf};
+    if (in_.membership->membership(wcKey).filterMode != FilterMode::include) return false;
+    return sources->sourceHas(key.routeKey.source());
+}
+
+void GmpSm::doUpdateMembership(const RouteIntfKey& key) {
+    const Wirl::IpGenAddr& group = key.routeKey.group();
+    const Wirl::IpGenAddr& source = key.routeKey.source();
+    const L3::VrfName& vrf = vrfName();
+    if (!groupPermitted(group)) {
+        CASK_TRACE(7, "<Vrf:{}>GmpSm:doUpdateMembership({}), ignoring bidirectional group", vrf,
+                   group);
+        return;
+    }
+    if (group.family() != in_.localStatus->family() || !group.isMulticast()) {
+        CASK_TRACE(7, "<Vrf:{}>GmpSm:doUpdateMembership({}), invalid group", vrf, group);
+        return;
+    }
+    if (source.family() != group.family() || !(source.isUnicast() || source.isUnspecified())) {
+        CASK_TRACE(7, "<Vrf:{}>GmpSm:doUpdateMembership({}), invalid source: {}", vrf, group,
+                   source);
+        return;
+    }
+
+    const bool ssmConvert = ssmConverted(key);
+    const bool ssm = in_.ssmGroupInfo->ssmGroup(group, *in_.config);
+    bool include = false;
+    bool exclude = false;
+    const Membership m = in_.membership->membership(key);
+    if (!m.isDefault()) {
+        // In the SSM range only a source-specific include counts; outside
+        // it every membership counts, as include or as exclude.
+        if (m.filterMode == FilterMode::include) include = !ssm || !source.isUnspecified();
+        if (!include) exclude = !ssm;
+    }
+    CASK_TRACE(8, "<Vrf:{}>GmpSm:doUpdateMembership{} {}, include: {}, exclude: {}, ssmConvert: {}",
+               vrf, key.routeKey, key.intf, include, exclude, ssmConvert);
+
+    const bool wanted = include || exclude || ssmConvert;
+    Cask::Ptr<Route> route = in_.status->route(key.routeKey);
+    if (!route) {
+        if (!wanted) return;  // nothing to withdraw
+        CASK_TRACE(4, "<Vrf:{}>GmpSm:doUpdateMembership(), Create route {}", vrf, key.routeKey);
+        CASK_EVENT("GmpSm: Create route{}", key.routeKey);
+        route = in_.status->routeIs(key.routeKey);
+    }
+    const bool newInclude = include || ssmConvert;
+    Cask::Ptr<Intf> intf = route->routeIntf(key.intf);
+    if (!intf) {
+        if (!wanted) return;
+        CASK_TRACE(6, "<Vrf:{}>GmpSm:doUpdateMembership(), Add interface {} to route {}", vrf,
+                   key.intf, key.routeKey);
+        CASK_EVENT("GmpSm: Add interface {} to route{}, include: {}, exclude: {}, ssmConvert: {}",
+                   key.intf, key.routeKey, include, exclude, ssmConvert);
+        intf = route->routeIntfIs(key.intf);
+    } else {
+        CASK_EVENT("GmpSm: Interface {}, Route: {}, include: {} --> {}, exclude: {} --> {}",
+                   key.intf, key.routeKey, intf->localReceiverInclude(), newInclude,
+                   intf->localReceiverExclude(), exclude);
+    }
+
+    const RouteIntfKey outer = deciding_;
+    deciding_ = key;
+    intf->localReceiverIncludeIs(newInclude);
+    intf->localReceiverExcludeIs(exclude);
+    intf->initializedIs(true);
+    route->initializedIs(true);
+    deciding_ = outer;
+}
+
+void GmpSm::doReview() {
+    const L3::VrfName& vrf = vrfName();
+    if (reviewBookmark_ == RouteIntfKey{}) {
+        CASK_TRACE(6, "<Vrf:{}>GmpSm:doReview: Starting new review", vrf);
+        reviewAgain_ = false;  // this review covers every request made so far
+    } else {
+        CASK_TRACE(6, "<Vrf:{}>GmpSm:doReview: Resuming review at {}", vrf, reviewBookmark_);
+    }
+    const auto result =
+        Cask::reviewSlice(in_.membership->membership(), reviewBookmark_, in_.loop->clock(),
+                          reviewQuantum_, [this](const RouteIntfKey& k) { doUpdateMembership(k); });
+    if (result == Cask::SliceResult::suspended) {
+        CASK_TRACE(6, "<Vrf:{}>GmpSm:doReview: Suspending review at: {}", vrf, reviewBookmark_);
+        reviewTimer_->timer().timeMinIs(in_.loop->now());
+        return;
+    }
+    CASK_TRACE(6, "<Vrf:{}>GmpSm:doReview: Finished review", vrf);
+    if (reviewAgain_) {
+        reviewAgain_ = false;
+        reviewTimer_->doUpdateNextReview();
+    }
+}
+
+void GmpSm::doUpdateReviewTimer() {
+    CASK_TRACE(8, "<Vrf:{}>GmpSm:doUpdateReviewTimer", vrfName());
+    // Keys before the bookmark were decided on the old inputs.
+    if (reviewBookmark_ != RouteIntfKey{}) {
+        reviewAgain_ = true;
+        return;
+    }
+    reviewTimer_->doUpdateNextReview();
+}
+
+void GmpSm::doUpdateChildReviewTimer() {
+    gmpChangeSm_->doUpdateReviewTimer();
+}
+
+void GmpSm::handleBoundary(Wirl::IntfId intf) {
+    CASK_TRACE(6, "<Vrf:{}>GmpSm:handleBoundary({})", vrfName(), intf);
+    doUpdateReviewTimer();
+}
+
+void GmpSm::handleGroupFilterStatus() {
+    CASK_TRACE(6, "<Vrf:{}>GmpSm:handleGroupFilterStatus()", vrfName());
+    doUpdateReviewTimer();
+}
+
+void GmpSm::handleSsmConfigChanged() {
+    CASK_TRACE(6, "<Vrf:{}>GmpSm:handleSsmConfigChanged()", vrfName());
+    doUpdateReviewTimer();
+}
+
+void GmpSm::handleRouteInit(Route& route) {
+    CASK_TRACE(6, "<Vrf:{}>GmpSm:handleRouteInit({})", vrfName(), route.key());
+    // Deciding may add interfaces to the route: walk a copy.
+    std::vector<Wirl::IntfId> receivers;
+    for (const auto& [id, intf] : route.routeIntf()) {
+        if (intf->localReceiverInclude() || intf->localReceiverExclude()) receivers.push_back(id);
+    }
+    for (Wirl::IntfId id : receivers) {
+        const RouteIntfKey key{route.key(), id};
+        if (key != deciding_) doUpdateMembership(key);
+    }
+}
+
+void GmpSm::handleSsmConvertGroup(const Wirl::IpGenAddr& group, const SsmConvertGroup& sources) {
+    CASK_TRACE(6, "<Vrf:{}>GmpSm:handleSsmConvertGroup({})", vrfName(), group);
+    for (const Wirl::IpGenAddr& source : sources.source()) handleSsmConvertSource(group, source);
+}
+
+void GmpSm::handleSsmConvertSource(const Wirl::IpGenAddr& group, const Wirl::IpGenAddr& source) {
+    // Every interface with a (*,G) membership now stands, or no longer
+    // stands, for (source, G) there.
+    const RouteKey wc = RouteKey::wc(group);
+    const RouteKey sg(source, group);
+    const auto& table = in_.membership->membership();
+    GmpChangeStatus& changes = *gmpChangeSm_->gmpChangeStatus();
+    for (auto it = table.lowerBound(RouteIntfKey{wc, Wirl::IntfId()});
+         it != table.end() && it->first.routeKey == wc; ++it) {
+        CASK_TRACE(7, "<Vrf:{}>GmpSm:handleSsmConvertSource{} handle Intf: {}", vrfName(), sg,
+                   it->first.intf);
+        changes.changedRouteIntfIs(RouteIntfKey{sg, it->first.intf});
+    }
+}
+
+template <class Add, class Del>
+void GmpSm::doTrackRoute(const RouteKey& key, Route* route, const RouteMap& reactors, Add add,
+                         Del del) {
+    RhoRoute* rho = reactors.raw(key);
+    if (rho && rho->notifier() != route) {
+        del();  // the route went, or was replaced by a new record
+        rho = nullptr;
+    }
+    if (!route || rho) return;
+    add(Cask::make<RhoRoute>(*this, *route));
+    if (route->initialized()) handleRouteInit(*route);
+}
+
+void GmpSm::handleSgRoute(const RouteKey& key) {
+    doTrackRoute(
+        key, in_.localStatus->sgRoute().raw(key), sgRoute_,
+        [&](Cask::Ptr<RhoRoute> r) { sgRouteIs(key, std::move(r)); }, [&] { sgRouteDel(key); });
+}
+
+void GmpSm::handleWcRoute(const RouteKey& key) {
+    doTrackRoute(
+        key, in_.localStatus->wcRoute().raw(key), wcRoute_,
+        [&](Cask::Ptr<RhoRoute> r) { wcRouteIs(key, std::move(r)); }, [&] { wcRouteDel(key); });
+}
+
+Cask::Ptr<GmpSm> gmpSmFactory(const GmpInputs& in) {
+    auto gmp = Cask::make<GmpSm>(in);
+    gmp->handleInit();
+    return gmp;
+}
+
+}  // namespace Routing::Pim::SparseMode

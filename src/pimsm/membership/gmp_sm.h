@@ -1,0 +1,190 @@
+#pragma once
+// GmpSm: turns the local receivers that IGMP / MLD learnt on this router's
+// interfaces into routes. For each membership (S or *, G, interface) it
+// creates the route and its Intf when needed and sets the Intf's
+// `localReceiverInclude` / `localReceiverExclude`, from which the upstream
+// and downstream machines derive RFC 7761's pim_include and pim_exclude.
+// It is the only way local receivers enter the route table.
+//
+// One per VRF and address family. Its child GmpChangeSm feeds it the
+// memberships that changed; a change of the SSM range, the group filter or
+// a boundary may change every decision, so it re-decides the whole table
+// in a full review, sliced like the change review. SSM conversion makes a
+// (*,G) include membership stand for (S,G) include memberships of the
+// sources configured for G.
+//
+// A withdrawn membership clears the flags but never removes an Intf or a
+// route: removal belongs to the route review's mark-and-delete.
+
+#include <memory>
+#include <unordered_map>
+
+#include "cask/event_loop.h"
+#include "cask/review_timer.h"
+#include "pimsm/membership/gmp_change_sm.h"
+#include "pimsm/route/local_status.h"
+#include "pimsm/route/status.h"
+#include "platform/group_ranges.h"
+#include "platform/mcast_boundary.h"
+#include "platform/membership.h"
+#include "wirl/vrf_name.h"
+
+namespace Routing::Pim::SparseMode {
+
+// Everything GmpSm reads and writes, as the per-VRF root holds it. The
+// records must outlive the machine; the boundary status and the SSM
+// conversion configuration may be absent.
+struct GmpInputs {
+    L3::VrfName vrfName;
+    Cask::EventLoop* loop = nullptr;
+    Config* config = nullptr;
+    Status* status = nullptr;
+    Routing::Gmp::Tidal::Status* membership = nullptr;
+    LocalStatus* localStatus = nullptr;
+    const SsmGroupInfo* ssmGroupInfo = nullptr;
+    Routing::Pim::GroupFilterStatus* groupFilterStatus = nullptr;
+    Routing::McastBoundary::Status* mcastBoundaryStatus = nullptr;
+    SsmConvertConfig* ssmConvertConfig = nullptr;
+};
+
+class GmpSm : public Cask::Record<GmpSm>, public LocalStatus::Notifiee {
+public:
+    using RouteIntfKey = Routing::Gmp::Tidal::RouteIntfKey;
+
+    class Notifiee : public Cask::NotifieeOf<GmpSm> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        virtual void handleSgRoute(const Routing::Pim::RouteKey&) {}
+        virtual void handleWcRoute(const Routing::Pim::RouteKey&) {}
+    };
+
+    // Re-decides its route's local receivers whenever the route becomes
+    // initialized (a route re-created by the route review, say), since its
+    // flags may no longer match the membership table.
+    class RhoRoute : public Cask::Record<RhoRoute>, public Route::Notifiee {
+    public:
+        RhoRoute(GmpSm& gmp, Route& route) : gmp_(gmp) { notifierIs(&route); }
+        void handleInitialized() override;
+
+    private:
+        GmpSm& gmp_;
+    };
+
+    // Watches one conversion group's source set.
+    class RhoSsmConvertGroup : public Cask::Record<RhoSsmConvertGroup>,
+                               public SsmConvertGroup::Notifiee {
+    public:
+        RhoSsmConvertGroup(GmpSm& gmp, Cask::Ptr<SsmConvertGroup> group);
+        const SsmConvertGroup& group() const { return *group_; }
+        void handleSource(const Wirl::IpGenAddr& source) override;
+
+    private:
+        GmpSm& gmp_;
+        Cask::Ptr<SsmConvertGroup> group_;  // kept so a removed group's sources can be read
+    };
+
+    // Watches the conversion configuration: one reactor per configured group.
+    class RhoSsmConvertConfig : public Cask::Record<RhoSsmConvertConfig>,
+                                public SsmConvertConfig::Notifiee {
+    public:
+        class Notifiee : public Cask::NotifieeOf<RhoSsmConvertConfig> {
+        public:
+            using NotifieeOf::NotifieeOf;
+            virtual void handleSsmConvertGroup(const Wirl::IpGenAddr&) {}
+        };
+        RhoSsmConvertConfig(GmpSm& gmp, SsmConvertConfig& config);
+        void handleGroup(const Wirl::IpGenAddr& group) override;
+
+        CASK_RECORD_MAP(ssmConvertGroup, SsmConvertGroup, Wirl::IpGenAddr, RhoSsmConvertGroup,
+                        "Routing::Pim::SparseMode::GmpSm::RhoSsmConvertConfig")
+
+    private:
+        GmpSm& gmp_;
+        Cask::RecordMap<Wirl::IpGenAddr, RhoSsmConvertGroup> ssmConvertGroup_;
+    };
+
+    static constexpr Cask::Seconds defaultReviewQuantum = 0.1;
+    // A full review follows configuration changes, which come in bursts:
+    // wait a little so that a burst costs one review.
+    static constexpr Cask::Seconds reviewMinDelay = 0.1;
+    static constexpr Cask::Seconds reviewMaxDelay = 1.0;
+
+    explicit GmpSm(const GmpInputs& in);
+    ~GmpSm() override;
+
+    const L3::VrfName& vrfName() const { return in_.vrfName; }
+    const GmpInputs& inputs() const { return in_; }
+    SsmConvertConfig* ssmConvertConfig() const { return in_.ssmConvertConfig; }
+    GmpChangeSm* gmpChangeSm() const { return gmpChangeSm_.get(); }
+
+    // Decides one membership and writes the outcome to its route's Intf.
+    void doUpdateMembership(const RouteIntfKey& key);
+    // One slice of the full review of the membership table.
+    void doReview();
+    // Asks for a full review; one asked for while a review is in progress
+    // runs again from the start once that review has finished.
+    void doUpdateReviewTimer();
+    void doUpdateChildReviewTimer();
+
+    // Creates the review timer (no review scheduled) and the child.
+    void handleInit();
+    void handleBoundary(Wirl::IntfId intf);
+    void handleGroupFilterStatus();
+    void handleSsmConfigChanged();
+    // Re-decides every interface of `route` that carries a local receiver.
+    void handleRouteInit(Route& route);
+    // The conversion configuration of `group` appeared, went or changed
+    // (`sources` as it is, or as it was when the group was removed).
+    void handleSsmConvertGroup(const Wirl::IpGenAddr& group, const SsmConvertGroup& sources);
+    void handleSsmConvertSource(const Wirl::IpGenAddr& group, const Wirl::IpGenAddr& source);
+
+    // LocalStatus: keep one route reactor per route.
+    void handleSgRoute(const Routing::Pim::RouteKey& key) override;
+    void handleWcRoute(const Routing::Pim::RouteKey& key) override;
+
+    // False for groups sparse mode must leave alone (bidirectional ranges).
+    bool groupPermitted(const Wirl::IpGenAddr& group) const;
+
+    const RouteIntfKey& reviewBookmark() const { return reviewBookmark_; }
+    Cask::Seconds reviewQuantum() const { return reviewQuantum_; }
+    void reviewQuantumIs(Cask::Seconds q) { reviewQuantum_ = q; }
+    const Cask::ReviewTimer& reviewTimer() const { return *reviewTimer_; }
+    RhoSsmConvertConfig* rhoSsmConvertConfig() const { return rhoSsmConvertConfig_.get(); }
+
+    CASK_RECORD_MAP(sgRoute, SgRoute, Routing::Pim::RouteKey, RhoRoute,
+                    "Routing::Pim::SparseMode::GmpSm")
+    CASK_RECORD_MAP(wcRoute, WcRoute, Routing::Pim::RouteKey, RhoRoute,
+                    "Routing::Pim::SparseMode::GmpSm")
+
+private:
+    class ConfigWatcher;
+    class GroupFilterWatcher;
+    class BoundaryWatcher;
+    using RouteMap = Cask::RecordMap<Routing::Pim::RouteKey, RhoRoute>;
+
+    bool ssmConverted(const RouteIntfKey& key) const;
+    template <class Add, class Del>
+    void doTrackRoute(const Routing::Pim::RouteKey& key, Route* route, const RouteMap& reactors,
+                      Add add, Del del);
+
+    GmpInputs in_;
+    Cask::Seconds reviewQuantum_ = defaultReviewQuantum;
+    RouteIntfKey reviewBookmark_;
+    bool reviewAgain_ = false;
+    // The membership being decided, so that the route reactor it wakes does
+    // not decide it a second time.
+    RouteIntfKey deciding_;
+    std::unique_ptr<Cask::ReviewTimer> reviewTimer_;
+    RouteMap sgRoute_;
+    RouteMap wcRoute_;
+    std::unique_ptr<GmpChangeSm> gmpChangeSm_;
+    std::unique_ptr<ConfigWatcher> configWatcher_;
+    std::unique_ptr<GroupFilterWatcher> groupFilterWatcher_;
+    std::unique_ptr<BoundaryWatcher> boundaryWatcher_;
+    std::unique_ptr<RhoSsmConvertConfig> rhoSsmConvertConfig_;
+};
+
+// Creates the VRF's GmpSm and its child, and starts them.
+Cask::Ptr<GmpSm> gmpSmFactory(const GmpInputs& in);
+
+}  // namespace Routing::Pim::SparseMode
