@@ -48,6 +48,7 @@ public:
         virtual void handleNsfStatus(const Vrf&) {}
         virtual void handleFibReady(const Vrf&) {}
         virtual void handleMembershipTable(const Vrf&) {}
+        virtual void handleSsmConvertConfig(const Vrf&) {}
         // Inputs for the whole address family.
         virtual void handleMcastBoundaryStatus() {}
         virtual void handleNamespace(const Wirl::NamespaceName&) {}
@@ -84,6 +85,9 @@ public:
     // Shared-memory membership table of each VRF (written by IGMP / MLD).
     CASK_RECORD_MAP(membershipTable, MembershipTable, Vrf, Routing::Gmp::Tidal::Status,
                     "Platform::StateDb")
+    // Groups whose (*,G) memberships stand for (S,G) memberships (optional).
+    CASK_RECORD_MAP(ssmConvertConfig, SsmConvertConfig, Vrf,
+                    Routing::Pim::SparseMode::SsmConvertConfig, "Platform::StateDb")
 
     // --- address-family-wide inputs -----------------------------------------
     CASK_ATTR(Cask::Ptr<Routing::McastBoundary::Status>, mcastBoundaryStatus, McastBoundaryStatus)
@@ -118,6 +122,7 @@ private:
     Cask::RecordMap<Vrf, NsfStatus> nsfStatus_;
     Cask::ValueMap<Vrf, bool> fibReady_;
     Cask::RecordMap<Vrf, Routing::Gmp::Tidal::Status> membershipTable_;
+    Cask::RecordMap<Vrf, Routing::Pim::SparseMode::SsmConvertConfig> ssmConvertConfig_;
     Cask::Ptr<Routing::McastBoundary::Status> mcastBoundaryStatus_;
     Cask::KeySet<Wirl::NamespaceName> namespace__;
     bool standby_ = false;

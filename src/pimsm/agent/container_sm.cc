@@ -45,9 +45,8 @@ ContainerSm::ContainerSm(const L3::VrfName& vrf, const ParamsContainer& pc,
 }
 
 ContainerSm::~ContainerSm() {
-    // Machines first (they watch the records), then the records, in the
-    // reverse of the order they were made.
-    mribWatcher_.reset();
+    // Members go in the reverse of the order they were made: machines
+    // before the records they watch.
     mfibDirWriter_.tableUnmount(vrf_);
 }
 
@@ -69,20 +68,30 @@ void ContainerSm::handleInitialized() {
         pimStatus_ = Cask::make<Routing::Pim::Status>();
         db.pimStatusIs(vrf_, pimStatus_);
     }
-    status_ = std::make_unique<Status>(pc_.loop.clock(), RouteContext{pimStatus_.get(), nullptr});
+    status_ = Cask::make<Status>(pc_.loop.clock(), RouteContext{pimStatus_.get(), nullptr});
+    tidalStatus_ = Cask::make<Tidal::Status>();
     db.mountIs(tidalPath("status"));
     mfibDirWriter_.tableMount(vrf_);
 
     // RPF inputs; the group and fast-failover filters of the family.
+    rpfConfig_ = Cask::make<Routing::Pim::RpfConfig>();
+    rpfStatus_ = Cask::make<Routing::Pim::RpfStatus>();
+    rpfResolver_ = std::make_unique<Routing::Pim::RpfResolver>(rpfConfig_, rpfStatus_);
     unicastRoutingStatus_ = unicastRoutingStatusFactory(pc_.family);
     mribWatcher_ =
         std::make_unique<MribWatcher>(db.mribVrfStatus(vrf_).get(), *unicastRoutingStatus_);
+    rpfTableSm_ = std::make_unique<RpfTableSm>(unicastRoutingStatus_, *rpfResolver_);
     groupFilterStatus_ = Cask::make<Routing::Pim::GroupFilterStatus>(pc_.family);
     frrFilterStatus_ = Cask::make<FrrFilterStatus>(pc_.family);
 
     // LocalStatus, linked to the route status and the two filters.
     localStatus_ = localStatusFactory(pc_.family);
     status_->contextLocalStatusIs(localStatus_.get());
+    localStatus_->groupFilterStatusIs(groupFilterStatus_);
+    localStatus_->frrFilterStatusIs(frrFilterStatus_);
+
+    // Message counters.
+    pimCounters_ = Cask::make<Routing::Pim::Tidal::MessageCounters>();
 
     // The membership table the membership protocol writes for the VRF.
     gmpTidalStatus_ = db.membershipTable(vrf_);
@@ -95,6 +104,40 @@ void ContainerSm::handleInitialized() {
     db.mountIs(tidalPath("register"));
     db.mountIs(tidalPath("advertisedSg"));
     ssmGroupInfo_ = Cask::make<SsmGroupInfo>(pc_.family);
+    localStatus_->ssmGroupInfoIs(ssmGroupInfo_);
+
+    // Route counts; the route review, which makes one route reactor per
+    // route.
+    routeCountSm_ = routeCountSmFactory(vrf_, localStatus_, rpfStatus_, tidalStatus_);
+    RouteReviewInputs review;
+    review.vrfName = vrf_;
+    review.loop = &pc_.loop;
+    review.config = db.config(vrf_);
+    review.clearConfig = db.clearConfig(vrf_);
+    review.status = status_;
+    review.localStatus = localStatus_;
+    review.rpfConfig = rpfConfig_;
+    review.rpfStatus = rpfStatus_;
+    review.pimStatus = pimStatus_;
+    review.mcastBoundaryStatus = db.mcastBoundaryStatus();
+    review.membership = gmpTidalStatus_;
+    routeReviewSm_ = routeReviewSmFactory(std::move(review));
+    routeReviewSm_->pimCountersIs(pimCounters_);
+
+    // Local receivers from the membership table.
+    ssmConvertConfig_ = db.ssmConvertConfig(vrf_);
+    GmpInputs gmp;
+    gmp.vrfName = vrf_;
+    gmp.loop = &pc_.loop;
+    gmp.config = db.config(vrf_).get();
+    gmp.status = status_.get();
+    gmp.membership = gmpTidalStatus_.get();
+    gmp.localStatus = localStatus_.get();
+    gmp.ssmGroupInfo = ssmGroupInfo_.get();
+    gmp.groupFilterStatus = groupFilterStatus_.get();
+    gmp.mcastBoundaryStatus = db.mcastBoundaryStatus().get();
+    gmp.ssmConvertConfig = ssmConvertConfig_.get();
+    gmpSm_ = gmpSmFactory(gmp);
 
     // Ready.
     initializedIs(true);

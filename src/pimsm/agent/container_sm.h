@@ -9,10 +9,18 @@
 
 #include "cask/collection.h"
 #include "pimsm/agent/params_container.h"
+#include "pimsm/membership/gmp_sm.h"
 #include "pimsm/route/local_status.h"
+#include "pimsm/route/route_count_sm.h"
+#include "pimsm/route/route_review_sm.h"
+#include "pimsm/route/route_sm.h"
 #include "pimsm/route/status.h"
 #include "pimsm/route/unicast_routing_status.h"
 #include "platform/group_ranges.h"
+#include "platform/message_counters.h"
+#include "platform/route_counters.h"
+#include "platform/rpf_resolver.h"
+#include "platform/rpf_status.h"
 #include "platform/state_db.h"
 
 namespace Routing::Pim::SparseMode {
@@ -37,12 +45,19 @@ public:
     // The VRF's records, in the order they are made.
     Status* status() const { return status_.get(); }
     Routing::Pim::Status* pimStatus() const { return pimStatus_.get(); }
+    Tidal::Status* tidalStatus() const { return tidalStatus_.get(); }
+    Routing::Pim::RpfConfig* rpfConfig() const { return rpfConfig_.get(); }
+    Routing::Pim::RpfStatus* rpfStatus() const { return rpfStatus_.get(); }
     UnicastRoutingStatus* unicastRoutingStatus() const { return unicastRoutingStatus_.get(); }
     Routing::Pim::GroupFilterStatus* groupFilterStatus() const { return groupFilterStatus_.get(); }
     FrrFilterStatus* frrFilterStatus() const { return frrFilterStatus_.get(); }
     LocalStatus* localStatus() const { return localStatus_.get(); }
     Routing::Gmp::Tidal::Status* gmpTidalStatus() const { return gmpTidalStatus_.get(); }
     SsmGroupInfo* ssmGroupInfo() const { return ssmGroupInfo_.get(); }
+    Routing::Pim::Tidal::MessageCounters* pimCounters() const { return pimCounters_.get(); }
+    RouteCountSm* routeCountSm() const { return routeCountSm_.get(); }
+    RouteReviewSm* routeReviewSm() const { return routeReviewSm_.get(); }
+    GmpSm* gmpSm() const { return gmpSm_.get(); }
 
     CASK_ATTR(bool, initialized, Initialized)
 
@@ -60,15 +75,27 @@ private:
     MrouteEventMonConfigSm& mrouteEventMonConfigSm_;
     bool initialized_ = false;
 
+    // Records, then machines, in the order they are made; members are
+    // destroyed in reverse, machines first.
     Cask::Ptr<Routing::Pim::Status> pimStatus_;
-    std::unique_ptr<Status> status_;
+    Cask::Ptr<Status> status_;
+    Cask::Ptr<Tidal::Status> tidalStatus_;
+    Cask::Ptr<Routing::Pim::RpfConfig> rpfConfig_;
+    Cask::Ptr<Routing::Pim::RpfStatus> rpfStatus_;
+    std::unique_ptr<Routing::Pim::RpfResolver> rpfResolver_;
     Cask::Ptr<UnicastRoutingStatus> unicastRoutingStatus_;
     std::unique_ptr<MribWatcher> mribWatcher_;
+    std::unique_ptr<RpfTableSm> rpfTableSm_;
     Cask::Ptr<Routing::Pim::GroupFilterStatus> groupFilterStatus_;
     Cask::Ptr<FrrFilterStatus> frrFilterStatus_;
     Cask::Ptr<LocalStatus> localStatus_;
     Cask::Ptr<Routing::Gmp::Tidal::Status> gmpTidalStatus_;
+    Cask::Ptr<Routing::Pim::Tidal::MessageCounters> pimCounters_;
     Cask::Ptr<SsmGroupInfo> ssmGroupInfo_;
+    std::unique_ptr<RouteCountSm> routeCountSm_;
+    std::unique_ptr<RouteReviewSm> routeReviewSm_;
+    Cask::Ptr<SsmConvertConfig> ssmConvertConfig_;
+    Cask::Ptr<GmpSm> gmpSm_;
 };
 
 }  // namespace Routing::Pim::SparseMode
