@@ -1,0 +1,199 @@
+#include "driver/runner.h"
+
+#include "cask/random.h"
+#include "cask/trace.h"
+#include "driver/outputs.h"
+
+namespace Driver {
+
+using namespace Routing::Pim::SparseMode;
+
+Runner::Runner(const Scenario& scenario, RunOptions options)
+    : scenario_(scenario), options_(options), loop_(clock_), db_(scenario.family) {
+    Cask::random().seedIs(options.seed);
+    Cask::trace().clear();
+    Cask::trace().levelIs(options.traceLevel);
+    Cask::trace().timeSourceIs([this] { return clock_.now(); });
+    Cask::eventLog().clear();
+    Cask::eventLog().timeSourceIs([this] { return clock_.now(); });
+    db_.mcastBoundaryStatusIs(Cask::make<Routing::McastBoundary::Status>());
+    for (const auto& vrf : scenario.vrfs) publish(vrf);
+    if (scenario.family == Wirl::AddressFamily::ipv4) {
+        agent_ = std::make_unique<Agent4>(db_, loop_);
+    } else {
+        agent_ = std::make_unique<Agent6>(db_, loop_);
+    }
+}
+
+Runner::~Runner() {
+    agent_.reset();
+    Cask::trace().timeSourceIs(nullptr);
+    Cask::eventLog().timeSourceIs(nullptr);
+}
+
+// Publishes what the other parts of the system would publish for a VRF.
+void Runner::publish(const VrfSpec& v) {
+    const auto fam = scenario_.family;
+    const auto ns = v.name.isDefault() ? Wirl::NamespaceName("default")
+                                       : Wirl::NamespaceName("ns-" + v.name.str());
+    db_.namespace_Is(ns);
+
+    auto pim = Cask::make<Routing::Pim::Status>();
+    for (const auto& i : v.interfaces) {
+        auto intf = Cask::make<Routing::Pim::PimIntfStatus>(i.name);
+        intf->usedAddrIs(i.addr);
+        intf->usedMaskLenIs(static_cast<std::uint8_t>(i.address.length()));
+        intf->usedDrIs(i.dr ? i.addr : Wirl::IpGenAddr::zero(fam));
+        intf->joinPruneOverrideIntervalIs(i.overrideInterval);
+        intf->assertTimeoutIs(i.assertTimeout);
+        intf->assertOverrideIntervalIs(i.assertOverrideInterval);
+        pim->intfIs(i.name, intf);
+    }
+    db_.pimStatusIs(v.name, pim);
+    for (const auto& n : v.neighbors) publishNeighbor(v.name, n.interface, n.address, n.genId);
+
+    auto rp = Cask::make<Platform::RpMapping>();
+    for (const auto& m : v.rps) rp->rpIs(m.groups, m.address);
+    db_.staticRpConfigIs(v.name, rp);
+    auto config = Cask::make<Config>(fam);
+    if (v.ssmRange) {
+        Wirl::AddressRangeSet range(fam);
+        for (const auto& p : *v.ssmRange) range.add(p);
+        config->ssmRangeIs(range);
+    }
+    db_.configIs(v.name, config);
+    db_.clearConfigIs(v.name, Cask::make<Routing::Pim::ClearMrouteConfig>());
+    db_.bsrCrpStatusIs(v.name, Cask::make<Platform::BsrCrpStatus>());
+    db_.discoveredSgIs(v.name, Cask::make<Platform::DiscoveredSgStatus>());
+    db_.vifStatusIs(v.name, Cask::make<Platform::VifStatus>());
+    auto mrib = Cask::make<Platform::MribVrfStatus>();
+    auto urib = Cask::make<Routing::Unicast::RouteTable>(fam);
+    for (const auto& r : v.routes) {
+        urib->routeIs(
+            {r.prefix, r.interface, r.nextHop, r.preference, r.metric, r.nextHop.isUnspecified()});
+    }
+    mrib->uribIs(urib);
+    db_.mribVrfStatusIs(v.name, mrib);
+    db_.rpConfigIs(v.name, Cask::make<Platform::RpMapping>());
+    db_.hwMfibStatusIs(v.name, Cask::make<Platform::HwMfibStatus>());
+    db_.membershipTableIs(v.name, Cask::make<Routing::Gmp::Tidal::Status>());
+    db_.pimEnabledVrfIs(v.name);
+    auto local = Cask::make<Platform::VrfStatusLocal>();
+    local->networkNamespaceIs(ns);
+    db_.vrfStatusLocalIs(v.name, local);
+}
+
+void Runner::publishNeighbor(const L3::VrfName& vrf, Wirl::IntfId intf, const Wirl::IpGenAddr& a,
+                             unsigned genId) {
+    auto pim = db_.pimStatus(vrf);
+    auto* i = pim->intfRaw(intf);
+    auto n = i->neighbor(a);
+    if (!n) {
+        n = Cask::make<Routing::Pim::PimNeighborStatus>(Routing::Pim::NeighborKey{intf, a});
+        n->genIdIs(genId);
+        i->neighborIs(a, n);
+    } else {
+        n->genIdIs(genId);
+    }
+    pim->activeNeighborIs({intf, a});
+}
+
+void Runner::apply(const Event& ev) {
+    const auto fam = scenario_.family;
+    switch (ev.kind) {
+        case Event::Kind::join:
+        case Event::Kind::leave: {
+            auto table = db_.membershipTable(ev.vrf);
+            Routing::Gmp::Tidal::RouteIntfKey key{{ev.source, ev.group}, ev.interface};
+            if (ev.kind == Event::Kind::leave) {
+                table->membershipDel(key);
+            } else {
+                table->membershipIs(key,
+                                    {key, ev.include ? Routing::Gmp::Tidal::FilterMode::include
+                                                     : Routing::Gmp::Tidal::FilterMode::exclude});
+            }
+            return;
+        }
+        case Event::Kind::neighborUp:
+        case Event::Kind::genId:
+            publishNeighbor(ev.vrf, ev.interface, ev.address, ev.genId);
+            return;
+        case Event::Kind::neighborDown: {
+            auto pim = db_.pimStatus(ev.vrf);
+            pim->activeNeighborDel({ev.interface, ev.address});
+            pim->intfRaw(ev.interface)->neighborDel(ev.address);
+            return;
+        }
+        case Event::Kind::dr: {
+            auto* intf = db_.pimStatus(ev.vrf)->intfRaw(ev.interface);
+            intf->usedDrIs(ev.flag ? intf->usedAddr() : Wirl::IpGenAddr::zero(fam));
+            return;
+        }
+        case Event::Kind::rpf: {
+            const auto& r = ev.route;
+            db_.mribVrfStatus(ev.vrf)->urib()->routeIs({r.prefix, r.interface, r.nextHop,
+                                                        r.preference, r.metric,
+                                                        r.nextHop.isUnspecified()});
+            return;
+        }
+        case Event::Kind::rpfWithdraw:
+            db_.mribVrfStatus(ev.vrf)->urib()->routeDel(ev.route.prefix);
+            return;
+        case Event::Kind::rp:
+            db_.staticRpConfig(ev.vrf)->rpIs(ev.rp.groups, ev.rp.address);
+            return;
+        case Event::Kind::rpWithdraw:
+            db_.staticRpConfig(ev.vrf)->rpDel(ev.rp.groups);
+            return;
+        case Event::Kind::clear: {
+            using Bit = Routing::Pim::MrouteClearFlags::Bit;
+            Routing::Pim::MrouteClearFlags flags;
+            const bool group = ev.group.family() != Wirl::AddressFamily::ipunknown;
+            const bool source = ev.source.family() != Wirl::AddressFamily::ipunknown;
+            if (group && source) {
+                flags.set(Bit::singleRoute);
+            } else if (group) {
+                flags.set(Bit::group);
+            } else {
+                flags.set(Bit::allRoutes);
+            }
+            db_.clearConfig(ev.vrf)->clearRoutesIs(ev.group, ev.source, flags);
+            return;
+        }
+        case Event::Kind::show:
+        case Event::Kind::expect:
+            return;
+    }
+}
+
+nlohmann::ordered_json Runner::output(Output what) {
+    switch (what) {
+        case Output::trace:
+            return traceLines(Cask::trace(), traceSeen_);
+        case Output::events:
+            return traceLines(Cask::eventLog(), eventsSeen_);
+        default:
+            return vrfOutput(*this, scenario_, what);
+    }
+}
+
+int Runner::run(Report& report) {
+    int failed = 0;
+    for (const auto& ev : scenario_.events) {
+        loop_.runUntil(ev.at);
+        apply(ev);
+        if (ev.kind == Event::Kind::show) {
+            for (Output o : ev.outputs) report.show(ev.at, o, output(o));
+        } else if (ev.kind == Event::Kind::expect) {
+            const auto expected = nlohmann::ordered_json::parse(ev.expectJson);
+            for (Output o : ev.outputs) {
+                if (!report.expect(ev.at, ev.where, o, expected[outputName(o)], output(o)))
+                    ++failed;
+            }
+        }
+    }
+    loop_.runUntil(std::max(scenario_.until, options_.until));
+    return failed;
+}
+
+}  // namespace Driver

@@ -1,0 +1,120 @@
+#pragma once
+// A scenario: the platform inputs an agent starts from and the timed events
+// applied to it, as read from a YAML file (see docs/scenario-format.md).
+//
+// Loading validates everything before anything runs: unknown keys, bad
+// addresses, events for unknown VRFs or interfaces, and time going
+// backwards are errors that name the file, line and column.
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "wirl/address_family.h"
+#include "wirl/intf_id.h"
+#include "wirl/ip_gen_addr.h"
+#include "wirl/ip_gen_prefix.h"
+#include "wirl/vrf_name.h"
+
+namespace Driver {
+
+// "file:line:column: what is wrong".
+class ScenarioError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+struct InterfaceSpec {
+    Wirl::IntfId name;
+    Wirl::IpGenPrefix address;  // this router's address and mask on it
+    Wirl::IpGenAddr addr;       // the address alone
+    bool dr = true;
+    double overrideInterval = 2.5;
+    unsigned assertTimeout = 180;
+    unsigned assertOverrideInterval = 3;
+};
+
+struct NeighborSpec {
+    Wirl::IntfId interface;
+    Wirl::IpGenAddr address;
+    unsigned genId = 1;
+};
+
+struct UnicastRouteSpec {
+    Wirl::IpGenPrefix prefix;
+    Wirl::IntfId interface;
+    Wirl::IpGenAddr nextHop;  // default: directly attached
+    unsigned preference = 1;
+    unsigned metric = 1;
+};
+
+struct RpSpec {
+    Wirl::IpGenPrefix groups;
+    Wirl::IpGenAddr address;
+};
+
+struct VrfSpec {
+    L3::VrfName name;
+    std::optional<std::vector<Wirl::IpGenPrefix>> ssmRange;
+    std::vector<RpSpec> rps;
+    std::vector<Wirl::IpGenAddr> localAddresses;  // addresses of this router (RP role)
+    std::vector<InterfaceSpec> interfaces;
+    std::vector<NeighborSpec> neighbors;
+    std::vector<UnicastRouteSpec> routes;
+
+    const InterfaceSpec* interface(Wirl::IntfId i) const;
+};
+
+// What a `show` or `expect` names.
+enum class Output { routes, joinPrune, forwarding, counters, trace, events };
+const char* outputName(Output o);
+
+struct Event {
+    enum class Kind {
+        join,   // membership appears (include or exclude)
+        leave,  // membership goes
+        neighborUp,
+        neighborDown,
+        genId,        // a neighbour restarted
+        dr,           // this router's DR role on an interface
+        rpf,          // unicast route added or replaced
+        rpfWithdraw,  // unicast route removed
+        rp,           // static RP mapping added or replaced
+        rpWithdraw,   // static RP mapping removed
+        clear,        // clear routes
+        show,
+        expect,
+    };
+    double at = 0;
+    Kind kind = Kind::show;
+    std::string where;  // "file:line:column" of the event, for messages
+    L3::VrfName vrf;
+    Wirl::IntfId interface;
+    Wirl::IpGenAddr group;
+    Wirl::IpGenAddr source;  // unspecified for (*,G)
+    bool include = true;
+    Wirl::IpGenAddr address;  // neighbour / RP / next hop
+    unsigned genId = 0;
+    bool flag = false;  // dr
+    UnicastRouteSpec route;
+    RpSpec rp;
+    std::vector<Output> outputs;  // show
+    std::string expectJson;       // expect: the expected outputs, as JSON text
+};
+
+struct Scenario {
+    std::string file;
+    Wirl::AddressFamily family = Wirl::AddressFamily::ipv4;
+    std::vector<VrfSpec> vrfs;
+    std::vector<Event> events;  // in time order
+    double until = 0;           // run at least until here
+
+    const VrfSpec* vrf(const L3::VrfName& name) const;
+};
+
+// Reads and validates a scenario; throws ScenarioError.
+Scenario loadScenario(const std::string& path);
+Scenario parseScenario(const std::string& text, const std::string& file);
+
+}  // namespace Driver
