@@ -4,4 +4,5 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 scripts/build.sh build -DCMAKE_BUILD_TYPE=Release -DPIMSM_TESTS=OFF >/dev/null
-exec build/src/pimsm "${@:-demo}"
+if [ $# -eq 0 ]; then set -- run; fi
+exec build/src/pimsm "$@"
