@@ -37,6 +37,8 @@ class GmpFixture {
 public:
     explicit GmpFixture(Wirl::AddressFamily family) : family(family), registrar(*status, *ls) {
         Cask::trace().levelIs(8);
+        Cask::eventLog().clear();
+        Cask::eventLog().levelIs(4);
         Cask::trace().clear();
         Cask::eventLog().clear();
         gmp = gmpSmFactory({L3::VrfName("red"), &loop, config.get(), status.get(), table.get(),

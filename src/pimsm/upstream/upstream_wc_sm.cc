@@ -1,0 +1,450 @@
+#include "pimsm/upstream/upstream_wc_sm.h"
+
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "cask/assert.h"
+#include "cask/trace.h"
+
+namespace Routing::Pim::SparseMode {
+
+using Routing::Pim::JoinPruneData;
+using Routing::Pim::JoinPruneGroupData;
+using Routing::Pim::JoinPruneMessageInfo;
+using Routing::Pim::JoinPruneNeighbor;
+using Routing::Pim::NeighborKey;
+using Routing::Pim::RouteKey;
+using Routing::Pim::Rpf;
+
+#define UP_TRACE(lvl, f, ...) CASK_TRACE(lvl, "<Vrf:{}>" f, in_.vrfName __VA_OPT__(, ) __VA_ARGS__)
+#define RHO_TRACE(lvl, f, ...) \
+    CASK_TRACE(lvl, "<Vrf:{}>" f, sm_.vrfName() __VA_OPT__(, ) __VA_ARGS__)
+
+namespace {
+
+bool validAddr(const Wirl::IpGenAddr& a) {
+    return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
+}
+
+// A triggered or override record carries the periodic record's (S,G,rpt)
+// prunes only while it holds a (*,G) Join; an empty record is dropped.
+void doRefreshGroup(JoinPruneData& set, const Wirl::IpGenAddr& group,
+                    const JoinPruneData* periodic) {
+    JoinPruneGroupData* gd = set.joinPruneGroupData(group);
+    if (!gd) return;
+    bool hasJoin = false;
+    for (const auto& [rp, d] : gd->wcSourceData()) hasJoin = hasJoin || d.join;
+    JoinPruneGroupData* target =
+        hasJoin && periodic ? periodic->joinPruneGroupData(group) : nullptr;
+    gd->periodicPrunedRptGroupDataIs(Cask::Ptr<JoinPruneGroupData>(target));
+    set.joinPruneGroupDataDelIfEmpty(group);
+}
+
+// Drops every (*,G) entry of the group's record in `set`.
+void doWithdrawWc(JoinPruneData& set, const Wirl::IpGenAddr& group, const JoinPruneData* periodic) {
+    if (JoinPruneGroupData* gd = set.joinPruneGroupData(group)) gd->wcSourceDataDelAll();
+    doRefreshGroup(set, group, periodic);
+}
+
+}  // namespace
+
+// --- UpstreamWcSm ------------------------------------------------------------
+
+UpstreamWcSm::UpstreamWcSm(const UpstreamWcInputs& in) : in_(in) {
+    CASK_ASSERT(in_.localStatus && in_.pimStatus && in_.joinPruneStatus, "upstreamWcInputs");
+    LocalStatus::Notifiee::notifierIs(in_.localStatus);
+    if (in_.joinPruneRxStatus) rxWatcher_.notifierIs(in_.joinPruneRxStatus);
+}
+
+UpstreamWcSm::~UpstreamWcSm() = default;
+
+UpstreamWcSm::RhoRoute* UpstreamWcSm::rhoRoute(const RouteKey& key) const {
+    auto it = route_.find(key);
+    return it == route_.end() ? nullptr : it->second.get();
+}
+
+void UpstreamWcSm::handleInitialized() {
+    UP_TRACE(6, "UpstreamWcSm::handleInitialized()");
+    const LocalStatus& ls = *in_.localStatus;
+    for (const auto& [nk, nbr] : in_.joinPruneStatus->neighbor()) {
+        JoinPruneData& periodic = nbr->periodic();
+        std::vector<Wirl::IpGenAddr> stale;
+        for (const auto& [group, gd] : periodic.joinPruneGroupData()) {
+            if (!gd->wcSourceData().empty() && !ls.wcRouteHas(RouteKey::wc(group))) {
+                stale.push_back(group);
+            }
+        }
+        for (const auto& group : stale) {
+            const RouteKey key = RouteKey::wc(group);
+            UP_TRACE(7,
+                     "UpstreamWcSm::handleInitialized(), Deleting periodic (*,G) join for deleted "
+                     "route {} for neighbor {} on interface {}",
+                     key, nk.address, nk.intf);
+            CASK_EVENT(
+                "UpstreamWcSm:handleInitialized(): delete *,g join. {} to neighbor: {} on {}", key,
+                nk.address, nk.intf);
+            doWithdrawWc(periodic, group, nullptr);
+        }
+    }
+    for (const auto& [key, route] : ls.wcRoute()) {
+        if (!route_.contains(key)) handleWcRoute(key);
+    }
+    initializedIs(true);
+}
+
+void UpstreamWcSm::handleWcRoute(const RouteKey& key) {
+    Cask::Ptr<Route> route = in_.localStatus->wcRoute(key);
+    auto it = route_.find(key);
+    if (it != route_.end() && (!route || &it->second->route() != route.get())) {
+        UP_TRACE(6, "UpstreamWcSm::handleWcRoute({}), route deleted", key);
+        auto gone = std::move(it->second);
+        route_.erase(it);
+        gone->handleDelete();
+        it = route_.end();
+    }
+    if (!route || it != route_.end()) return;
+    UP_TRACE(6, "UpstreamWcSm::handleWcRoute({}), route added", key);
+    auto [slot, inserted] = route_.emplace(key, std::make_unique<RhoRoute>(*this, route));
+    slot->second->handleRouteInit();
+}
+
+Wirl::IpGenAddr UpstreamWcSm::rpOf(const Wirl::IpGenAddr& group) const {
+    return in_.rpMapping ? in_.rpMapping->rpFor(group) : Wirl::IpGenAddr();
+}
+
+bool UpstreamWcSm::joinWrittenAt(const Rpf& rpf, const Wirl::IpGenAddr& group) const {
+    if (!rpf.hasNeighbor()) return false;
+    const JoinPruneNeighbor* nbr = in_.joinPruneStatus->neighbor(rpf.intf, rpf.neighbor);
+    const JoinPruneGroupData* gd = nbr ? nbr->periodic().joinPruneGroupData(group) : nullptr;
+    return gd && !gd->wcSourceData().empty();
+}
+
+Rpf UpstreamWcSm::rpfPrimeWc(Route& route, bool updateUmh) {
+    const RouteKey& key = route.key();
+    const Wirl::IpGenAddr rp = rpOf(key.group());
+    if (!validAddr(rp) || !in_.rpfTable || !in_.rpfTable->available()) {
+        UP_TRACE(7, "UpstreamWcSm::rpfPrimeWc({}), rpfPrimeWc: No RPF info for group {}", key,
+                 key.group());
+        return Rpf{};
+    }
+    UP_TRACE(7, "UpstreamWcSm::rpfPrimeWc(), looking up RPF for RP {} for route {}", rp, key);
+    if (updateUmh) route.umh()->rpIs(rp);
+    const auto lookup = in_.rpfTable->doLookup(rp);
+    if (lookup) {
+        UP_TRACE(8,
+                 "UpstreamWcSm::rpfPrimeWc() rpfAttached {} for route {} rpfPrefix {} rpfIntfId {} "
+                 "rpf.rpfNeighbor {}",
+                 lookup->attached, key, lookup->prefix, lookup->rpf.intf, lookup->rpf.neighbor);
+        if (updateUmh) route.umh()->rpfAttachedIs(lookup->attached);
+    }
+    if (in_.rpLocalStatus && in_.rpLocalStatus->iAmRp(rp)) {
+        UP_TRACE(7, "UpstreamWcSm::rpfPrimeWc({}), rpfPrimeWc: I am RP {} for route {}", key, rp,
+                 key);
+        // The root of the shared tree: traffic arrives by register (or on
+        // the RP's own interface) and no join goes further.
+        Rpf atRp = lookup ? lookup->rpf : Rpf{Wirl::IntfId::register0(), {}};
+        atRp.neighbor = Wirl::IpGenAddr();
+        return atRp;
+    }
+    if (!lookup) {
+        UP_TRACE(7, "UpstreamWcSm::rpfPrimeWc({}), rpfPrimeWc: No RPF info for group {}", key,
+                 key.group());
+        return Rpf{};
+    }
+    Rpf rpf = lookup->rpf;
+    // RFC 7761 4.1.6: a directly connected RP is its own RPF neighbour.
+    if (lookup->attached) rpf.neighbor = rp;
+    const Intf* rpfIntf = route.routeIntfRaw(rpf.intf);
+    if (rpfIntf && rpfIntf->assertInfo().assertState == AssertState::iAmAssertLoser) {
+        rpf.neighbor = rpfIntf->assertWinner();
+        UP_TRACE(7, "UpstreamWcSm::rpfPrimeWc{}: I am assert loser, RPF {}", key, rpf.str());
+    }
+    // The winner of an assert is held to the same rule: a join goes only to
+    // a known PIM neighbour, whose Join/Prune entry exists.
+    if (rpf.intf.isRegister() || !in_.pimStatus->intfRaw(rpf.intf) ||
+        !in_.pimStatus->neighborExists(rpf.intf, rpf.neighbor)) {
+        UP_TRACE(7, "UpstreamWcSm::rpfPrimeWc{}: No Pim enabled intf or neighbor for RPF {}", key,
+                 rpf.str());
+        rpf.neighbor = Wirl::IpGenAddr();
+    }
+    return rpf;
+}
+
+bool UpstreamWcSm::doEvalRpfPrimeWc(Route& route) {
+    UP_TRACE(7, "UpstreamWcSm::doEvalRpfPrimeWc {}", route.key());
+    const Rpf rpf = rpfPrimeWc(route, true);
+    if (rpf == route.rpf()) return false;
+    route.umh()->doUpdateRpf(rpf);
+    return true;
+}
+
+void UpstreamWcSm::doEvalJoinDesiredWc(Route& route) {
+    const RouteKey key = route.key();
+    const bool desired = route.joinDesiredWc();
+    const UpJoinState state = route.upJoinState();
+    if (state == UpJoinState::upNotJoined && desired) {
+        UP_TRACE(7, "UpstreamWcSm::doEvalJoinDesiredWc(): JoinDesired{} is True, UpJoinState: {}",
+                 key, state);
+        CASK_EVENT("UpstreamWcSm: Route {}, flags: {}, upNotJoined --> upJoined", key,
+                   route.routeFlagsStr());
+        route.upJoinStateIs(UpJoinState::upJoined);
+        // An unchanged RPF' announces nothing, so the join is sent here.
+        if (!doEvalRpfPrimeWc(route) && route.rpf().hasNeighbor()) {
+            doRpfNeighborJoin(key, route.rpf().intf, route.rpf().neighbor);
+        }
+    } else if (state == UpJoinState::upJoined && !desired) {
+        UP_TRACE(7, "UpstreamWcSm::doEvalJoinDesiredWc(): JoinDesired{} is False, UpJoinState: {}",
+                 key, state);
+        CASK_EVENT("UpstreamWcSm: Route {}, flags: {}, upJoined --> upNotJoined", key,
+                   route.routeFlagsStr());
+        doPrevRpfNeighborCleanup(key, route.rpf());
+        if (route.iifSwitching()) {
+            UP_TRACE(7,
+                     "UpstreamWcSm::doEvalJoinDesiredWc(){} JoinDesired is False, IifSwitching: {}",
+                     key, route.iifSwitching());
+            CASK_EVENT("UpstreamWcSm: Route {}, flags: {}, cancel iifSwitching ", key,
+                       route.routeFlagsStr());
+            const Rpf prev = route.prevRpf();
+            route.umh()->prevRpfIs(Rpf{});
+            doPrevRpfNeighborCleanup(key, prev);
+            route.iifSwitchingIs(false);
+        }
+        route.upJoinStateIs(UpJoinState::upNotJoined);
+        route.umh()->doUpdateRpf(rpfPrimeWc(route, true));
+    }
+}
+
+void UpstreamWcSm::doRpfNeighborJoin(const RouteKey& key, Wirl::IntfId intf,
+                                     const Wirl::IpGenAddr& neighbor) {
+    if (!validAddr(neighbor) || intf.isRegister()) return;
+    const Wirl::IpGenAddr rp = rpOf(key.group());
+    if (!validAddr(rp)) {
+        UP_TRACE(7, "UpstreamWcSm::doRpfNeighborJoin({}), No RP found for group {}", key,
+                 key.group());
+        UP_TRACE(8, "UpstreamWcSm:doRpfNeighborJoin Route {}, no RP found ", key);
+        return;
+    }
+    if (!in_.rpfTable || !in_.rpfTable->doLookup(rp)) {
+        UP_TRACE(7, "UpstreamWcSm::doRpfNeighborJoin({}), No RPF info for group {}", key,
+                 key.group());
+        UP_TRACE(8, "UpstreamWcSm:doRpfNeighborJoin Route {}, no rpInfo ", key);
+        return;
+    }
+    JoinPruneNeighbor* nbr = in_.joinPruneStatus->neighbor(intf, neighbor);
+    CASK_ASSERT(nbr, "jpNeighbor");
+    UP_TRACE(7, "UpstreamWcSm:doRpfNeighborJoin Route {}, sending join to neighbor: {}", key,
+             neighbor);
+    doWriteJoin(*nbr, key.group(), rp);
+}
+
+void UpstreamWcSm::doWriteJoin(JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
+                               const Wirl::IpGenAddr& rp) {
+    const auto& neighbor = nbr.key().address;
+    UP_TRACE(8,
+             "UpstreamWcSm::doRpfNeighborJoin(), RPF change: Adding periodic join for neighbor {}",
+             neighbor);
+    JoinPruneGroupData& periodic = nbr.periodic().joinPruneGroupDataIs(group);
+    // One (*,G) entry per group: a join toward a former RP goes.
+    std::vector<Wirl::IpGenAddr> formerRps;
+    for (const auto& [other, d] : periodic.wcSourceData()) {
+        if (other != rp) formerRps.push_back(other);
+    }
+    for (const auto& other : formerRps) periodic.wcSourceDataDel(other);
+    periodic.wcSourceDataIs(rp, true);
+    UP_TRACE(8,
+             "UpstreamWcSm::doRpfNeighborJoin(), RPF change: Sending triggered join to neighbor {}",
+             neighbor);
+    JoinPruneGroupData& triggered = nbr.pendingTriggered().joinPruneGroupDataIs(group);
+    triggered.periodicPrunedRptGroupDataIs(Cask::Ptr<JoinPruneGroupData>(&periodic));
+    triggered.wcSourceDataIs(rp, true);
+}
+
+void UpstreamWcSm::doPrevRpfNeighborCleanup(const RouteKey& key, const Rpf& prevRpf) {
+    if (!prevRpf.hasNeighbor()) return;
+    const auto& neighbor = prevRpf.neighbor;
+    const auto& group = key.group();
+    UP_TRACE(7, "UpstreamWcSm:doPrevRpfNeighborCleanup Route {}, prevNeighbor: {}", key, neighbor);
+    JoinPruneNeighbor* nbr = in_.joinPruneStatus->neighbor(prevRpf.intf, neighbor);
+    if (!nbr) {
+        // Its entry went with the neighbour, and nothing can be sent to it.
+        UP_TRACE(7, "UpstreamWcSm::doPrevRpfNeighborCleanup({}), Neighbor down", key);
+        return;
+    }
+    JoinPruneData& periodic = nbr->periodic();
+    UP_TRACE(
+        8,
+        "UpstreamWcSm::doPrevRpfNeighborCleanup(), RPF'(*,G) change: Deleting periodic join for "
+        "route {} for neighbor {}",
+        key, neighbor);
+    doWithdrawWc(periodic, group, nullptr);
+    UP_TRACE(
+        8,
+        "UpstreamWcSm::doPrevRpfNeighborCleanup(), Deleting pending triggered join for route {} "
+        "for neighbor {}",
+        key, neighbor);
+    doWithdrawWc(nbr->pendingTriggered(), group, &periodic);
+    UP_TRACE(
+        8,
+        "UpstreamWcSm::doPrevRpfNeighborCleanup(), Deleting pending override join for route {} "
+        "for neighbor {}",
+        key, neighbor);
+    doWithdrawWc(nbr->pendingOverride(), group, &periodic);
+
+    const Wirl::IpGenAddr rp = rpOf(group);
+    if (!validAddr(rp)) {
+        UP_TRACE(7, "UpstreamWcSm::doPrevRpfNeighborCleanup({}), No RP found for group {}", key,
+                 group);
+        return;
+    }
+    if (!in_.rpfTable || !in_.rpfTable->doLookup(rp)) {
+        UP_TRACE(7, "UpstreamWcSm::doPrevRpfNeighborCleanup({}), No RPF info for group {}", key,
+                 group);
+        return;
+    }
+    if (!in_.pimStatus->activeNeighborHas(NeighborKey{prevRpf.intf, neighbor})) return;
+    UP_TRACE(7,
+             "UpstreamWcSm::doPrevRpfNeighborCleanup(), Sending triggered prune for route {} to "
+             "neighbor {}",
+             key, neighbor);
+    nbr->pendingTriggered().joinPruneGroupDataIs(group).wcSourceDataIs(rp, false);
+    doRefreshGroup(nbr->pendingTriggered(), group, &periodic);
+}
+
+void UpstreamWcSm::doMaybeSetForwardBit(Wirl::IntfId id, Route& route) {
+    Intf* intf = route.routeIntfRaw(id);
+    if (!intf) return;
+    // The incoming interface never forwards.
+    const bool want = id != route.iif() && intf->immediateOlistWc();
+    if (want == intf->forward()) return;
+    const RouteKey& key = route.key();
+    if (want) {
+        UP_TRACE(7, "UpstreamWcSm::{}, Added {} to OIF set", key, id);
+        CASK_EVENT("UpstreamWcSm: Add intf {} to OIF set of route {}", id, key);
+    } else {
+        UP_TRACE(7, "UpstreamWcSm::{}, Removed {} from OIF set", key, id);
+        CASK_EVENT("UpstreamWcSm: Remove intf {} from OIF set of  route {}", id, key);
+    }
+    intf->forwardIs(want);
+}
+
+void UpstreamWcSm::doMaybeSetFastForwardBit(Wirl::IntfId id, Route& route) {
+    Intf* intf = route.routeIntfRaw(id);
+    if (!intf) return;
+    const RouteKey& key = route.key();
+    // The backup list exists only with a backup upstream, and never holds
+    // the backup upstream's own interface.
+    const bool eligible = route.umhFrr() && id != route.rpfFrr().intf;
+    if (!eligible) {
+        if (!intf->fastForward()) return;
+        UP_TRACE(7, "UpstreamWcSm::{}, Removed ineligible {} from fast forward OIF set", key, id);
+        CASK_EVENT("UpstreamWcSm: Remove ineligible intf {} from fast forward OIF set of route {}",
+                   id, key);
+        intf->fastForwardIs(false);
+        return;
+    }
+    const bool want = id != route.iif() && intf->immediateOlistWc();
+    if (want == intf->fastForward()) return;
+    if (want) {
+        UP_TRACE(7, "UpstreamWcSm::{}, Added {} to fast forward OIF set", key, id);
+        CASK_EVENT("UpstreamWcSm: Add intf {} to fast forward OIF set of route {}", id, key);
+    } else {
+        UP_TRACE(7, "UpstreamWcSm::{}, Removed {} from fast forward OIF set", key, id);
+        CASK_EVENT("UpstreamWcSm: Remove intf {} from fast forward OIF set of  route {}", id, key);
+    }
+    intf->fastForwardIs(want);
+}
+
+const Rpf* UpstreamWcSm::rxRpf(const Route& route, const JoinPruneMessageInfo& m) const {
+    for (const Rpf* rpf : {&route.rpf(), &route.prevRpf()}) {
+        if (rpf->hasNeighbor() && rpf->neighbor == m.upstreamNeighbor && rpf->intf == m.intf) {
+            return rpf;
+        }
+    }
+    return nullptr;
+}
+
+bool UpstreamWcSm::ignoreRxJoinPrune(const JoinPruneMessageInfo& m) const {
+    const RouteKey key = RouteKey::wc(m.riKey.group());
+    const Route* route = in_.localStatus->wcRoute().raw(key);
+    std::string reason;
+    if (!m.sourceFlags.isStarG()) {
+        reason = ", Message not for (*,G)";
+    } else if (!in_.pimStatus->neighborExists(m.intf, m.sender)) {
+        reason = fmt::format(", Message from non-neighbor {}", m.sender);
+    } else if (!route) {
+        reason = fmt::format(", No route for {}", key);
+    } else if (route->upJoinState() != UpJoinState::upJoined) {
+        reason = fmt::format(", Not in joined state for route to {}", key);
+    } else if (!rxRpf(*route, m)) {
+        reason = ", Message not to RPF'(S,G) or prev RPF'(S,G)";
+    } else {
+        return false;
+    }
+    const Rpf rpf = route ? route->rpf() : Rpf{};
+    UP_TRACE(7, "UpstreamWcSm::ignoreRxJoinPrune() Rpf: {} Msg: {} Neigh: {} MsgNeigh: {}{}",
+             rpf.str(), m.riKey, rpf.neighbor, m.upstreamNeighbor, reason);
+    return true;
+}
+
+void UpstreamWcSm::handleRxJoin() {
+    const JoinPruneMessageInfo m = in_.joinPruneRxStatus->rxJoin();
+    UP_TRACE(6, "UpstreamWcSm::handleRxJoin({}) on {} from {}", m.riKey, m.intf, m.sender);
+    if (ignoreRxJoinPrune(m)) {
+        ignoredRxJoinsInc();
+        return;
+    }
+    const Route& route = *in_.localStatus->wcRoute().raw(RouteKey::wc(m.riKey.group()));
+    const Rpf& rpf = *rxRpf(route, m);
+    const char* why = nullptr;
+    JoinPruneGroupData* gd = nullptr;
+    if (JoinPruneNeighbor* nbr = in_.joinPruneStatus->neighbor(rpf.intf, rpf.neighbor); !nbr) {
+        why = ", Neighbor down";
+    } else if (gd = nbr->periodic().joinPruneGroupData(m.riKey.group()); !gd) {
+        why = ", No periodic join for group";
+    } else if (!gd->wcSourceDataHas(m.wcSource) || !gd->wcSourceData(m.wcSource).join) {
+        why = ", No periodic join for source";
+    }
+    if (why) {
+        UP_TRACE(7, "UpstreamWcSm::handleRxJoin({}){}", m.riKey, why);
+        ignoredRxJoinsInc();
+        return;
+    }
+    UP_TRACE(7, "UpstreamWcSm::handleRxJoin({}), Suppressing periodic join to neighbor {}", m.riKey,
+             rpf.neighbor);
+    gd->wcSuppressedIs(m.wcSource, true);
+}
+
+void UpstreamWcSm::handleRxPrune() {
+    const JoinPruneMessageInfo m = in_.joinPruneRxStatus->rxPrune();
+    UP_TRACE(6, "UpstreamWcSm::handleRxPrune({}) on {} from {}", m.riKey, m.intf, m.sender);
+    if (ignoreRxJoinPrune(m)) {
+        ignoredRxPrunesInc();
+        return;
+    }
+    const Route& route = *in_.localStatus->wcRoute().raw(RouteKey::wc(m.riKey.group()));
+    const Rpf& rpf = *rxRpf(route, m);
+    JoinPruneNeighbor* nbr = in_.joinPruneStatus->neighbor(rpf.intf, rpf.neighbor);
+    if (!nbr) {
+        UP_TRACE(7, "UpstreamWcSm::handleRxPrune({}), Neighbor down", m.riKey);
+        ignoredRxPrunesInc();
+        return;
+    }
+    const auto& group = m.riKey.group();
+    const Wirl::IpGenAddr rp = validAddr(route.umh()->rp()) ? route.umh()->rp() : m.wcSource;
+    JoinPruneGroupData* groupPeriodic = nbr->periodic().joinPruneGroupData(group);
+    UP_TRACE(7, "UpstreamWcSm::handleRxPrune({}), Sending override join", m.riKey);
+    UP_TRACE(8, "UpstreamWcSm::handleRxPrune(), groupPeriodic {} for neighbor {}",
+             groupPeriodic ? "present" : "absent", rpf.neighbor);
+    JoinPruneGroupData& ov = nbr->pendingOverride().joinPruneGroupDataIs(group);
+    ov.periodicPrunedRptGroupDataIs(Cask::Ptr<JoinPruneGroupData>(groupPeriodic));
+    ov.wcSourceDataIs(rp, true);
+}
+
+Cask::Ptr<UpstreamWcSm> upstreamWcSmFactory(const UpstreamWcInputs& in) {
+    auto sm = Cask::make<UpstreamWcSm>(in);
+    sm->handleInitialized();
+    return sm;
+}
+
+}  // namespace Routing::Pim::SparseMode

@@ -1,0 +1,194 @@
+#pragma once
+// UpstreamWcSm: the upstream (*,G) machine of one VRF (RFC 7761 4.5.6). For
+// every (*,G) route it decides whether the router wants to be on the
+// group's shared tree (JoinDesired(*,G)), finds the upstream neighbour
+// toward the RP (RPF'(*,G)) and keeps that neighbour's outgoing Join/Prune
+// contents in step: the periodic (*,G) Join, a triggered Join when it
+// starts, a triggered Prune to the neighbour it leaves, and an override Join
+// when another router prunes the group from the same neighbour. It also
+// keeps the `forward` / `fastForward` bits of the route's interfaces, since
+// the RPF interface never forwards.
+//
+// It writes contents only: the packet side owns the periodic, triggered,
+// override and suppression timers. One per VRF and address family, with one
+// `RhoRoute` per route of `LocalStatus.wcRoute` and one `RhoIntf` per
+// interface of that route.
+
+#include <memory>
+#include <unordered_map>
+
+#include <boost/container/flat_map.hpp>
+
+#include "cask/collection.h"
+#include "pimsm/route/local_status.h"
+#include "pimsm/upstream/rpf_table.h"
+#include "platform/join_prune.h"
+#include "platform/pim_status.h"
+#include "platform/rp_local.h"
+#include "platform/vrf_records.h"
+#include "wirl/vrf_name.h"
+
+namespace Routing::Pim::SparseMode {
+
+// What the machine reads and writes. Records must outlive it; the optional
+// ones read as "nothing" when absent (no RP, no RPF, not an RP, no message).
+struct UpstreamWcInputs {
+    L3::VrfName vrfName;
+    LocalStatus* localStatus = nullptr;
+    const Routing::Pim::Status* pimStatus = nullptr;
+    Routing::Pim::JoinPruneStatus* joinPruneStatus = nullptr;
+    const Platform::RpMapping* rpMapping = nullptr;
+    const PimRpfTable* rpfTable = nullptr;
+    const Routing::Pim::RpLocalStatus* rpLocalStatus = nullptr;
+    Routing::Pim::JoinPruneRxStatus* joinPruneRxStatus = nullptr;
+};
+
+class UpstreamWcSm : public Cask::Record<UpstreamWcSm>, public LocalStatus::Notifiee {
+public:
+    class Notifiee : public Cask::NotifieeOf<UpstreamWcSm> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        virtual void handleIgnoredRxJoins() {}
+        virtual void handleIgnoredRxPrunes() {}
+        virtual void handleInitialized() {}
+    };
+
+    class RhoRoute;
+
+    // Keeps the forwarding bits and the join decision of one interface.
+    class RhoIntf : public Intf::Notifiee {
+    public:
+        RhoIntf(RhoRoute& owner, Intf& intf) : Intf::Notifiee(&intf), owner_(owner) {}
+        void handleLocalMembership() override { changed(false); }
+        void handleLocalReceiverInclude() override { changed(false); }
+        void handleJoinState() override { changed(false); }
+        void handleAssertInfo() override { changed(true); }
+        void handleChangeFlags() override { changed(false); }
+
+    private:
+        void changed(bool assertChanged);
+        RhoRoute& owner_;
+    };
+
+    class RhoRoute : public Route::Notifiee {
+    public:
+        RhoRoute(UpstreamWcSm& sm, Cask::Ptr<Route> route);
+        ~RhoRoute() override;
+        RhoRoute(const RhoRoute&) = delete;
+        RhoRoute& operator=(const RhoRoute&) = delete;
+
+        Route& route() const { return *route_; }
+        UpstreamWcSm& sm() const { return sm_; }
+
+        // Reactor created: takes up the route's interfaces and join state.
+        void handleRouteInit();
+        // Every change of RPF'(*,G) (`umh.rpf`).
+        void handleRpf();
+        // The route review handed the route what changed under its upstream.
+        void handleChangeFlags() override;
+        void handleRouteIntf(Wirl::IntfId intf) override { handleIntf(intf); }
+        void handleUmhFrr() override;
+        void handleIntf(Wirl::IntfId intf);
+        void handleIntfChange(Wirl::IntfId intf, bool assertChanged);
+        // The route left `wcRoute`: withdraws a join still written for it.
+        void handleDelete();
+
+        std::size_t intfSize() const { return intf_.size(); }
+
+    private:
+        class UpstreamWatcher : public UpstreamInfo::Notifiee {
+        public:
+            explicit UpstreamWatcher(RhoRoute& owner) : owner_(owner) {}
+            void handleRpf() override { owner_.handleRpf(); }
+
+        private:
+            RhoRoute& owner_;
+        };
+
+        UpstreamWcSm& sm_;
+        Cask::Ptr<Route> route_;
+        // The RPF' this reactor last acted on: where its join went.
+        Routing::Pim::Rpf lastRpf_;
+        UpstreamWatcher upstream_{*this};
+        boost::container::flat_map<Wirl::IntfId, std::unique_ptr<RhoIntf>> intf_;
+    };
+
+    explicit UpstreamWcSm(const UpstreamWcInputs& in);
+    ~UpstreamWcSm() override;
+
+    const L3::VrfName& vrfName() const { return in_.vrfName; }
+    const UpstreamWcInputs& inputs() const { return in_; }
+
+    CASK_COUNTER(std::uint32_t, ignoredRxJoins, IgnoredRxJoins)
+    CASK_COUNTER(std::uint32_t, ignoredRxPrunes, IgnoredRxPrunes)
+    CASK_ATTR(bool, initialized, Initialized)
+
+    RhoRoute* rhoRoute(const Routing::Pim::RouteKey& key) const;
+    std::size_t rhoRouteSize() const { return route_.size(); }
+
+    // Start-up: drops periodic (*,G) Joins left for routes that are gone,
+    // takes up the routes present, then sets `initialized`.
+    void handleInitialized() override;
+    void handleWcRoute(const Routing::Pim::RouteKey& key) override;
+    void handleRxJoin();
+    void handleRxPrune();
+
+    // RPF'(*,G) of the route; with `updateUmh` the RP and the RP's
+    // attachment are stored in the route's upstream.
+    Routing::Pim::Rpf rpfPrimeWc(Route& route, bool updateUmh);
+    // Recomputes RPF'(*,G) into `umh.rpf`; returns whether it changed.
+    bool doEvalRpfPrimeWc(Route& route);
+    // The upstream (*,G) join state machine.
+    void doEvalJoinDesiredWc(Route& route);
+    // Writes the periodic and a triggered (*,G) Join for the route at the
+    // neighbour, whose Join/Prune entry must exist.
+    void doRpfNeighborJoin(const Routing::Pim::RouteKey& key, Wirl::IntfId intf,
+                           const Wirl::IpGenAddr& neighbor);
+    // Withdraws the route's (*,G) Join from the neighbour of `prevRpf` and
+    // sends it a triggered Prune while it is still an active neighbour.
+    void doPrevRpfNeighborCleanup(const Routing::Pim::RouteKey& key,
+                                  const Routing::Pim::Rpf& prevRpf);
+    void doMaybeSetForwardBit(Wirl::IntfId intf, Route& route);
+    void doMaybeSetFastForwardBit(Wirl::IntfId intf, Route& route);
+    // True (traced) for a received entry that does not concern a joined
+    // (*,G) route's RPF' or previous RPF'.
+    bool ignoreRxJoinPrune(const Routing::Pim::JoinPruneMessageInfo& m) const;
+
+private:
+    class RxWatcher : public Routing::Pim::JoinPruneRxStatus::Notifiee {
+    public:
+        explicit RxWatcher(UpstreamWcSm& owner) : owner_(owner) {}
+        void handleRxJoin() override { owner_.handleRxJoin(); }
+        void handleRxPrune() override { owner_.handleRxPrune(); }
+
+    private:
+        UpstreamWcSm& owner_;
+    };
+
+    Wirl::IpGenAddr rpOf(const Wirl::IpGenAddr& group) const;
+    // The neighbour of `rpf` holds a periodic (*,G) entry for the group.
+    bool joinWrittenAt(const Routing::Pim::Rpf& rpf, const Wirl::IpGenAddr& group) const;
+    // Writes the (*,G) Join toward `rp` into the periodic and triggered sets.
+    void doWriteJoin(Routing::Pim::JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
+                     const Wirl::IpGenAddr& rp);
+    // The neighbour of a received entry: RPF' or the previous RPF'.
+    const Routing::Pim::Rpf* rxRpf(const Route& route,
+                                   const Routing::Pim::JoinPruneMessageInfo& m) const;
+
+    UpstreamWcInputs in_;
+    std::uint32_t ignoredRxJoins_ = 0;
+    std::uint32_t ignoredRxPrunes_ = 0;
+    bool initialized_ = false;
+    RxWatcher rxWatcher_{*this};
+    std::unordered_map<Routing::Pim::RouteKey, std::unique_ptr<RhoRoute>, Cask::KeyHash> route_;
+};
+
+// Creates the VRF's UpstreamWcSm and starts it (`handleInitialized`).
+Cask::Ptr<UpstreamWcSm> upstreamWcSmFactory(const UpstreamWcInputs& in);
+
+// RFC 7761 compares RPF neighbours by interface and address.
+inline bool sameNeighbor(const Routing::Pim::Rpf& a, const Routing::Pim::Rpf& b) {
+    return a.intf == b.intf && a.neighbor == b.neighbor;
+}
+
+}  // namespace Routing::Pim::SparseMode

@@ -1,0 +1,151 @@
+// The per-route and per-interface reactors of UpstreamWcSm.
+#include <fmt/format.h>
+
+#include "cask/trace.h"
+#include "pimsm/upstream/upstream_wc_sm.h"
+
+namespace Routing::Pim::SparseMode {
+
+using Routing::Pim::RouteKey;
+using Routing::Pim::Rpf;
+
+#define RHO_TRACE(lvl, f, ...) \
+    CASK_TRACE(lvl, "<Vrf:{}>" f, sm_.vrfName() __VA_OPT__(, ) __VA_ARGS__)
+
+void UpstreamWcSm::RhoIntf::changed(bool assertChanged) {
+    owner_.handleIntfChange(notifier()->intfId(), assertChanged);
+}
+
+UpstreamWcSm::RhoRoute::RhoRoute(UpstreamWcSm& sm, Cask::Ptr<Route> route)
+    : Route::Notifiee(route.get()), sm_(sm), route_(std::move(route)), lastRpf_(route_->rpf()) {
+    upstream_.notifierIs(route_->umh());
+}
+
+UpstreamWcSm::RhoRoute::~RhoRoute() = default;
+
+void UpstreamWcSm::RhoRoute::handleRouteInit() {
+    Route& r = *route_;
+    for (const auto& [id, intf] : r.routeIntf()) {
+        intf_.emplace(id, std::make_unique<RhoIntf>(*this, *intf));
+    }
+    for (const auto& [id, intf] : r.routeIntf()) {
+        sm_.doMaybeSetForwardBit(id, r);
+        sm_.doMaybeSetFastForwardBit(id, r);
+    }
+    // A route that comes joined (taken over after a restart, say) has its
+    // join written again at its current RPF'.
+    const bool joined = r.upJoinState() == UpJoinState::upJoined;
+    if (!sm_.doEvalRpfPrimeWc(r) && joined && r.rpf().hasNeighbor()) {
+        sm_.doRpfNeighborJoin(r.key(), r.rpf().intf, r.rpf().neighbor);
+    }
+    sm_.doEvalJoinDesiredWc(r);
+}
+
+void UpstreamWcSm::RhoRoute::handleRpf() {
+    Route& r = *route_;
+    const RouteKey key = r.key();
+    const Rpf rpf = r.rpf();
+    RHO_TRACE(6, "UpstreamWcSm::handleRpf({}) rpf: {}", key, rpf.str());
+    if (r.upJoinState() == UpJoinState::upJoined && rpf.hasNeighbor()) {
+        RHO_TRACE(7, "UpstreamWcSm:handleRpf(): Route {} join to neighbor: {}", key, rpf.neighbor);
+        sm_.doRpfNeighborJoin(key, rpf.intf, rpf.neighbor);
+    }
+    // The neighbour to leave: the one an incoming-interface switch holds,
+    // else the one this route's join went to until now. While a switch is
+    // under way the old neighbour keeps the join until the switch ends.
+    const Rpf prev = r.prevRpf().hasNeighbor() ? r.prevRpf() : lastRpf_;
+    const bool held = r.prevRpf().hasNeighbor();
+    if (prev.hasNeighbor() && !sameNeighbor(prev, rpf) &&
+        (held || (!r.iifSwitching() && sm_.joinWrittenAt(prev, key.group())))) {
+        RHO_TRACE(7, "UpstreamWcSm:handleRpf(): Route {} cleanup prevNeighbor: {} intfId: {}", key,
+                  prev.neighbor, prev.intf);
+        sm_.doPrevRpfNeighborCleanup(key, prev);
+    }
+    const Wirl::IntfId oldIif = lastRpf_.intf;
+    lastRpf_ = rpf;
+    for (Wirl::IntfId id : {oldIif, rpf.intf}) {
+        if (id.isNull()) continue;
+        sm_.doMaybeSetForwardBit(id, r);
+        sm_.doMaybeSetFastForwardBit(id, r);
+    }
+}
+
+void UpstreamWcSm::RhoRoute::handleChangeFlags() {
+    using Bit = ChangeFlags::Bit;
+    Route& r = *route_;
+    const ChangeFlags flags = r.changeFlags();
+    if (flags.empty()) return;  // the review clearing them
+    const RouteKey key = r.key();
+    RHO_TRACE(6, "UpstreamWcSm::handleChangeFlags(), Change flags: {} route:iif: {}:{}", flags, key,
+              r.iif());
+    // What can move RPF'(*,G) or needs its neighbour told again; the backup
+    // upstream, border and DR changes belong to other machines.
+    const ChangeFlags upstream{Bit::rpfIntfStatus,   Bit::rpfBoundary,    Bit::prevRpfIntfStatus,
+                               Bit::rpfNbrStatus,    Bit::rpfNbrGenId,    Bit::prevRpfNbrStatus,
+                               Bit::prevRpfNbrGenId, Bit::rpfRouteChanged};
+    if (!flags.hasAny(upstream)) {
+        RHO_TRACE(7, "UpstreamWcSm::handleChangeFlags(), Ignoring change flags: {}", flags);
+        return;
+    }
+    const Rpf old = r.rpf();
+    RHO_TRACE(7, "UpstreamWcSm::doEvalRpfPrimeWc {}", key);
+    const Rpf fresh = sm_.rpfPrimeWc(r, true);
+    if (fresh.intf != old.intf && r.prevRpf().resolved()) r.beginIifSwitchInc();
+    if (fresh != old) {
+        r.umh()->doUpdateRpf(fresh);
+    } else if (r.upJoinState() == UpJoinState::upJoined) {
+        // Same neighbour, but it restarted or flapped and lost what it had.
+        auto resend = [&](const Rpf& to) {
+            Routing::Pim::JoinPruneNeighbor* nbr =
+                sm_.in_.joinPruneStatus->neighbor(to.intf, to.neighbor);
+            const Wirl::IpGenAddr rp = sm_.rpOf(key.group());
+            if (!nbr || !to.hasNeighbor() || to.intf.isRegister() ||
+                rp.family() == Wirl::AddressFamily::ipunknown) {
+                return;
+            }
+            RHO_TRACE(7,
+                      "UpstreamWcSm::handleChangeFlags(), Sending triggered joins: {} intfId: {} "
+                      "neighbor: {}",
+                      key, to.intf, to.neighbor);
+            sm_.doWriteJoin(*nbr, key.group(), rp);
+        };
+        if (flags.has(Bit::rpfNbrGenId) || flags.has(Bit::rpfNbrStatus)) resend(fresh);
+        if (r.prevRpf().hasNeighbor() &&
+            (flags.has(Bit::prevRpfNbrGenId) || flags.has(Bit::prevRpfNbrStatus))) {
+            resend(r.prevRpf());
+        }
+    }
+}
+
+void UpstreamWcSm::RhoRoute::handleUmhFrr() {
+    for (const auto& [id, intf] : route_->routeIntf()) sm_.doMaybeSetFastForwardBit(id, *route_);
+}
+
+void UpstreamWcSm::RhoRoute::handleIntf(Wirl::IntfId id) {
+    Route& r = *route_;
+    if (Intf* intf = r.routeIntfRaw(id)) {
+        if (!intf_.contains(id)) intf_.emplace(id, std::make_unique<RhoIntf>(*this, *intf));
+    } else {
+        intf_.erase(id);
+    }
+    sm_.doMaybeSetForwardBit(id, r);
+    sm_.doMaybeSetFastForwardBit(id, r);
+    sm_.doEvalJoinDesiredWc(r);
+}
+
+void UpstreamWcSm::RhoRoute::handleIntfChange(Wirl::IntfId id, bool assertChanged) {
+    Route& r = *route_;
+    sm_.doMaybeSetForwardBit(id, r);
+    sm_.doMaybeSetFastForwardBit(id, r);
+    // Losing or ending an assert on the RPF interface moves RPF'.
+    if (assertChanged && id == r.iif()) sm_.doEvalRpfPrimeWc(r);
+    sm_.doEvalJoinDesiredWc(r);
+}
+
+void UpstreamWcSm::RhoRoute::handleDelete() {
+    Route& r = *route_;
+    RHO_TRACE(6, "UpstreamWcSm::handleDelete({})", r.key());
+    if (r.upJoinState() == UpJoinState::upJoined) sm_.doPrevRpfNeighborCleanup(r.key(), r.rpf());
+}
+
+}  // namespace Routing::Pim::SparseMode

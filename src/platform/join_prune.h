@@ -1,0 +1,203 @@
+#pragma once
+// The Join/Prune exchange between the agent's upstream machines and the PIM
+// packet side of one VRF.
+//
+// Outgoing: `JoinPruneStatus` holds, per upstream neighbour, the contents of
+// the Join/Prune messages to send to it, as three `JoinPruneData` sets: the
+// periodic set (sent on every periodic Join/Prune), the pending triggered
+// set and the pending override set (sent once, after the override delay).
+// The upstream machines write contents only; the packet side owns every
+// message timer and empties the pending sets once it has sent them.
+// `JoinPruneNeighborSm` keeps one neighbour entry per PIM neighbour.
+//
+// Incoming: `JoinPruneRxStatus` carries the last decoded Join and Prune
+// entry (`JoinPruneMessageInfo`); each one is announced, even when equal to
+// the previous one, because every received message is an event.
+
+#include <cstdint>
+
+#include "cask/collection.h"
+#include "platform/route_key.h"
+#include "wirl/intf_id.h"
+#include "wirl/ip_gen_addr.h"
+
+namespace Routing::Pim {
+
+// The (*,G) entry of a group's message part, keyed by the RP address.
+struct WcSourceData {
+    bool join = false;  // false: prune
+    // Another router's Join(*,G) to the same neighbour was seen: the packet
+    // side holds back this router's own periodic (*,G) Join (RFC 7761 4.5.6).
+    bool wcSuppressed = false;
+    bool operator==(const WcSourceData&) const = default;
+};
+
+// One group's part of a Join/Prune message.
+class JoinPruneGroupData : public Cask::Record<JoinPruneGroupData> {
+public:
+    class Notifiee : public Cask::NotifieeOf<JoinPruneGroupData> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        virtual void handleWcSourceData(const Wirl::IpGenAddr&) {}
+        virtual void handleJoinedSource(const Wirl::IpGenAddr&) {}
+        virtual void handlePrunedSource(const Wirl::IpGenAddr&) {}
+        virtual void handleJoinedRptSource(const Wirl::IpGenAddr&) {}
+        virtual void handlePrunedRptSource(const Wirl::IpGenAddr&) {}
+        virtual void handleJoinSuppressSource(const Wirl::IpGenAddr&) {}
+        virtual void handlePeriodicPrunedRptGroupData() {}
+    };
+    explicit JoinPruneGroupData(const Wirl::IpGenAddr& group) : group_(group) {}
+    const Wirl::IpGenAddr& group() const { return group_; }
+
+    // (*,G) entries by RP. Re-writing an entry with the same join flag keeps
+    // its suppression; changing the flag starts unsuppressed.
+    CASK_COLLECTION_COMMON(wcSourceData, WcSourceData, Wirl::IpGenAddr)
+    WcSourceData wcSourceData(const Wirl::IpGenAddr& rp) const { return wcSourceData_.get(rp); }
+    void wcSourceDataIs(const Wirl::IpGenAddr& rp, bool join);
+    // Sets `wcSuppressed` of an existing entry; false when there is none.
+    bool wcSuppressedIs(const Wirl::IpGenAddr& rp, bool suppressed);
+
+    // (S,G) joins and prunes, (S,G,rpt) joins and prunes, suppressed (S,G)
+    // joins.
+    CASK_KEY_SET(joinedSource, JoinedSource, Wirl::IpGenAddr)
+    CASK_KEY_SET(prunedSource, PrunedSource, Wirl::IpGenAddr)
+    CASK_KEY_SET(joinedRptSource, JoinedRptSource, Wirl::IpGenAddr)
+    CASK_KEY_SET(prunedRptSource, PrunedRptSource, Wirl::IpGenAddr)
+    CASK_KEY_SET(joinSuppressSource, JoinSuppressSource, Wirl::IpGenAddr)
+
+    // In a triggered or override set: the periodic set's record of the same
+    // group, whose (S,G,rpt) prunes go out with this record's (*,G) Join
+    // (RFC 7761 4.5.6: a Join(*,G) always carries the group's
+    // Prune(S,G,rpt) entries). Null in the periodic set.
+    CASK_ATTR(Cask::Ptr<JoinPruneGroupData>, periodicPrunedRptGroupData, PeriodicPrunedRptGroupData)
+
+    // Nothing to send for the group (the periodic reference counts nothing).
+    bool empty() const;
+
+private:
+    Wirl::IpGenAddr group_;
+    Cask::ValueMap<Wirl::IpGenAddr, WcSourceData, std::map<Wirl::IpGenAddr, WcSourceData>>
+        wcSourceData_;
+    Cask::OrderedKeySet<Wirl::IpGenAddr> joinedSource_;
+    Cask::OrderedKeySet<Wirl::IpGenAddr> prunedSource_;
+    Cask::OrderedKeySet<Wirl::IpGenAddr> joinedRptSource_;
+    Cask::OrderedKeySet<Wirl::IpGenAddr> prunedRptSource_;
+    Cask::OrderedKeySet<Wirl::IpGenAddr> joinSuppressSource_;
+    Cask::Ptr<JoinPruneGroupData> periodicPrunedRptGroupData_;
+};
+
+// The contents of one kind of message to one neighbour, by group.
+class JoinPruneData : public Cask::Record<JoinPruneData> {
+public:
+    class Notifiee : public Cask::NotifieeOf<JoinPruneData> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        virtual void handleJoinPruneGroupData(const Wirl::IpGenAddr&) {}
+    };
+    CASK_COLLECTION_COMMON(joinPruneGroupData, JoinPruneGroupData, Wirl::IpGenAddr)
+    JoinPruneGroupData* joinPruneGroupData(const Wirl::IpGenAddr& group) const {
+        return joinPruneGroupData_.raw(group);
+    }
+    // The group's record, inserted empty when absent.
+    JoinPruneGroupData& joinPruneGroupDataIs(const Wirl::IpGenAddr& group);
+    // Removes the group's record if nothing is left in it.
+    void joinPruneGroupDataDelIfEmpty(const Wirl::IpGenAddr& group);
+
+private:
+    Cask::OrderedRecordMap<Wirl::IpGenAddr, JoinPruneGroupData> joinPruneGroupData_;
+};
+
+// Everything to send to one upstream neighbour.
+class JoinPruneNeighbor : public Cask::Record<JoinPruneNeighbor> {
+public:
+    class Notifiee : public Cask::NotifieeOf<JoinPruneNeighbor> {};
+    explicit JoinPruneNeighbor(const NeighborKey& key)
+        : key_(key),
+          periodic_(Cask::make<JoinPruneData>()),
+          pendingTriggered_(Cask::make<JoinPruneData>()),
+          pendingOverride_(Cask::make<JoinPruneData>()) {}
+    const NeighborKey& key() const { return key_; }
+    JoinPruneData& periodic() const { return *periodic_; }
+    JoinPruneData& pendingTriggered() const { return *pendingTriggered_; }
+    JoinPruneData& pendingOverride() const { return *pendingOverride_; }
+
+private:
+    NeighborKey key_;
+    Cask::Ptr<JoinPruneData> periodic_;
+    Cask::Ptr<JoinPruneData> pendingTriggered_;
+    Cask::Ptr<JoinPruneData> pendingOverride_;
+};
+
+// The outgoing Join/Prune contents of a VRF, per upstream neighbour.
+class JoinPruneStatus : public Cask::Record<JoinPruneStatus> {
+public:
+    class Notifiee : public Cask::NotifieeOf<JoinPruneStatus> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        virtual void handleNeighbor(const NeighborKey&) {}
+    };
+    CASK_RECORD_MAP(neighbor, Neighbor, NeighborKey, JoinPruneNeighbor,
+                    "Routing::Pim::JoinPruneStatus")
+    JoinPruneNeighbor* neighbor(Wirl::IntfId intf, const Wirl::IpGenAddr& address) const {
+        return neighbor_.raw(NeighborKey{intf, address});
+    }
+
+private:
+    Cask::OrderedRecordMap<NeighborKey, JoinPruneNeighbor> neighbor_;
+};
+
+namespace Packet {
+// The per-source flags of a Join/Prune entry (RFC 7761 4.9.5.1).
+struct SourceFlags {
+    bool sparse = true;
+    bool wildcard = false;  // WC bit
+    bool rpt = false;       // RPT bit
+    // The entry is a (*,G) entry: wildcard and RPT bits both set.
+    bool isStarG() const { return wildcard && rpt; }
+    bool operator==(const SourceFlags&) const = default;
+};
+}  // namespace Packet
+
+// One received Join or Prune entry, decoded.
+struct JoinPruneMessageInfo {
+    RouteKey riKey;  // the entry's route ((*,G): zero source)
+    Packet::SourceFlags sourceFlags;
+    Wirl::IpGenAddr sender;            // the router that sent the message
+    Wirl::IpGenAddr upstreamNeighbor;  // the neighbour the message is addressed to
+    Wirl::IpGenAddr wcSource;          // the RP of a (*,G) entry
+    Wirl::IntfId intf;                 // where it was received
+    std::uint16_t holdTime = 210;      // seconds
+    bool operator==(const JoinPruneMessageInfo&) const = default;
+};
+
+// Received Join and Prune entries of a VRF, one at a time.
+class JoinPruneRxStatus : public Cask::Record<JoinPruneRxStatus> {
+public:
+    class Notifiee : public Cask::NotifieeOf<JoinPruneRxStatus> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        virtual void handleRxJoin() {}
+        virtual void handleRxPrune() {}
+    };
+    const JoinPruneMessageInfo& rxJoin() const { return rxJoin_; }
+    const JoinPruneMessageInfo& rxPrune() const { return rxPrune_; }
+    // Delivers one entry (always announced); the counts number them.
+    void rxJoinIs(const JoinPruneMessageInfo& m) {
+        rxJoin_ = m;
+        increment(rxJoinCount_, &Notifiee::handleRxJoin);
+    }
+    void rxPruneIs(const JoinPruneMessageInfo& m) {
+        rxPrune_ = m;
+        increment(rxPruneCount_, &Notifiee::handleRxPrune);
+    }
+    std::uint32_t rxJoinCount() const { return rxJoinCount_; }
+    std::uint32_t rxPruneCount() const { return rxPruneCount_; }
+
+private:
+    JoinPruneMessageInfo rxJoin_;
+    JoinPruneMessageInfo rxPrune_;
+    std::uint32_t rxJoinCount_ = 0;
+    std::uint32_t rxPruneCount_ = 0;
+};
+
+}  // namespace Routing::Pim
