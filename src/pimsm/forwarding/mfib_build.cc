@@ -1,0 +1,259 @@
+// MfibSm's per-route reactors: building one route's forwarding record, and
+// adding and removing single interfaces of a record's bitmap.
+
+#include "cask/assert.h"
+#include "cask/trace.h"
+#include "pimsm/forwarding/mfib_sm.h"
+
+namespace Routing::Pim::SparseMode {
+
+using Routing::Multicast::Fib::convertKey;
+
+namespace {
+
+// The register tunnel and the discard interface never forward from a bitmap:
+// the register tunnel is the oifRegister flag, the discard interface nothing.
+bool isPseudoIntf(Wirl::IntfId i) {
+    return i == Wirl::IntfId::register0() || i == Wirl::IntfId::null0();
+}
+
+// The route's own olist on one interface, as the downstream, membership and
+// assert state of the interface define it (RFC 7761 immediate_olist), plus
+// what the upstream machines marked for forwarding.
+bool inOwnOlist(const Route& route, const Intf& intf) {
+    if (intf.forward()) return true;
+    return route.isWc() ? intf.immediateOlistWc() : intf.immediateOlistSg();
+}
+
+}  // namespace
+
+TMF::OifIndex addTidalRouteOif(MfibSm& mfibSm, TMF::Route& route, Wirl::IntfId intfId) {
+    CASK_TRACE(8, "<Vrf:{}>MfibSm::addTidalRouteOif(): Adding Oif {} route {}", mfibSm.vrfName(),
+               intfId, route.key());
+    CASK_ASSERT(!intfId.isNull(), "intfId");
+    CASK_ASSERT(intfId != Wirl::IntfId::register0() && intfId != Wirl::IntfId::null0(),
+                "intfId != registerIntfId && intfId != null0IntfId");
+    TMF::OifIndex oifIndex = mfibSm.intfOifIndex(intfId);
+    if (oifIndex.isNull()) {
+        oifIndex = mfibSm.createOifIndexMapping(intfId);
+        if (oifIndex.isNull()) {
+            mfibSm.doPlaceRouteOnWait(convertKey(route.key()));
+            return TMF::OifIndex();
+        }
+        CASK_ASSERT(!route.oif(oifIndex), "!route.oif( oifIndex )");
+    }
+    CASK_ASSERT(oifIndex != TMF::OifIndex(), "oifIndex != TMF::OifIndex()");
+    if (route.oif(oifIndex)) return TMF::OifIndex();
+    route.oifIs(oifIndex, true);
+    CASK_TRACE(8, "<Vrf:{}>MfibSm::addTidalRouteOif(): Set oif {} in route {} to true",
+               mfibSm.vrfName(), oifIndex, route.key());
+    if (route.highestOifIndex().isNull() || oifIndex > route.highestOifIndex()) {
+        route.highestOifIndexIs(oifIndex);
+    }
+    return oifIndex;
+}
+
+TMF::OifIndex delTidalRouteOif(MfibSm& mfibSm, TMF::Route& route, Wirl::IntfId intfId) {
+    CASK_ASSERT(!intfId.isNull(), "intfId");
+    CASK_ASSERT(intfId != Wirl::IntfId::null0() && intfId != Wirl::IntfId::register0(),
+                "intfId != null0IntfId && intfId != registerIntfId");
+    const TMF::OifIndex oifIndex = mfibSm.intfOifIndex(intfId);
+    if (oifIndex.isNull()) {
+        CASK_TRACE(8, "<Vrf:{}>MfibSm::delTidalRouteOif(): No IntfOifIndex mapping for: {}",
+                   mfibSm.vrfName(), intfId);
+        return TMF::OifIndex();
+    }
+    CASK_ASSERT(oifIndex != TMF::OifIndex(), "oifIndex != TMF::OifIndex()");
+    if (route.oif(oifIndex)) route.oifDel(oifIndex);
+    return oifIndex;
+}
+
+// --- RhoRoute ------------------------------------------------------------------------
+
+MfibSm::RhoRoute::RhoRoute(MfibSm& sm, Cask::Ptr<Route> route) : sm_(sm), route_(std::move(route)) {
+    notifierIs(route_.get());
+    umh_.notifierIs(route_->umh());
+    umhFrr_.notifierIs(route_->umhFrr());
+    for (const auto& [id, intf] : route_->routeIntf()) {
+        intf_.emplace(id, std::make_unique<IntfWatcher>(*intf, *this));
+    }
+}
+
+MfibSm::RhoRoute::~RhoRoute() = default;
+
+void MfibSm::RhoRoute::handleRouteIntf(Wirl::IntfId intfId) {
+    Intf* intf = route_->routeIntfRaw(intfId);
+    auto it = intf_.find(intfId);
+    if (!intf) {
+        if (it != intf_.end()) intf_.erase(it);
+    } else if (it == intf_.end() || it->second->notifier() != intf) {
+        intf_[intfId] = std::make_unique<IntfWatcher>(*intf, *this);
+    }
+    handleIntfChanged(intfId);
+}
+
+void MfibSm::RhoRoute::handleUmhFrr() {
+    umhFrr_.notifierIs(route_->umhFrr());
+    handleRoute();
+}
+
+void MfibSm::RhoRoute::handleIntfChanged(Wirl::IntfId) {
+    handleRoute();
+}
+
+void MfibSm::RhoRoute::doBuild(bool withWc) {
+    const Route& route = *route_;
+    const Routing::Pim::RouteKey& key = route.key();
+    const L3::VrfName& vrf = sm_.vrfName();
+    // Make-before-break: while the incoming interface is being switched the
+    // entry keeps accepting on the old one and reports arrivals on the new.
+    Wirl::IntfId iif = route.iif();
+    Wirl::IntfId switchTarget;
+    if (route.iifSwitching() && route.prevRpf().resolved() && route.prevRpf().intf != iif) {
+        switchTarget = iif;
+        iif = route.prevRpf().intf;
+    }
+    // A record never lacks its incoming interface: without RPF, no record.
+    if (iif.isNull()) {
+        sm_.handleDelete(key);
+        return;
+    }
+    // 3.
+    TMF::Route tmpRoute(convertKey(key));
+    tmpRoute.iifIs(iif);
+    // 4.
+    if (const UpstreamInfo* frr = route.umhFrr(); frr && frr->rpf().resolved()) {
+        tmpRoute.iifFrrIs(frr->iif());
+        CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Update tidal route with iifFrr {}", vrf,
+                   key, frr->iif());
+    }
+    // 7 (the stored flag word is the starting point of every flag below).
+    const TMF::Route* stored = sm_.mfibTidal().route(tmpRoute.key());
+    TMF::Route::RouteFlags flags = stored ? stored->routeFlags() : 0;
+    // 5.
+    const Route* wc = withWc ? route.wc() : nullptr;
+    bool notifyProgrammable = false;
+    if (wc) {
+        for (const auto& [id, intf] : wc->routeIntf()) {
+            if (id == route.iif() || isPseudoIntf(id) || !intf->immediateOlistWc()) continue;
+            CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Add inherited interface {}", vrf, key,
+                       id);
+            addTidalRouteOif(sm_, tmpRoute, id);
+        }
+        notifyProgrammable = sm_.isProgrammableRoute(wc->key());
+        if (notifyProgrammable) {
+            CASK_TRACE(8,
+                       "<Vrf:{}>MfibSm::handleRoute(): wcRoute is programmable.            "
+                       "Setting notifyProgrammable to true for {}",
+                       vrf, key);
+        } else {
+            CASK_TRACE(8,
+                       "<Vrf:{}>MfibSm::handleRoute(): wcRoute is not programmable.            "
+                       "Setting notifyProgrammable to false for {}",
+                       vrf, key);
+        }
+    }
+    auto setFlag = [&flags](TMF::Route::Flag f, bool on) {
+        flags = on ? flags | f : flags & ~TMF::Route::RouteFlags(f);
+    };
+    setFlag(TMF::Route::notifyProgrammable, notifyProgrammable);
+    // 6.
+    for (const auto& [id, intf] : route.routeIntf()) {
+        if (isPseudoIntf(id) || !inOwnOlist(route, *intf)) continue;
+        CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Add interface to oif set {}", vrf, key, id);
+        addTidalRouteOif(sm_, tmpRoute, id);
+    }
+    // 7.
+    if (!switchTarget.isNull()) {
+        tmpRoute.notifyIs(switchTarget);
+        CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): In iifSwitching state, set notify intf {}",
+                   vrf, key, switchTarget);
+    }
+    // 8. Data reaching an RP only through registers before the source tree
+    // is up need not be in the kernel.
+    const bool skipKernel = iif == Wirl::IntfId::register0() && !route.isWc() && !route.spTree();
+    if (skipKernel) {
+        CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Skip Programming Kernel is True", vrf, key);
+    }
+    setFlag(TMF::Route::skipKernelProgramming, skipKernel);
+    // 9. Once the group's shared tree is joined, packets of this source still
+    // arriving down it are dropped in the fast path.
+    if (wc && !route.isWc() && wc->upJoinState() == UpJoinState::upJoined && !wc->iif().isNull() &&
+        !isPseudoIntf(wc->iif()) && wc->iif() != iif) {
+        tmpRoute.fastdropIs(wc->iif());
+        CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): adding fastdrop on {}", vrf, key,
+                   wc->iif());
+    } else if (!route.isWc()) {
+        CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): clearing fastdrop", vrf, key);
+    }
+    // 10.
+    sm_.setNoRpfFlag(iif, flags);
+    auto dropIncoming = [&](Wirl::IntfId in) {
+        if (in.isNull()) return;
+        if (!isPseudoIntf(in)) delTidalRouteOif(sm_, tmpRoute, in);
+        if (tmpRoute.notify() == in) {
+            tmpRoute.notifyIs(Wirl::IntfId());
+            setFlag(TMF::Route::skipKernelProgramming, false);
+            CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Skip Programming Kernel is False", vrf,
+                       key);
+        }
+    };
+    dropIncoming(iif);
+    if (!switchTarget.isNull() && !isPseudoIntf(switchTarget)) {
+        delTidalRouteOif(sm_, tmpRoute, switchTarget);
+    }
+    dropIncoming(tmpRoute.iifFrr());
+    if (!tmpRoute.fastdrop().isNull() && tmpRoute.fastdrop() == tmpRoute.notify()) {
+        tmpRoute.fastdropIs(Wirl::IntfId());
+    }
+    // 11.
+    CASK_ASSERT(tmpRoute.iif() != Wirl::IntfId() && tmpRoute.iif() != tmpRoute.notify() &&
+                    tmpRoute.iif() != tmpRoute.fastdrop(),
+                "tmpRoute.iif() != Wirl::IntfId() && tmpRoute.iif() != tmpRoute.notify() && "
+                "tmpRoute.iif() != tmpRoute.fastdrop()");
+    CASK_ASSERT(tmpRoute.notify().isNull() || tmpRoute.notify() != tmpRoute.fastdrop(),
+                "tmpRoute.notify() != tmpRoute.fastdrop()");
+    CASK_ASSERT(tmpRoute.notify().isNull() || tmpRoute.iifFrr() != tmpRoute.notify(),
+                "tmpRoute.iifFrr() != tmpRoute.notify()");
+    // 12.
+    setFlag(TMF::Route::iifRegister, iif == Wirl::IntfId::register0());
+    sm_.setOifRegister(route, flags);
+    sm_.setToCpuFlag(route, flags);
+    tmpRoute.routeFlagsIs(flags);
+    // 13.
+    sm_.doSyncTidalRouteRefCount(tmpRoute);
+    sm_.doCommitTidalRoute(tmpRoute);
+    initialized_ = true;
+    sm_.doReviewRouteWaitlist();
+}
+
+// --- RhoSgRoute / RhoWcRoute -------------------------------------------------------------
+
+void MfibSm::RhoSgRoute::handleRoute() {
+    CASK_TRACE(6, "<Vrf:{}>MfibSm::RhoSgRoute::handleRoute({}) rpf: {}", sm_.vrfName(),
+               route_->key(), route_->rpf().str());
+    if (!sm_.isProgrammableRoute(route_->key())) {
+        sm_.handleDelete(route_->key());
+        return;
+    }
+    doBuild(true);
+}
+
+void MfibSm::RhoWcRoute::handleWcRoute() {
+    CASK_TRACE(6, "<Vrf:{}>MfibSm::RhoWcRoute::handleWcRoute({}) rpf: {}", sm_.vrfName(),
+               route_->key(), route_->rpf().str());
+    if (!sm_.isProgrammableRoute(route_->key())) {
+        sm_.handleDelete(route_->key());
+        return;
+    }
+    doBuild(false);
+}
+
+void MfibSm::RhoWcRoute::handleIntfChanged(Wirl::IntfId intfId) {
+    handleWcRoute();
+    CASK_TRACE(7, "<Vrf:{}>MfibSm::handleInheritedWcIntf({}, {})", sm_.vrfName(), route_->key(),
+               intfId);
+    sm_.handleInheritedWcIntf(route_->key());
+}
+
+}  // namespace Routing::Pim::SparseMode

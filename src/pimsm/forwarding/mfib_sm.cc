@@ -1,0 +1,431 @@
+#include "pimsm/forwarding/mfib_sm.h"
+
+#include <bit>
+#include <utility>
+
+#include "cask/assert.h"
+#include "cask/trace.h"
+
+#define MFIB_TRACE(lvl, text, ...) \
+    CASK_TRACE(lvl, "<Vrf:{}>MfibSm::" text, vrfName_ __VA_OPT__(, ) __VA_ARGS__)
+
+namespace Routing::Pim::SparseMode {
+
+using Routing::Multicast::Fib::convertKey;
+using Routing::Multicast::Fib::IpGenRouteKey;
+
+MfibSm::MfibSm(L3::VrfName vrfName, Cask::Ptr<TMF::Status> mfibTidal, Cask::Ptr<Status> routeStatus,
+               Cask::Ptr<LocalStatus> localStatus,
+               Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig)
+    : vrfName_(std::move(vrfName)),
+      mfibTidal_(std::move(mfibTidal)),
+      routeStatus_(std::move(routeStatus)),
+      localStatus_(std::move(localStatus)),
+      mfibConfig_(std::move(mfibConfig)) {
+    CASK_ASSERT(mfibTidal_ && localStatus_, "MfibSm inputs");
+    notifierIs(mfibConfig_.get());
+}
+
+MfibSm::~MfibSm() {
+    // Reactors first: they refer back to this machine.
+    rhoLocalStatus_.notifierIs(nullptr);
+    sgRho_.clear();
+    wcRho_.clear();
+}
+
+void MfibSm::handleInit() {
+    if (initialized_) return;
+    initialized_ = true;
+    MFIB_TRACE(6,
+               "handleInit(): Size --> OifIndexFreePool: {}, IntfOifIndex collection: {}, "
+               "OifIndexIntf collection: {}",
+               oifIndexFreePool_.size(), intfOifIndex_.size(), mfibTidal_->oifIndexIntfSize());
+    oifIndexFreePoolInit();
+    // Records of an earlier run: keep those whose route the agent still
+    // holds, so their traffic keeps flowing while the reactors rebuild them.
+    std::vector<IpGenRouteKey> stale;
+    for (const auto& [key, record] : mfibTidal_->route()) {
+        if (!routeHeld(convertKey(key))) stale.push_back(key);
+    }
+    for (const auto& key : stale) {
+        MFIB_TRACE(4, "handleInit(): Restarting, deleting route {} from the MFIB", key);
+        MFIB_TRACE(7, "handleInit(): Deleting Route");
+        handleDelete(convertKey(key));
+    }
+    rhoLocalStatus_.notifierIs(localStatus_.get());
+    std::vector<Routing::Pim::RouteKey> keys;
+    for (const auto& [key, route] : localStatus_->wcRoute()) keys.push_back(key);
+    for (const auto& [key, route] : localStatus_->sgRoute()) keys.push_back(key);
+    for (const auto& key : keys) {
+        if (key.isWc()) {
+            rhoLocalStatus_.handleWcRoute(key);
+        } else {
+            rhoLocalStatus_.handleSgRoute(key);
+        }
+    }
+}
+
+bool MfibSm::routeHeld(const Routing::Pim::RouteKey& key) const {
+    if (localStatus_->route(key)) return true;
+    return routeStatus_ && routeStatus_->routeHas(key);
+}
+
+// --- interface / index mapping ----------------------------------------------------
+
+TMF::OifIndex MfibSm::intfOifIndex(Wirl::IntfId intfId) const {
+    auto it = intfOifIndex_.find(intfId);
+    return it == intfOifIndex_.end() ? TMF::OifIndex() : it->second;
+}
+
+void MfibSm::oifIndexFreePoolInit() {
+    if (oifIndexFreePoolInitialized_) return;
+    oifIndexFreePoolInitialized_ = true;
+    MFIB_TRACE(6,
+               "oifIndexFreePoolInit(): Initializing OifIndex Free Pool and IntfOifIndex "
+               "collection ");
+    for (std::uint16_t i = 0; i < oifIndexFreePoolLimit_; ++i) {
+        const TMF::OifIndex index(i);
+        auto it = mfibTidal_->oifIndexIntf().find(index);
+        if (it == mfibTidal_->oifIndexIntf().end()) {
+            oifIndexFreePool_.push_back(index);
+            continue;
+        }
+        const TMF::OifIndexIntf& entry = it->second;
+        const bool duplicate = !entry.intf.isNull() && intfOifIndex_.contains(entry.intf);
+        if (entry.intf.isNull() || duplicate || entry.index != index) {
+            mfibTidal_->reportCorruption(
+                fmt::format("oifIndexIntf {}: interface '{}'", index, entry.intf));
+            mfibTidal_->oifIndexIntfDel(index);
+            oifIndexFreePool_.push_back(index);
+            continue;
+        }
+        // The forwarding plane already holds this mapping: reuse it.
+        intfOifIndex_[entry.intf] = index;
+    }
+    MFIB_TRACE(6,
+               "oifIndexFreePoolInit(): Done Initializing. Size -> OifIndexFreePool: {}, "
+               "IntfOifIndex collection: {}",
+               oifIndexFreePool_.size(), intfOifIndex_.size());
+}
+
+TMF::OifIndex MfibSm::createOifIndexMapping(Wirl::IntfId intfId) {
+    if (oifIndexFreePool_.empty()) {
+        MFIB_TRACE(7, "createOifIndexMapping(): No free OifIndexes available {}", intfId);
+        return TMF::OifIndex();
+    }
+    const TMF::OifIndex index = oifIndexFreePool_.front();
+    oifIndexFreePool_.pop_front();
+    intfOifIndex_[intfId] = index;
+    mfibTidal_->oifIndexIntfIs(TMF::OifIndexIntf{index, intfId, 0});
+    freshIndexes_.push_back(index);
+    return index;
+}
+
+void MfibSm::doUpdateOifIndexRefCount(const IpGenRouteKey& mfibKey, TMF::OifIndex oifIndex,
+                                      bool increment) {
+    TMF::OifIndexIntf tmpOifIndexIntf = mfibTidal_->oifIndexIntf(oifIndex);
+    CASK_ASSERT(tmpOifIndexIntf.index == oifIndex, "oifIndex != TMF::OifIndex()");
+    if (increment) {
+        ++tmpOifIndexIntf.refCount;
+        MFIB_TRACE(8,
+                   "doUpdateOifIndexRefCount(): Incrementing ref count intf: {}, oifIndex: {} "
+                   "RefCount: {} route {}",
+                   tmpOifIndexIntf.intf, oifIndex, tmpOifIndexIntf.refCount, mfibKey);
+        mfibTidal_->oifIndexIntfIs(tmpOifIndexIntf);
+        return;
+    }
+    CASK_ASSERT(tmpOifIndexIntf.refCount, "tmpOifIndexIntf.refCount()");
+    --tmpOifIndexIntf.refCount;
+    MFIB_TRACE(8,
+               "doUpdateOifIndexRefCount(): Decrementing ref count intf: {}, oifIndex: {} "
+               "RefCount: {} route {}",
+               tmpOifIndexIntf.intf, oifIndex, tmpOifIndexIntf.refCount, mfibKey);
+    if (tmpOifIndexIntf.refCount) {
+        mfibTidal_->oifIndexIntfIs(tmpOifIndexIntf);
+        return;
+    }
+    doFreeOifIndex(oifIndex, tmpOifIndexIntf.intf);
+}
+
+void MfibSm::doFreeOifIndex(TMF::OifIndex oifIndex, Wirl::IntfId intfId) {
+    MFIB_TRACE(7, "doUpdateOifIndexRefCount(): Freeing up oifIndex: {} intf: {}", oifIndex, intfId);
+    mfibTidal_->oifIndexIntfDel(oifIndex);
+    intfOifIndex_.erase(intfId);
+    oifIndexFreePool_.push_back(oifIndex);
+}
+
+void MfibSm::doSyncTidalRouteRefCount(const TMF::Route& record) {
+    const TMF::Route* old = mfibTidal_->route(record.key());
+    for (unsigned w = 0; w < TMF::Route::bitmapWords; ++w) {
+        const std::uint64_t before = old ? old->oifBitmap(w) : 0;
+        const std::uint64_t after = record.oifBitmap(w);
+        for (std::uint64_t changed = before ^ after; changed; changed &= changed - 1) {
+            const unsigned bit = std::countr_zero(changed);
+            const TMF::OifIndex index(std::uint16_t(w * 64 + bit));
+            doUpdateOifIndexRefCount(record.key(), index, (after >> bit) & 1u);
+        }
+    }
+    doReleaseUnusedIndexes();
+}
+
+void MfibSm::doReleaseUnusedIndexes() {
+    // An index handed out for an interface the build then dropped again
+    // (the route's own iif, say) would otherwise stay taken with no user.
+    for (TMF::OifIndex index : freshIndexes_) {
+        auto it = mfibTidal_->oifIndexIntf().find(index);
+        if (it != mfibTidal_->oifIndexIntf().end() && it->second.refCount == 0) {
+            doFreeOifIndex(index, it->second.intf);
+        }
+    }
+    freshIndexes_.clear();
+}
+
+// --- wait list -----------------------------------------------------------------------
+
+void MfibSm::doPlaceRouteOnWait(const Routing::Pim::RouteKey& routeKey) {
+    if (!waiting_.insert(routeKey).second) return;
+    MFIB_TRACE(7, "doPlaceRouteOnWait(): Adding route key to waitlist: {}", routeKey);
+    routeWaitlist_.push_back(routeKey);
+}
+
+void MfibSm::doReviewRouteWaitlist() {
+    if (routeWaitlist_.empty()) {
+        MFIB_TRACE(8, "doReviewRouteWaitlist(): No routes to review in waitlist");
+        return;
+    }
+    // Rebuilding a waiting route commits it, and that commit lands here
+    // again: the outer call serves the list, the inner ones return.
+    if (reviewingWaitlist_) return;
+    reviewingWaitlist_ = true;
+    // Serve at most the routes waiting now, and only while an index is
+    // free: a route that cannot be served goes back to the end.
+    for (std::size_t n = routeWaitlist_.size(); n && !routeWaitlist_.empty(); --n) {
+        if (oifIndexFreePool_.empty()) break;
+        const Routing::Pim::RouteKey key = routeWaitlist_.front();
+        routeWaitlist_.pop_front();
+        waiting_.erase(key);
+        MFIB_TRACE(7, "doReviewRouteWaitlist(): Got key {} from waitlist ", key);
+        if (Route* route = localStatus_->route(key)) route->routeChangedInc();
+    }
+    reviewingWaitlist_ = false;
+}
+
+// --- records -----------------------------------------------------------------------------
+
+void MfibSm::doCommitTidalRoute(const TMF::Route& route) {
+    if (const TMF::Route* old = mfibTidal_->route(route.key()); old && *old == route) return;
+    CASK_ASSERT(route.iif() != Wirl::IntfId(), "route.iif() != Wirl::IntfId()");
+    MFIB_TRACE(8, "doCommitTidalRoute(): iif: {}  notify: {}", route.iif(), route.notify());
+    if (!route.oifs()) {
+        MFIB_TRACE(7, "doCommitTidalRoute(): Note: No oifs in route {}", route.key());
+    }
+    mfibTidal_->routeIs(route);
+    if (Cask::trace().on(7)) {
+        std::string oifs;
+        std::uint64_t firstWord = 0;
+        for (TMF::OifIndex i : route.oifIteratorConst()) {
+            if (!firstWord) firstWord = route.oifBitmap(i.value() / 64);
+            oifs += fmt::format(" {}", mfibTidal_->oifIndexIntf(i).intf);
+        }
+        CASK_TRACE(7,
+                   "<Vrf:{}>Mfib: doCommitTidalRoute(): {} I {} FRR {} N {} F 0x{:x} I 0x{:x} ->{}",
+                   vrfName_, route.key(), route.iif(), route.iifFrr(), route.notify(),
+                   route.routeFlags(), firstWord, oifs);
+    }
+}
+
+void MfibSm::handleDelete(const Routing::Pim::RouteKey& routeKey) {
+    const IpGenRouteKey key = convertKey(routeKey);
+    if (waiting_.erase(routeKey)) std::erase(routeWaitlist_, routeKey);
+    const TMF::Route* old = mfibTidal_->route(key);
+    if (!old) return;
+    const bool hadOifs = old->oifs();
+    if (hadOifs) {
+        MFIB_TRACE(7, "handleDelete(): Found OIFs. Syncing ref counts before deleting");
+        doSyncTidalRouteRefCount(TMF::Route(key));
+    }
+    MFIB_TRACE(7, "handleDelete(): Deleting route {}", routeKey);
+    mfibTidal_->routeDel(key);
+    // Indexes freed just now serve the waiting routes at once. The record is
+    // gone first, so a waiting route rebuilt here never meets its counts.
+    if (hadOifs) doReviewRouteWaitlist();
+}
+
+bool MfibSm::isProgrammableRoute(const Routing::Pim::RouteKey& routeKey) const {
+    const Route* route = localStatus_->route(routeKey);
+    if (!route) {
+        MFIB_TRACE(8, "isProgrammableRoute(): No route for {}", routeKey);
+        return false;
+    }
+    if (!routeKey.isWc() && !route->registerOifEvaluated()) {
+        MFIB_TRACE(8, "isProgrammableRoute(): Waiting for register OIF evaluation for {}",
+                   routeKey);
+        return false;
+    }
+    return true;
+}
+
+void MfibSm::doAddTidalRouteIntf(const Routing::Pim::RouteKey& routeKey, Wirl::IntfId intfId,
+                                 TMF::Route::RouteFlags flags) {
+    const TMF::Route* old = mfibTidal_->route(convertKey(routeKey));
+    if (!old) return;
+    TMF::Route record = *old;
+    record.routeFlagsIs(record.routeFlags() | flags);
+    if (addTidalRouteOif(*this, record, intfId).isNull()) return;
+    if (routeKey.isWc()) {
+        CASK_TRACE(7, "<Vrf:{}>Mfib: programming *,G route in Mfib: {}", vrfName_, routeKey);
+    }
+    doSyncTidalRouteRefCount(record);
+    doCommitTidalRoute(record);
+    doReviewRouteWaitlist();
+}
+
+void MfibSm::doDelTidalRouteIntf(const Routing::Pim::RouteKey& routeKey, Wirl::IntfId intfId,
+                                 TMF::Route::RouteFlags flags) {
+    const TMF::Route* old = mfibTidal_->route(convertKey(routeKey));
+    if (!old) return;
+    TMF::Route record = *old;
+    record.routeFlagsIs(record.routeFlags() & ~flags);
+    if (delTidalRouteOif(*this, record, intfId).isNull()) return;
+    if (routeKey.isWc()) {
+        CASK_TRACE(7, "<Vrf:{}>Mfib: programming *,G route in Mfib: {}", vrfName_, routeKey);
+    }
+    doSyncTidalRouteRefCount(record);
+    doCommitTidalRoute(record);
+    doReviewRouteWaitlist();
+}
+
+void MfibSm::handleClearMfib() {
+    MFIB_TRACE(4, "handleClearMfib(): about to delete all routes");
+    std::vector<IpGenRouteKey> keys;
+    for (const auto& [key, record] : mfibTidal_->route()) keys.push_back(key);
+    // One by one, so every reference is dropped and every index freed; no
+    // waiting route is served until the table is empty. The route review
+    // then writes every record again (resurrectMfib).
+    const bool reviewing = std::exchange(reviewingWaitlist_, true);
+    for (const auto& key : keys) handleDelete(convertKey(key));
+    mfibTidal_->routeDelAll();
+    reviewingWaitlist_ = reviewing;
+}
+
+// --- flags ----------------------------------------------------------------------------------
+
+void MfibSm::setIifRegister(const Route& route) {
+    const bool on = route.iif() == Wirl::IntfId::register0();
+    MFIB_TRACE(8, "setIifRegister({}), iifRegister: {}", route.key(), on);
+    const TMF::Route* old = mfibTidal_->route(convertKey(route.key()));
+    if (!old) {
+        MFIB_TRACE(8, "setIifRegister(): Route not in mfib");
+        return;
+    }
+    if (old->flag(TMF::Route::iifRegister) == on) return;
+    TMF::Route record = *old;
+    record.flagIs(TMF::Route::iifRegister, on);
+    doCommitTidalRoute(record);
+}
+
+void MfibSm::setOifRegister(const Route& route, TMF::Route::RouteFlags& flags) {
+    bool on = !route.isWc() && route.oifRegister();
+    if (!route.isWc() && route.iifSwitching()) {
+        // While the source tree is being joined the entry still follows the
+        // shared tree, so it registers only while the group has one.
+        const Route* wc = route.wc();
+        if (!wc) {
+            MFIB_TRACE(8, "setOifRegister(): NULL wc in switching state {}", route.key());
+            return;
+        }
+    }
+    const bool was = flags & TMF::Route::oifRegister;
+    if (was == on) return;
+    flags = on ? flags | TMF::Route::oifRegister
+               : flags & ~TMF::Route::RouteFlags(TMF::Route::oifRegister);
+    CASK_TRACE(8, "<Vrf:{}>Mfib: Setting registerOif to {} for route: {}", vrfName_, on,
+               route.key());
+}
+
+void MfibSm::setToCpuFlag(const Route& route, TMF::Route::RouteFlags& flags) {
+    // The agent must see: packets arriving from the register tunnel (the RP
+    // decapsulating), first packets of a directly connected source (the DR
+    // registers it) and packets on the shared tree (new sources of the group
+    // start their (S,G) routes).
+    const bool on = route.iif() == Wirl::IntfId::register0() || route.umh()->directlyConnected() ||
+                    route.isWc();
+    const bool was = flags & TMF::Route::toCpu;
+    if (was == on) return;
+    if (on) {
+        flags |= TMF::Route::toCpu;
+        CASK_TRACE(8, "<Vrf:{}>Mfib: Setting toCPU to true for route: {}", vrfName_, route.key());
+    } else {
+        flags &= ~TMF::Route::RouteFlags(TMF::Route::toCpu);
+        CASK_TRACE(8, "<Vrf:{}>Mfib: Setting toCPU for false in route: {}", vrfName_, route.key());
+    }
+}
+
+void MfibSm::setNoRpfFlag(Wirl::IntfId iif, TMF::Route::RouteFlags& flags) {
+    // A source on a loopback interface has no RPF check to pass.
+    const bool on = iif.hasPrefix("Loopback");
+    flags = on ? flags | TMF::Route::noRpf : flags & ~TMF::Route::RouteFlags(TMF::Route::noRpf);
+}
+
+// --- reactors ----------------------------------------------------------------------------
+
+void MfibSm::RhoLocalStatus::handleSgRoute(const Routing::Pim::RouteKey& key) {
+    Cask::Ptr<Route> route = sm_.localStatus_->sgRoute(key);
+    auto it = sm_.sgRho_.find(key);
+    if (it != sm_.sgRho_.end() && (!route || it->second->route() != route.get())) {
+        sm_.sgRho_.erase(it);
+        sm_.handleDelete(key);
+    }
+    if (!route || sm_.sgRho_.contains(key)) return;
+    auto* rho =
+        sm_.sgRho_.emplace(key, std::make_unique<RhoSgRoute>(sm_, route)).first->second.get();
+    rho->handleRoute();
+}
+
+void MfibSm::RhoLocalStatus::handleWcRoute(const Routing::Pim::RouteKey& key) {
+    Cask::Ptr<Route> route = sm_.localStatus_->wcRoute(key);
+    auto it = sm_.wcRho_.find(key);
+    if (it != sm_.wcRho_.end() && (!route || it->second->route() != route.get())) {
+        sm_.wcRho_.erase(it);
+        sm_.handleDelete(key);
+    }
+    if (route && !sm_.wcRho_.contains(key)) {
+        auto* rho =
+            sm_.wcRho_.emplace(key, std::make_unique<RhoWcRoute>(sm_, route)).first->second.get();
+        rho->handleWcRoute();
+    }
+    // The group's (S,G) routes inherit from it and drop packets arriving on it.
+    sm_.handleInheritedWcIntf(key);
+}
+
+void MfibSm::handleInheritedWcIntf(const Routing::Pim::RouteKey& wcKey) {
+    const Routing::Pim::RouteKey first(Wirl::IpGenAddr::zero(wcKey.family()), wcKey.group());
+    std::vector<RhoSgRoute*> group;
+    for (auto it = sgRho_.upper_bound(first); it != sgRho_.end(); ++it) {
+        if (it->first.group() != wcKey.group()) break;
+        group.push_back(it->second.get());
+    }
+    for (auto* rho : group) rho->handleRoute();
+}
+
+MfibSm::RhoRoute* MfibSm::rho(const Routing::Pim::RouteKey& key) const {
+    if (key.isWc()) {
+        auto it = wcRho_.find(key);
+        return it == wcRho_.end() ? nullptr : it->second.get();
+    }
+    auto it = sgRho_.find(key);
+    return it == sgRho_.end() ? nullptr : it->second.get();
+}
+
+std::unique_ptr<MfibSm> mfibSmFactory(L3::VrfName vrfName, Cask::Ptr<TMF::Status> mfibTidal,
+                                      Cask::Ptr<Status> routeStatus,
+                                      Cask::Ptr<LocalStatus> localStatus,
+                                      Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig) {
+    auto sm =
+        std::make_unique<MfibSm>(std::move(vrfName), std::move(mfibTidal), std::move(routeStatus),
+                                 std::move(localStatus), std::move(mfibConfig));
+    sm->handleInit();
+    return sm;
+}
+
+}  // namespace Routing::Pim::SparseMode

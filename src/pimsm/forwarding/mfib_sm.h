@@ -1,0 +1,254 @@
+#pragma once
+// MfibSm: the output stage of a VRF's sparse-mode agent. For every
+// programmable route it builds one forwarding record (incoming interface,
+// fast-failover incoming interface, notify and fast-drop interfaces, flags
+// and the outgoing-interface bitmap) and writes it into the VRF's
+// forwarding table, which the forwarding plane reads.
+//
+// It also owns the mapping from interfaces to bitmap indexes: an interface
+// gets an index (lowest free first) when a record first needs it, every
+// record setting the bit holds a reference, and the index returns to the
+// back of the free pool when the last reference goes. When all 512 indexes
+// are taken the route is written without the interface and waits on
+// `routeWaitlist`; every commit hands a freed index to the oldest waiting
+// route by raising a change on it.
+//
+// Per route it keeps one reactor (RhoSgRoute, RhoWcRoute) that rebuilds the
+// record whenever the route, its upstream or one of its interfaces changes;
+// RhoLocalStatus creates and removes the reactors as routes come and go.
+// Records left in the table by an earlier run are kept when the agent still
+// holds their route (so forwarding continues across a restart) and removed
+// otherwise.
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include <boost/container/flat_map.hpp>
+
+#include "pimsm/route/local_status.h"
+#include "pimsm/route/status.h"
+#include "platform/mfib_records.h"
+#include "platform/mfib_table.h"
+#include "wirl/vrf_name.h"
+
+namespace Routing::Pim::SparseMode {
+
+namespace TMF = ::Tidal::Multicast::Fib;
+
+class MfibSm;
+
+// Adds `intfId` to `record`'s bitmap, giving it an index when it has none.
+// Returns the index set, or the empty index when the bit was already set or
+// no index was free (the route then waits).
+TMF::OifIndex addTidalRouteOif(MfibSm& mfibSm, TMF::Route& record, Wirl::IntfId intfId);
+// Clears `intfId`'s bit in `record`; returns its index, or the empty index
+// when the interface has none.
+TMF::OifIndex delTidalRouteOif(MfibSm& mfibSm, TMF::Route& record, Wirl::IntfId intfId);
+
+class MfibSm : public Routing::Multicast::Fib::Config::Notifiee {
+public:
+    // Rebuilds one route's record on any change of the route, its upstream
+    // or its interfaces. Shared by both kinds of route.
+    class RhoRoute : public Route::Notifiee {
+    public:
+        RhoRoute(MfibSm& sm, Cask::Ptr<Route> route);
+        ~RhoRoute() override;
+        RhoRoute(const RhoRoute&) = delete;
+        RhoRoute& operator=(const RhoRoute&) = delete;
+
+        Route* route() const { return route_.get(); }
+        // A record was built at least once.
+        bool initialized() const { return initialized_; }
+
+        virtual void handleRoute() = 0;
+        void handleRouteIntf(Wirl::IntfId intfId) override;
+        virtual void handleRpf() { handleRoute(); }
+        void handleChangeFlags() override { handleRoute(); }
+        void handleRouteChanged() override { handleRoute(); }
+        void handleMfibChangeCount() override { handleRoute(); }
+        void handleRouteFlags() override { handleRoute(); }
+        void handleRegisterOifEvaluated() override { handleRoute(); }
+        void handleUmhFrr() override;
+        void handleIifSwitchState() override { handleRoute(); }
+
+    protected:
+        // Called when one of the route's interfaces changed.
+        virtual void handleIntfChanged(Wirl::IntfId intfId);
+        // Steps 3 to 13 of the build, shared by both kinds; `withWc` adds
+        // the interfaces inherited from the group's (*,G) route.
+        void doBuild(bool withWc);
+
+        MfibSm& sm_;
+        Cask::Ptr<Route> route_;
+        bool initialized_ = false;
+
+    private:
+        class UpstreamWatcher : public UpstreamInfo::Notifiee {
+        public:
+            explicit UpstreamWatcher(RhoRoute& owner) : owner_(owner) {}
+            void handleRpf() override { owner_.handleRpf(); }
+            void handlePrevRpf() override { owner_.handleRpf(); }
+
+        private:
+            RhoRoute& owner_;
+        };
+        class IntfWatcher : public Intf::Notifiee {
+        public:
+            IntfWatcher(Intf& intf, RhoRoute& owner) : Intf::Notifiee(&intf), owner_(owner) {}
+            void handleLocalMembership() override { changed(); }
+            void handleLocalReceiverInclude() override { changed(); }
+            void handleLocalReceiverExclude() override { changed(); }
+            void handleForward() override { changed(); }
+            void handleFastForward() override { changed(); }
+            void handleJoinState() override { changed(); }
+            void handleRptState() override { changed(); }
+            void handleAssertInfo() override { changed(); }
+
+        private:
+            void changed() { owner_.handleIntfChanged(notifier()->intfId()); }
+            RhoRoute& owner_;
+        };
+
+        UpstreamWatcher umh_{*this};
+        UpstreamWatcher umhFrr_{*this};
+        boost::container::flat_map<Wirl::IntfId, std::unique_ptr<IntfWatcher>> intf_;
+    };
+
+    class RhoSgRoute : public RhoRoute {
+    public:
+        using RhoRoute::RhoRoute;
+        void handleRoute() override;
+        void handleWcRouteChanged() override { handleRoute(); }
+    };
+
+    class RhoWcRoute : public RhoRoute {
+    public:
+        using RhoRoute::RhoRoute;
+        void handleRoute() override { handleWcRoute(); }
+        void handleWcRoute();
+        // Changes the group's (S,G) routes see: their inherited interfaces
+        // and their fast-drop interface.
+        void handleRpf() override { handleIntfChanged(Wirl::IntfId()); }
+        void handleUpJoinState() override { handleIntfChanged(Wirl::IntfId()); }
+
+    protected:
+        void handleIntfChanged(Wirl::IntfId intfId) override;
+    };
+
+    // Creates and removes the per-route reactors as routes enter and leave
+    // the VRF's route collections.
+    class RhoLocalStatus : public LocalStatus::Notifiee {
+    public:
+        explicit RhoLocalStatus(MfibSm& sm) : sm_(sm) {}
+        void handleSgRoute(const Routing::Pim::RouteKey& key) override;
+        void handleWcRoute(const Routing::Pim::RouteKey& key) override;
+
+    private:
+        MfibSm& sm_;
+    };
+
+    // `mfibTidal` and `localStatus` are required; `routeStatus` (the routes
+    // the agent holds, for the restart check) and `mfibConfig` (clear
+    // requests) may be null.
+    MfibSm(L3::VrfName vrfName, Cask::Ptr<TMF::Status> mfibTidal, Cask::Ptr<Status> routeStatus,
+           Cask::Ptr<LocalStatus> localStatus,
+           Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig);
+    ~MfibSm() override;
+
+    const L3::VrfName& vrfName() const { return vrfName_; }
+    TMF::Status& mfibTidal() const { return *mfibTidal_; }
+    LocalStatus& localStatus() const { return *localStatus_; }
+    bool initialized() const { return initialized_; }
+
+    // Builds the free pool, removes records no route of the agent matches,
+    // and creates the reactors of the routes already present. Runs once.
+    void handleInit();
+
+    // --- interface / index mapping --------------------------------------
+    TMF::OifIndex intfOifIndex(Wirl::IntfId intfId) const;
+    std::size_t intfOifIndexSize() const { return intfOifIndex_.size(); }
+    std::size_t oifIndexFreePoolSize() const { return oifIndexFreePool_.size(); }
+    bool oifIndexFreePoolInitialized() const { return oifIndexFreePoolInitialized_; }
+    void oifIndexFreePoolInit();
+    TMF::OifIndex createOifIndexMapping(Wirl::IntfId intfId);
+    void doUpdateOifIndexRefCount(const Routing::Multicast::Fib::IpGenRouteKey& mfibKey,
+                                  TMF::OifIndex oifIndex, bool increment);
+    // Brings the reference counts from the table's record of the key to
+    // `record`, one update per bit that changes.
+    void doSyncTidalRouteRefCount(const TMF::Route& record);
+
+    // --- wait list --------------------------------------------------------
+    const std::deque<Routing::Pim::RouteKey>& routeWaitlist() const { return routeWaitlist_; }
+    void doPlaceRouteOnWait(const Routing::Pim::RouteKey& routeKey);
+    void doReviewRouteWaitlist();
+
+    // --- records ------------------------------------------------------------
+    void doCommitTidalRoute(const TMF::Route& record);
+    void handleDelete(const Routing::Pim::RouteKey& routeKey);
+    bool isProgrammableRoute(const Routing::Pim::RouteKey& routeKey) const;
+    // Adds / removes one interface of a route already in the table.
+    void doAddTidalRouteIntf(const Routing::Pim::RouteKey& routeKey, Wirl::IntfId intfId,
+                             TMF::Route::RouteFlags flags);
+    void doDelTidalRouteIntf(const Routing::Pim::RouteKey& routeKey, Wirl::IntfId intfId,
+                             TMF::Route::RouteFlags flags);
+    // Removes every record of the VRF (and with them every reference).
+    void handleClearMfib();
+    void handleClearMfibCount() override { handleClearMfib(); }
+
+    // --- flags ----------------------------------------------------------------
+    void setIifRegister(const Route& route);
+    void setOifRegister(const Route& route, TMF::Route::RouteFlags& flags);
+    void setToCpuFlag(const Route& route, TMF::Route::RouteFlags& flags);
+    void setNoRpfFlag(Wirl::IntfId iif, TMF::Route::RouteFlags& flags);
+
+    // Re-runs the (S,G) routes of `wcKey`'s group after a (*,G) change.
+    void handleInheritedWcIntf(const Routing::Pim::RouteKey& wcKey);
+
+    // The reactor of a route, for tests; null when there is none.
+    RhoRoute* rho(const Routing::Pim::RouteKey& key) const;
+
+private:
+    friend TMF::OifIndex addTidalRouteOif(MfibSm&, TMF::Route&, Wirl::IntfId);
+    friend TMF::OifIndex delTidalRouteOif(MfibSm&, TMF::Route&, Wirl::IntfId);
+    friend class RhoLocalStatus;
+    friend class RhoRoute;
+
+    void doFreeOifIndex(TMF::OifIndex oifIndex, Wirl::IntfId intfId);
+    // Frees indexes handed out during a build that no record ended up using.
+    void doReleaseUnusedIndexes();
+    bool routeHeld(const Routing::Pim::RouteKey& key) const;
+
+    L3::VrfName vrfName_;
+    Cask::Ptr<TMF::Status> mfibTidal_;
+    Cask::Ptr<Status> routeStatus_;
+    Cask::Ptr<LocalStatus> localStatus_;
+    Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig_;
+    RhoLocalStatus rhoLocalStatus_{*this};
+    // Ordered by group then source, so a group's (S,G) routes are adjacent.
+    std::map<Routing::Pim::RouteKey, std::unique_ptr<RhoSgRoute>> sgRho_;
+    std::unordered_map<Routing::Pim::RouteKey, std::unique_ptr<RhoWcRoute>, Cask::KeyHash> wcRho_;
+
+    std::unordered_map<Wirl::IntfId, TMF::OifIndex> intfOifIndex_;
+    std::deque<TMF::OifIndex> oifIndexFreePool_;
+    std::uint32_t oifIndexFreePoolLimit_ = TMF::OifIndex::count;
+    bool oifIndexFreePoolInitialized_ = false;
+    std::vector<TMF::OifIndex> freshIndexes_;
+    std::deque<Routing::Pim::RouteKey> routeWaitlist_;
+    std::unordered_set<Routing::Pim::RouteKey, Cask::KeyHash> waiting_;
+    bool reviewingWaitlist_ = false;
+    bool initialized_ = false;
+};
+
+// Creates the machine, initializes it against the table's current contents
+// and builds the records of the routes already present.
+std::unique_ptr<MfibSm> mfibSmFactory(L3::VrfName vrfName, Cask::Ptr<TMF::Status> mfibTidal,
+                                      Cask::Ptr<Status> routeStatus,
+                                      Cask::Ptr<LocalStatus> localStatus,
+                                      Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig);
+
+}  // namespace Routing::Pim::SparseMode

@@ -1,0 +1,255 @@
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "cask/trace.h"
+#include "mfib_fixture.h"
+
+namespace Routing::Pim::SparseMode::Testing {
+namespace {
+
+class MfibSmTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Cask::trace().clear();
+        Cask::trace().levelIs(8);
+    }
+    void TearDown() override { Cask::trace().levelIs(4); }
+    MfibFixture f;
+};
+
+TEST_F(MfibSmTest, LocalReceiverProgramsWcRouteAndItsDepartureFreesTheIndex) {
+    f.start();
+    Route& wc = f.wcRoute(1, "up_rp");
+    const RouteKey key = wc.key();
+    f.receiverIs(wc, "d1", true);
+
+    const TMF::Route* r = f.record(key);
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->iif(), Wirl::IntfId("up_rp"));
+    EXPECT_TRUE(f.hasOif(key, "d1"));
+    EXPECT_EQ(r->oifs(), 1u);
+    EXPECT_TRUE(r->flag(TMF::Route::toCpu));
+    EXPECT_EQ(f.sm->intfOifIndex(Wirl::IntfId("d1")), TMF::OifIndex(0));  // lowest first
+    EXPECT_TRUE(
+        Cask::trace().contains("<Vrf:blue>Mfib: doCommitTidalRoute(): (*, 239.1.0.1) I "
+                               "up_rp FRR  N  F 0x2 I 0x1 -> d1"));
+    f.expectConsistent();
+
+    // A second group on the same interface shares the index.
+    Route& wc2 = f.wcRoute(2, "up_rp");
+    f.receiverIs(wc2, "d1", true);
+    EXPECT_EQ(f.table->oifIndexIntf(TMF::OifIndex(0)).refCount, 2u);
+
+    f.receiverIs(wc, "d1", false);
+    EXPECT_FALSE(f.hasOif(key, "d1"));
+    EXPECT_EQ(f.table->oifIndexIntf(TMF::OifIndex(0)).refCount, 1u);
+    f.receiverIs(wc2, "d1", false);
+    EXPECT_EQ(f.record(key)->oifs(), 0u);
+    EXPECT_TRUE(f.sm->intfOifIndex(Wirl::IntfId("d1")).isNull());
+    EXPECT_FALSE(f.table->oifIndexIntfHas(TMF::OifIndex(0)));
+    EXPECT_TRUE(Cask::trace().contains("doUpdateOifIndexRefCount(): Freeing up oifIndex: 0"));
+    f.expectConsistent();
+
+    // The route leaving the VRF removes its record.
+    f.forgetRoute(key);
+    EXPECT_FALSE(f.record(key));
+}
+
+TEST_F(MfibSmTest, RouteWhoseOnlyInterfaceIsItsIifHasAnEmptyBitmap) {
+    f.start();
+    Route& wc = f.wcRoute(1, "up_rp");
+    f.receiverIs(wc, "up_rp", true);
+    const TMF::Route* r = f.record(wc.key());
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->oifs(), 0u);
+    EXPECT_TRUE(Cask::trace().contains(
+        "<Vrf:blue>MfibSm::doCommitTidalRoute(): Note: No oifs in route (*, 239.1.0.1)"));
+    // The index handed out for the iif went back: nothing uses it.
+    f.expectConsistent();
+    EXPECT_EQ(f.sm->oifIndexFreePoolSize(), 512u);
+}
+
+TEST_F(MfibSmTest, IdenticalRecordIsNotWrittenAgain) {
+    f.start();
+    Route& wc = f.wcRoute(1, "up_rp");
+    f.receiverIs(wc, "d1", true);
+    const auto writes = f.table->routeWriteCount();
+    wc.routeChangedInc();
+    wc.mfibChangeCountInc();
+    f.sm->doCommitTidalRoute(*f.record(wc.key()));
+    EXPECT_EQ(f.table->routeWriteCount(), writes);
+    // A real change is written once.
+    f.receiverIs(wc, "d2", true);
+    EXPECT_EQ(f.table->routeWriteCount(), writes + 1);
+}
+
+TEST_F(MfibSmTest, ExhaustedIndexesPutTheRouteOnWaitUntilOneIsFreed) {
+    f.start();
+    std::vector<Route*> routes;
+    for (unsigned n = 0; n < TMF::OifIndex::count; ++n) {
+        routes.push_back(&f.wcRoute(n, "up_rp"));
+        f.receiverIs(*routes.back(), fmt::format("e{}", n), true);
+    }
+    EXPECT_EQ(f.sm->oifIndexFreePoolSize(), 0u);
+    Route& late = f.wcRoute(600, "up_rp");
+    f.receiverIs(late, "e600", true);
+    ASSERT_TRUE(f.record(late.key()));
+    EXPECT_EQ(f.record(late.key())->oifs(), 0u);
+    EXPECT_TRUE(f.sm->intfOifIndex(Wirl::IntfId("e600")).isNull());
+    ASSERT_EQ(f.sm->routeWaitlist().size(), 1u);
+    EXPECT_TRUE(
+        Cask::trace().contains("createOifIndexMapping(): No free OifIndexes available e600"));
+    f.expectConsistent();
+
+    // An interface already indexed is still added while the pool is empty.
+    f.receiverIs(late, "e7", true);
+    EXPECT_TRUE(f.hasOif(late.key(), "e7"));
+
+    f.receiverIs(*routes[3], "e3", false);
+    EXPECT_TRUE(f.hasOif(late.key(), "e600"));
+    EXPECT_EQ(f.sm->intfOifIndex(Wirl::IntfId("e600")), TMF::OifIndex(3));
+    EXPECT_TRUE(f.sm->routeWaitlist().empty());
+    EXPECT_TRUE(Cask::trace().contains("Got key (*, 239.1.2.88) from waitlist"));
+    f.expectConsistent();
+}
+
+TEST_F(MfibSmTest, RestartKeepsMatchingRecordsWithTheirIndexesAndRemovesStaleOnes) {
+    // What an earlier run left: (*,G1) on d1 (index 5) and d2 (index 7),
+    // (*,G2) on d2 only; the agent now holds G1 alone.
+    auto old = [](unsigned n, std::initializer_list<unsigned> bits) {
+        TMF::Route r(MfibFixture::fibKey(MfibFixture::wcKey(n)));
+        r.iifIs(Wirl::IntfId("up_rp"));
+        for (unsigned b : bits) r.oifIs(TMF::OifIndex(b), true);
+        return r;
+    };
+    f.table->routeIs(old(1, {5, 7}));
+    f.table->routeIs(old(2, {7}));
+    f.table->routeIs(old(3, {}));
+    f.table->oifIndexIntfIs({TMF::OifIndex(5), Wirl::IntfId("d1"), 1});
+    f.table->oifIndexIntfIs({TMF::OifIndex(7), Wirl::IntfId("d2"), 2});
+    Route& wc = f.wcRoute(1, "up_rp");
+    f.receiverIs(wc, "d1", true);
+    f.receiverIs(wc, "d2", true);
+
+    f.start();
+    EXPECT_TRUE(f.record(wc.key()));
+    EXPECT_FALSE(f.record(MfibFixture::wcKey(2)));
+    EXPECT_FALSE(f.record(MfibFixture::wcKey(3)));
+    EXPECT_TRUE(Cask::trace().contains(
+        "<Vrf:blue>MfibSm::handleInit(): Restarting, deleting route (*, 239.1.0.2) from the MFIB"));
+    EXPECT_EQ(f.sm->intfOifIndex(Wirl::IntfId("d1")), TMF::OifIndex(5));
+    EXPECT_EQ(f.sm->intfOifIndex(Wirl::IntfId("d2")), TMF::OifIndex(7));
+    EXPECT_TRUE(f.hasOif(wc.key(), "d1"));
+    EXPECT_TRUE(f.hasOif(wc.key(), "d2"));
+    f.expectConsistent();
+    // New interfaces still get the lowest free index.
+    f.receiverIs(wc, "d3", true);
+    EXPECT_EQ(f.sm->intfOifIndex(Wirl::IntfId("d3")), TMF::OifIndex(0));
+}
+
+TEST_F(MfibSmTest, SgRouteWaitsForRegisterEvaluationThenInheritsAndDropsTheSharedTree) {
+    f.start();
+    Route& wc = f.wcRoute(1, "up_rp");
+    f.receiverIs(wc, "d1", true);
+    f.receiverIs(wc, "up_s", true);
+    Route& sg = f.sgRoute(10, 1, "up_s");
+    EXPECT_FALSE(f.record(sg.key()));
+    EXPECT_TRUE(Cask::trace().contains(
+        "isProgrammableRoute(): Waiting for register OIF evaluation for (192.0.2.10, 239.1.0.1)"));
+
+    sg.registerOifEvaluatedIs(true);
+    const TMF::Route* r = f.record(sg.key());
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->iif(), Wirl::IntfId("up_s"));
+    EXPECT_TRUE(f.hasOif(sg.key(), "d1"));
+    EXPECT_FALSE(f.hasOif(sg.key(), "up_s"));  // its own iif is not inherited
+    EXPECT_TRUE(r->flag(TMF::Route::notifyProgrammable));
+    EXPECT_TRUE(r->fastdrop().isNull());
+
+    // The shared tree joined: packets of S arriving on it are dropped.
+    wc.upJoinStateIs(UpJoinState::upJoined);
+    EXPECT_EQ(f.record(sg.key())->fastdrop(), Wirl::IntfId("up_rp"));
+    // A (*,G) interface change reaches the (S,G) record.
+    f.receiverIs(wc, "d2", true);
+    EXPECT_TRUE(f.hasOif(sg.key(), "d2"));
+    f.expectConsistent();
+}
+
+TEST_F(MfibSmTest, ClearRemovesEveryRecordAndReference) {
+    f.start();
+    for (unsigned n = 0; n < 3; ++n) f.receiverIs(f.wcRoute(n, "up_rp"), "d1", true);
+    f.sm->handleClearMfib();
+    EXPECT_EQ(f.table->routeSize(), 0u);
+    EXPECT_EQ(f.table->oifIndexIntfSize(), 0u);
+    f.expectConsistent();
+}
+
+TEST_F(MfibSmTest, SingleInterfaceEdgeCases) {
+    f.start();
+    Route& wc = f.wcRoute(1, "up_rp");
+    f.receiverIs(wc, "d1", true);
+    TMF::Route r = *f.record(wc.key());
+    // Already set: nothing added.
+    EXPECT_TRUE(addTidalRouteOif(*f.sm, r, Wirl::IntfId("d1")).isNull());
+    // Never indexed: nothing removed.
+    EXPECT_TRUE(delTidalRouteOif(*f.sm, r, Wirl::IntfId("d9")).isNull());
+    EXPECT_TRUE(Cask::trace().contains("delTidalRouteOif(): No IntfOifIndex mapping for: d9"));
+    EXPECT_EQ(r, *f.record(wc.key()));
+    f.expectConsistent();
+    EXPECT_DEATH(addTidalRouteOif(*f.sm, r, Wirl::IntfId::register0()),
+                 "intfId != registerIntfId && intfId != null0IntfId");
+    EXPECT_DEATH(delTidalRouteOif(*f.sm, r, Wirl::IntfId::null0()),
+                 "intfId != null0IntfId && intfId != registerIntfId");
+}
+
+// Reference counts equal the number of records with the bit set after every
+// step of a random walk over receivers, RPF changes and route churn, and
+// every record carries exactly its receivers less its iif.
+TEST_F(MfibSmTest, RandomChurnKeepsReferenceCountsExact) {
+    Cask::trace().levelIs(4);
+    f.start();
+    constexpr unsigned groups = 12, intfs = 10;
+    std::mt19937 rng(20240611);
+    std::vector<Route*> route(groups, nullptr);
+    std::vector<std::vector<bool>> rx(groups, std::vector<bool>(intfs));
+    auto name = [](unsigned i) { return fmt::format("i{}", i); };
+    for (int step = 0; step < 600; ++step) {
+        const unsigned g = rng() % groups, i = rng() % intfs;
+        const unsigned op = rng() % 10;
+        if (!route[g]) {
+            route[g] = &f.wcRoute(g, name(rng() % intfs));
+            rx[g].assign(intfs, false);
+        }
+        if (op < 7) {
+            rx[g][i] = !rx[g][i];
+            f.receiverIs(*route[g], name(i), rx[g][i]);
+        } else if (op < 9) {
+            f.rpfIs(*route[g], name(i));
+        } else {
+            // The route leaves with its receivers; a later step brings it back
+            // without them.
+            f.forgetRoute(route[g]->key());
+            for (unsigned k = 0; k < intfs; ++k) {
+                if (rx[g][k]) f.receiverIs(*route[g], name(k), false);
+            }
+            route[g] = nullptr;
+        }
+        SCOPED_TRACE(fmt::format("step {}", step));
+        f.expectConsistent();
+        for (unsigned k = 0; k < groups; ++k) {
+            if (!route[k]) {
+                EXPECT_FALSE(f.record(MfibFixture::wcKey(k)));
+                continue;
+            }
+            for (unsigned j = 0; j < intfs; ++j) {
+                const bool want = rx[k][j] && Wirl::IntfId(name(j)) != route[k]->iif();
+                EXPECT_EQ(f.hasOif(route[k]->key(), name(j)), want) << k << " " << j;
+            }
+        }
+        if (HasFailure()) break;
+    }
+}
+
+}  // namespace
+}  // namespace Routing::Pim::SparseMode::Testing
