@@ -1,5 +1,7 @@
 #include "driver/outputs.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 #include "driver/runner.h"
@@ -84,6 +86,83 @@ Json countersRow(const L3::VrfName& vrf, const ContainerSm& c) {
     return row;
 }
 
+// One row per (upstream neighbour, message set, group) with something in it.
+void joinPruneRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
+    using Routing::Pim::JoinPruneData;
+    for (const auto& [nbr, entry] : c.joinPruneStatus()->neighbor()) {
+        const std::pair<const char*, const JoinPruneData*> sets[] = {
+            {"periodic", &entry->periodic()},
+            {"triggered", &entry->pendingTriggered()},
+            {"override", &entry->pendingOverride()}};
+        for (const auto& [set, data] : sets) {
+            for (const auto& [group, g] : data->joinPruneGroupData()) {
+                Json joins = Json::array();
+                Json prunes = Json::array();
+                for (const auto& [rp, wc] : g->wcSourceData()) {
+                    std::string e =
+                        fmt::format("(*) rp {}{}", rp, wc.wcSuppressed ? " suppressed" : "");
+                    (wc.join ? joins : prunes).push_back(e);
+                }
+                for (const auto& s : g->joinedSource()) joins.push_back(s.str());
+                for (const auto& s : g->joinedRptSource()) joins.push_back(s.str() + " rpt");
+                for (const auto& s : g->prunedSource()) prunes.push_back(s.str());
+                for (const auto& s : g->prunedRptSource()) prunes.push_back(s.str() + " rpt");
+                if (joins.empty() && prunes.empty()) continue;
+                Json row;
+                row["vrf"] = vrf.str();
+                row["neighbor"] = fmt::format("{} on {}", nbr.address, nbr.intf);
+                row["set"] = set;
+                row["group"] = group.str();
+                row["joins"] = joins;
+                row["prunes"] = prunes;
+                rows.push_back(row);
+            }
+        }
+    }
+}
+
+std::string fibFlagWords(const ::Tidal::Multicast::Fib::Route& r) {
+    using F = ::Tidal::Multicast::Fib::Route;
+    const std::pair<F::Flag, const char*> names[] = {
+        {F::toCpu, "to-cpu"},
+        {F::iifRegister, "iif-register"},
+        {F::oifRegister, "oif-register"},
+        {F::noRpf, "no-rpf"},
+        {F::skipKernelProgramming, "skip-kernel"},
+        {F::notifyProgrammable, "notify-programmable"}};
+    std::vector<std::string> words;
+    for (const auto& [f, name] : names) {
+        if (r.flag(f)) words.push_back(name);
+    }
+    return words.empty() ? "-" : fmt::format("{}", fmt::join(words, " "));
+}
+
+void forwardingRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
+    const auto& table = *c.mfibTidal();
+    // The table is a hash map: list its records in route-key order.
+    std::vector<const ::Tidal::Multicast::Fib::Route*> records;
+    for (const auto& [key, r] : table.route()) records.push_back(&r);
+    std::sort(records.begin(), records.end(), [](auto* a, auto* b) {
+        return Routing::Multicast::Fib::convertKey(a->key()) <
+               Routing::Multicast::Fib::convertKey(b->key());
+    });
+    for (const auto* r : records) {
+        Json oifs = Json::array();
+        for (auto index : r->oifIteratorConst()) {
+            auto entry = table.oifIndexIntf(index);
+            oifs.push_back(entry.intf.isNull() ? fmt::format("#{}", index.value())
+                                               : entry.intf.name());
+        }
+        Json row;
+        row["vrf"] = vrf.str();
+        row["route"] = Routing::Multicast::Fib::convertKey(r->key()).str();
+        row["iif"] = r->iif().isNull() ? "-" : r->iif().name();
+        row["oifs"] = oifs;
+        row["flags"] = fibFlagWords(*r);
+        rows.push_back(row);
+    }
+}
+
 }  // namespace
 
 Json vrfOutput(Runner& runner, const Scenario& scenario, Output what) {
@@ -100,6 +179,12 @@ Json vrfOutput(Runner& runner, const Scenario& scenario, Output what) {
                 break;
             case Output::counters:
                 rows.push_back(countersRow(v.name, *c));
+                break;
+            case Output::joinPrune:
+                joinPruneRows(v.name, *c, rows);
+                break;
+            case Output::forwarding:
+                forwardingRows(v.name, *c, rows);
                 break;
             default:
                 break;

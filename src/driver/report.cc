@@ -44,41 +44,71 @@ std::vector<std::string> compareLines(const Json& expected, const Json& actual) 
     return diff;
 }
 
-std::vector<std::string> compareRows(const Json& expected, const Json& actual) {
+// The fields that name a row of each table.
+std::vector<std::string> keyFields(Output what) {
+    switch (what) {
+        case Output::routes:
+        case Output::forwarding:
+            return {"vrf", "route"};
+        case Output::joinPrune:
+            return {"vrf", "neighbor", "set", "group"};
+        default:
+            return {"vrf"};
+    }
+}
+
+// "route (*, 239.1.1.1)": the row's key fields that `like` names (all of
+// them when `like` is null).
+std::string rowName(const Json& row, const std::vector<std::string>& keys, const Json* like) {
+    std::vector<std::string> parts;
+    for (const auto& k : keys) {
+        if (row.contains(k) && (!like || like->contains(k))) {
+            parts.push_back(k + " " + text(row[k]));
+        }
+    }
+    return fmt::format("{}", fmt::join(parts, ", "));
+}
+
+std::vector<std::string> compareRows(Output what, const Json& expected, const Json& actual) {
     std::vector<std::string> diff;
     if (!expected.is_array()) return {"- expected a list of rows"};
+    const auto keys = keyFields(what);
     std::vector<bool> matched(actual.size(), false);
     for (const auto& want : expected) {
         if (!want.is_object() || want.empty()) {
             diff.push_back("- each expected row must be a mapping");
             continue;
         }
-        const std::string idField = want.begin().key();
-        const Json idValue = want.begin().value();
-        auto it = std::find_if(actual.begin(), actual.end(), [&](const Json& row) {
-            return row.contains(idField) && text(row[idField]) == text(idValue);
-        });
-        if (it == actual.end()) {
-            diff.push_back(fmt::format("- missing {} {}", idField, text(idValue)));
+        // The first row not matched yet whose key fields equal the ones given.
+        auto same = [&](const Json& row) {
+            for (const auto& k : keys) {
+                if (want.contains(k) && (!row.contains(k) || text(row[k]) != text(want[k]))) {
+                    return false;
+                }
+            }
+            return true;
+        };
+        std::size_t i = 0;
+        while (i < actual.size() && (matched[i] || !same(actual[i]))) ++i;
+        const std::string name = rowName(want, keys, nullptr);
+        if (i == actual.size()) {
+            diff.push_back("- missing " + name);
             continue;
         }
-        matched[it - actual.begin()] = true;
+        matched[i] = true;
         for (const auto& [field, value] : want.items()) {
-            if (!it->contains(field)) {
-                diff.push_back(
-                    fmt::format("  {} {}: no field '{}'", idField, text(idValue), field));
-            } else if (!sameValue(value, (*it)[field])) {
-                diff.push_back(fmt::format("  {} {}: {}", idField, text(idValue), field));
+            if (!actual[i].contains(field)) {
+                diff.push_back(fmt::format("  {}: no field '{}'", name, field));
+            } else if (!sameValue(value, actual[i][field])) {
+                diff.push_back(fmt::format("  {}: {}", name, field));
                 diff.push_back(fmt::format("-   expected: {}", text(value)));
-                diff.push_back(fmt::format("+   got:      {}", text((*it)[field])));
+                diff.push_back(fmt::format("+   got:      {}", text(actual[i][field])));
             }
         }
     }
+    const Json* like = expected.empty() ? nullptr : &expected.front();
     for (std::size_t i = 0; i < actual.size(); ++i) {
-        if (matched[i]) continue;
-        const auto first = actual[i].begin();
-        const std::string id = first.key() + " " + text(first.value());
-        diff.push_back(fmt::format("+ unexpected {}", id));
+        if (!matched[i]) diff.push_back("+ unexpected " + rowName(actual[i], keys, like));
     }
     return diff;
 }
@@ -87,7 +117,7 @@ std::vector<std::string> compareRows(const Json& expected, const Json& actual) {
 
 std::vector<std::string> compareOutput(Output what, const Json& expected, const Json& actual) {
     if (what == Output::trace || what == Output::events) return compareLines(expected, actual);
-    return compareRows(expected, actual);
+    return compareRows(what, expected, actual);
 }
 
 void printTable(std::ostream& os, const Json& rows) {

@@ -15,8 +15,9 @@ namespace Driver {
 
 // Compares an expectation with the actual rows and returns the differences
 // as readable lines (empty when they match).
-//   - Tables (routes, counters, ...): the rows are matched by their first
-//     field (route key, VRF); every expected row must exist, with each field
+//   - Tables (routes, counters, ...): the rows are matched by the key fields
+//     they give (VRF, route; for Join/Prune contents also neighbour, set and
+//     group); every expected row must exist, with each field
 //     it names equal to the actual one (values compared as text, lists
 //     element by element); actual rows not expected are differences too. An
 //     empty list expects no rows.

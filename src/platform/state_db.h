@@ -17,8 +17,10 @@
 #include "platform/group_ranges.h"
 #include "platform/mcast_boundary.h"
 #include "platform/membership.h"
+#include "platform/mfib_table.h"
 #include "platform/mroute_clear.h"
 #include "platform/pim_status.h"
+#include "platform/rp_local.h"
 #include "platform/vrf_records.h"
 #include "wirl/address_family.h"
 #include "wirl/namespace_name.h"
@@ -49,6 +51,7 @@ public:
         virtual void handleFibReady(const Vrf&) {}
         virtual void handleMembershipTable(const Vrf&) {}
         virtual void handleSsmConvertConfig(const Vrf&) {}
+        virtual void handleRpLocalStatus(const Vrf&) {}
         // Inputs for the whole address family.
         virtual void handleMcastBoundaryStatus() {}
         virtual void handleNamespace(const Wirl::NamespaceName&) {}
@@ -57,6 +60,7 @@ public:
         // Written by the agent.
         virtual void handleStaticRpStatus(const Vrf&) {}
         virtual void handleRegisterConfig(const Vrf&) {}
+        virtual void handleMfibTable(const Vrf&) {}
         virtual void handleMount(const std::string&) {}
     };
 
@@ -89,6 +93,10 @@ public:
     CASK_RECORD_MAP(ssmConvertConfig, SsmConvertConfig, Vrf,
                     Routing::Pim::SparseMode::SsmConvertConfig, "Platform::StateDb")
 
+    // This router's own addresses that are RP addresses.
+    CASK_RECORD_MAP(rpLocalStatus, RpLocalStatus, Vrf, Routing::Pim::RpLocalStatus,
+                    "Platform::StateDb")
+
     // --- address-family-wide inputs -----------------------------------------
     CASK_ATTR(Cask::Ptr<Routing::McastBoundary::Status>, mcastBoundaryStatus, McastBoundaryStatus)
     // Kernel network namespaces that exist.
@@ -102,6 +110,9 @@ public:
     // The RP mapping in force, per VRF (from the static RP configuration).
     CASK_RECORD_MAP(staticRpStatus, StaticRpStatus, Vrf, RpMapping, "Platform::StateDb")
     CASK_RECORD_MAP(registerConfig, RegisterConfig, Vrf, RegisterConfig, "Platform::StateDb")
+    // The shared-memory forwarding table of each VRF; it outlives the
+    // agent's containers, so a restarted agent finds its records again.
+    CASK_RECORD_MAP(mfibTable, MfibTable, Vrf, Tidal::Multicast::Fib::Status, "Platform::StateDb")
     // Paths the agent has mounted (namespace status, shared-memory tables).
     CASK_KEY_SET(mount, Mount, std::string)
 
@@ -129,6 +140,8 @@ private:
     Cask::ValueMap<std::string, std::string> option_;
     Cask::RecordMap<Vrf, RpMapping> staticRpStatus_;
     Cask::RecordMap<Vrf, RegisterConfig> registerConfig_;
+    Cask::RecordMap<Vrf, Tidal::Multicast::Fib::Status> mfibTable_;
+    Cask::RecordMap<Vrf, Routing::Pim::RpLocalStatus> rpLocalStatus_;
     Cask::KeySet<std::string> mount_;
 };
 

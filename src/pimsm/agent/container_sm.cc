@@ -72,6 +72,11 @@ void ContainerSm::handleInitialized() {
     tidalStatus_ = Cask::make<Tidal::Status>();
     db.mountIs(tidalPath("status"));
     mfibDirWriter_.tableMount(vrf_);
+    mfibTidal_ = db.mfibTable(vrf_);
+    if (!mfibTidal_) {
+        mfibTidal_ = Cask::make<::Tidal::Multicast::Fib::Status>();
+        db.mfibTableIs(vrf_, mfibTidal_);
+    }
 
     // RPF inputs; the group and fast-failover filters of the family.
     rpfConfig_ = Cask::make<Routing::Pim::RpfConfig>();
@@ -89,6 +94,22 @@ void ContainerSm::handleInitialized() {
     status_->contextLocalStatusIs(localStatus_.get());
     localStatus_->groupFilterStatusIs(groupFilterStatus_);
     localStatus_->frrFilterStatusIs(frrFilterStatus_);
+
+    // The outgoing Join/Prune contents per upstream neighbour, with the
+    // neighbour side that keeps one entry per PIM neighbour.
+    joinPruneStatus_ = Cask::make<Routing::Pim::JoinPruneStatus>();
+    joinPruneNeighborSm_ = Routing::Pim::joinPruneNeighborSmFactory(pimStatus_, joinPruneStatus_);
+
+    // Received Join/Prune messages.
+    rxJoinPrune_ = Cask::make<Routing::Pim::JoinPruneRxStatus>();
+
+    // RP mapping: this router's RP addresses; RPF lookups for the RP.
+    rpLocalStatus_ = db.rpLocalStatus(vrf_);
+    if (!rpLocalStatus_) {
+        rpLocalStatus_ = Cask::make<Routing::Pim::RpLocalStatus>();
+        db.rpLocalStatusIs(vrf_, rpLocalStatus_);
+    }
+    pimRpfTable_ = std::make_unique<PimRpfTable>(unicastRoutingStatus_.get());
 
     // Message counters.
     pimCounters_ = Cask::make<Routing::Pim::Tidal::MessageCounters>();
@@ -124,6 +145,18 @@ void ContainerSm::handleInitialized() {
     routeReviewSm_ = routeReviewSmFactory(std::move(review));
     routeReviewSm_->pimCountersIs(pimCounters_);
 
+    // Upstream (*,G): joins toward the RP.
+    UpstreamWcInputs up;
+    up.vrfName = vrf_;
+    up.localStatus = localStatus_.get();
+    up.pimStatus = pimStatus_.get();
+    up.joinPruneStatus = joinPruneStatus_.get();
+    up.rpMapping = db.staticRpStatus(vrf_).get();
+    up.rpfTable = pimRpfTable_.get();
+    up.rpLocalStatus = rpLocalStatus_.get();
+    up.joinPruneRxStatus = rxJoinPrune_.get();
+    upstreamWcSm_ = upstreamWcSmFactory(up);
+
     // Local receivers from the membership table.
     ssmConvertConfig_ = db.ssmConvertConfig(vrf_);
     GmpInputs gmp;
@@ -139,7 +172,17 @@ void ContainerSm::handleInitialized() {
     gmp.ssmConvertConfig = ssmConvertConfig_.get();
     gmpSm_ = gmpSmFactory(gmp);
 
-    // Ready.
+    // Forwarding entries.
+    mfibSm_ = mfibSmFactory(vrf_, mfibTidal_, status_, localStatus_, nullptr);
+
+    // (*,G) programming support of the hardware.
+    agentStatus_ = Cask::make<AgentStatus>();
+    pimsmWcSm_ = pimsmWcSmFactory(pc_.family, db.hwMfibStatus(vrf_), agentStatus_);
+
+    // Ready. Routes of an earlier run are not read back from the shared
+    // route table (that machine does not exist yet), so the route status is
+    // complete now, which lets the route review start.
+    status_->initializedIs(true);
     initializedIs(true);
 }
 

@@ -9,6 +9,7 @@
 
 #include "cask/collection.h"
 #include "pimsm/agent/params_container.h"
+#include "pimsm/forwarding/mfib_sm.h"
 #include "pimsm/membership/gmp_sm.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/route_count_sm.h"
@@ -16,7 +17,13 @@
 #include "pimsm/route/route_sm.h"
 #include "pimsm/route/status.h"
 #include "pimsm/route/unicast_routing_status.h"
+#include "pimsm/upstream/agent_status.h"
+#include "pimsm/upstream/pimsm_wc_sm.h"
+#include "pimsm/upstream/rpf_table.h"
+#include "pimsm/upstream/upstream_wc_sm.h"
 #include "platform/group_ranges.h"
+#include "platform/join_prune.h"
+#include "platform/join_prune_neighbor_sm.h"
 #include "platform/message_counters.h"
 #include "platform/route_counters.h"
 #include "platform/rpf_resolver.h"
@@ -58,6 +65,12 @@ public:
     RouteCountSm* routeCountSm() const { return routeCountSm_.get(); }
     RouteReviewSm* routeReviewSm() const { return routeReviewSm_.get(); }
     GmpSm* gmpSm() const { return gmpSm_.get(); }
+    ::Tidal::Multicast::Fib::Status* mfibTidal() const { return mfibTidal_.get(); }
+    Routing::Pim::JoinPruneStatus* joinPruneStatus() const { return joinPruneStatus_.get(); }
+    Routing::Pim::JoinPruneRxStatus* rxJoinPrune() const { return rxJoinPrune_.get(); }
+    UpstreamWcSm* upstreamWcSm() const { return upstreamWcSm_.get(); }
+    MfibSm* mfibSm() const { return mfibSm_.get(); }
+    AgentStatus* agentStatus() const { return agentStatus_.get(); }
 
     CASK_ATTR(bool, initialized, Initialized)
 
@@ -80,6 +93,7 @@ private:
     Cask::Ptr<Routing::Pim::Status> pimStatus_;
     Cask::Ptr<Status> status_;
     Cask::Ptr<Tidal::Status> tidalStatus_;
+    Cask::Ptr<::Tidal::Multicast::Fib::Status> mfibTidal_;
     Cask::Ptr<Routing::Pim::RpfConfig> rpfConfig_;
     Cask::Ptr<Routing::Pim::RpfStatus> rpfStatus_;
     std::unique_ptr<Routing::Pim::RpfResolver> rpfResolver_;
@@ -90,12 +104,21 @@ private:
     Cask::Ptr<FrrFilterStatus> frrFilterStatus_;
     Cask::Ptr<LocalStatus> localStatus_;
     Cask::Ptr<Routing::Gmp::Tidal::Status> gmpTidalStatus_;
+    Cask::Ptr<Routing::Pim::JoinPruneStatus> joinPruneStatus_;
+    std::unique_ptr<Routing::Pim::JoinPruneNeighborSm> joinPruneNeighborSm_;
+    Cask::Ptr<Routing::Pim::JoinPruneRxStatus> rxJoinPrune_;
+    Cask::Ptr<Routing::Pim::RpLocalStatus> rpLocalStatus_;
+    std::unique_ptr<PimRpfTable> pimRpfTable_;
     Cask::Ptr<Routing::Pim::Tidal::MessageCounters> pimCounters_;
     Cask::Ptr<SsmGroupInfo> ssmGroupInfo_;
     std::unique_ptr<RouteCountSm> routeCountSm_;
     std::unique_ptr<RouteReviewSm> routeReviewSm_;
     Cask::Ptr<SsmConvertConfig> ssmConvertConfig_;
+    Cask::Ptr<UpstreamWcSm> upstreamWcSm_;
     Cask::Ptr<GmpSm> gmpSm_;
+    std::unique_ptr<MfibSm> mfibSm_;
+    Cask::Ptr<AgentStatus> agentStatus_;
+    std::unique_ptr<PimsmWcSm> pimsmWcSm_;
 };
 
 }  // namespace Routing::Pim::SparseMode
