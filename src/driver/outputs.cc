@@ -83,6 +83,8 @@ Json countersRow(const L3::VrfName& vrf, const ContainerSm& c) {
     row["marked-for-deletion"] = ls.toBeDeletedRouteSize();
     row["switching"] = ls.switchingRouteSize();
     row["clear-requests-done"] = ls.numClearMroutes();
+    row["routes-refused"] = c.status()->context().routesRefused;
+    row["intfs-refused"] = c.status()->context().routeIntfsRefused;
     return row;
 }
 

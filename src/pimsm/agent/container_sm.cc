@@ -69,6 +69,7 @@ void ContainerSm::handleInitialized() {
         db.pimStatusIs(vrf_, pimStatus_);
     }
     status_ = Cask::make<Status>(pc_.loop.clock(), RouteContext{pimStatus_.get(), nullptr});
+    status_->contextLimitsIs(pc_.maxRoutes, pc_.maxRouteIntfs);
     tidalStatus_ = Cask::make<Tidal::Status>();
     db.mountIs(tidalPath("status"));
     mfibDirWriter_.tableMount(vrf_);

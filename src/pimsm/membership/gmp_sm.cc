@@ -209,6 +209,7 @@ void GmpSm::doUpdateMembership(const RouteIntfKey& key) {
         CASK_TRACE(4, "<Vrf:{}>GmpSm:doUpdateMembership(), Create route {}", vrf, key.routeKey);
         CASK_EVENT("GmpSm: Create route{}", key.routeKey);
         route = in_.status->routeIs(key.routeKey);
+        if (!route) return;  // over the agent's route limit (traced there)
     }
     const bool newInclude = include || ssmConvert;
     Cask::Ptr<Intf> intf = route->routeIntf(key.intf);
@@ -219,6 +220,7 @@ void GmpSm::doUpdateMembership(const RouteIntfKey& key) {
         CASK_EVENT("GmpSm: Add interface {} to route{}, include: {}, exclude: {}, ssmConvert: {}",
                    key.intf, key.routeKey, include, exclude, ssmConvert);
         intf = route->routeIntfIs(key.intf);
+        if (!intf) return;  // over the agent's interface limit (traced there)
     } else {
         CASK_EVENT("GmpSm: Interface {}, Route: {}, include: {} --> {}, exclude: {} --> {}",
                    key.intf, key.routeKey, intf->localReceiverInclude(), newInclude,

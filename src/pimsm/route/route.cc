@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "cask/trace.h"
 #include "pimsm/route/local_status.h"
 
 namespace Routing::Pim::SparseMode {
@@ -53,6 +54,13 @@ void Route::umhFrrIs(Cask::Ptr<UpstreamInfo> frr) {
 
 Cask::Ptr<Intf> Route::routeIntfIs(Wirl::IntfId intf, std::uint32_t ifIndex) {
     if (auto existing = routeIntf_.get(intf)) return existing;
+    if (context_ && context_->maxRouteIntfs && routeIntf_.size() >= context_->maxRouteIntfs) {
+        ++context_->routeIntfsRefused;
+        CASK_TRACE(4,
+                   "Route::routeIntfIs({}): interface {} refused, the route has {} (maxRouteIntfs)",
+                   key_, intf, routeIntf_.size());
+        return nullptr;
+    }
     auto fresh = Cask::make<Intf>(this, intf, ifIndex);
     routeIntf_.is(*this, intf, fresh, &Notifiee::handleRouteIntf, "");
     return fresh;

@@ -43,6 +43,12 @@ class LocalStatus;
 struct RouteContext {
     const Routing::Pim::Status* pimStatus = nullptr;
     const LocalStatus* localStatus = nullptr;
+    // The agent's limits ("maxRoutes", "maxRouteIntfs"; 0: none) and how
+    // often each refused a route or an interface.
+    std::uint32_t maxRoutes = 0;
+    std::uint32_t maxRouteIntfs = 0;
+    mutable std::uint32_t routesRefused = 0;
+    mutable std::uint32_t routeIntfsRefused = 0;
 };
 
 // Packet and byte counts read back from the forwarding plane.
@@ -180,7 +186,9 @@ public:
     CASK_ATTR(bool, initialized, Initialized)
 
     // The interfaces on which the route has state. `routeIntfIs(intf)`
-    // returns the existing record or adds a fresh one.
+    // returns the existing record or adds a fresh one; null (traced and
+    // counted in the context) when the route already has the most
+    // interfaces the agent allows.
     using IntfMap = boost::container::flat_map<Wirl::IntfId, Cask::Ptr<Intf>>;
     CASK_COLLECTION_COMMON(routeIntf, RouteIntf, Wirl::IntfId)
     Cask::Ptr<Intf> routeIntf(Wirl::IntfId i) const {

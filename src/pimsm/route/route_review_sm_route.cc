@@ -330,8 +330,10 @@ void RouteReviewSm::deleteOrResurrect(const RouteKey& key) {
     if (include.empty()) return;
     REVIEW_TRACE(4, "RouteReviewSm::deleteOrResurrect({}) Resurrecting route {}", key, key);
     auto fresh = in_.status->routeIs(key);
+    if (!fresh) return;  // over the agent's route limit (traced there)
     for (const auto id : include) {
         auto intf = fresh->routeIntfIs(id);
+        if (!intf) continue;
         intf->localReceiverIncludeIs(true);
         intf->initializedIs(true);
         REVIEW_TRACE(7, "RouteReviewSm::deleteOrResurrect({}) Adding back to Include: {}", key, id);

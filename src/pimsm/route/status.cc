@@ -1,9 +1,17 @@
 #include "pimsm/route/status.h"
 
+#include "cask/trace.h"
+
 namespace Routing::Pim::SparseMode {
 
 Cask::Ptr<Route> Status::routeIs(const Routing::Pim::RouteKey& key) {
     if (auto existing = route_.get(key)) return existing;
+    if (context_.maxRoutes && route_.size() >= context_.maxRoutes) {
+        ++context_.routesRefused;
+        CASK_TRACE(4, "Status::routeIs({}): route refused, the VRF has {} routes (maxRoutes)", key,
+                   route_.size());
+        return nullptr;
+    }
     auto route = Cask::make<Route>(key, &context_, clock_.now());
     route_.is(*this, key, route, &Notifiee::handleRoute, "");
     return route;

@@ -59,11 +59,16 @@ public:
     // Links the VRF's LocalStatus, which is created after this record; set
     // before any route exists.
     void contextLocalStatusIs(const LocalStatus* ls) { context_.localStatus = ls; }
+    void contextLimitsIs(std::uint32_t maxRoutes, std::uint32_t maxRouteIntfs) {
+        context_.maxRoutes = maxRoutes;
+        context_.maxRouteIntfs = maxRouteIntfs;
+    }
 
     CASK_COLLECTION_COMMON(route, Route, Routing::Pim::RouteKey)
     Cask::Ptr<Route> route(const Routing::Pim::RouteKey& k) const { return route_.get(k); }
     // The route of `key`, created (flags for its kind set, creation time
-    // now) when absent.
+    // now) when absent; null (traced and counted in the context) when the
+    // VRF already holds the most routes the agent allows.
     Cask::Ptr<Route> routeIs(const Routing::Pim::RouteKey& key);
 
     // Set once the routes of an earlier run have all been read back.

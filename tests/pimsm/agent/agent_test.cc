@@ -199,6 +199,32 @@ TEST_F(AgentTest, NumericOptionsAreReadAtStartAndBadValuesFallBack) {
     EXPECT_TRUE(Cask::trace().contains("option maxRouteIntfs has a bad value"));
 }
 
+TEST_F(AgentTest, RouteAndInterfaceLimitsRefuseWhatIsBeyondThem) {
+    db.optionIs("maxRoutes", "2");
+    db.optionIs("maxRouteIntfs", "1");
+    publishVrf(db, red, "ns-red");
+    start();
+    auto table = db.membershipTable(red);
+    auto join = [&](const char* group, const char* intf) {
+        Routing::Gmp::Tidal::RouteIntfKey key{
+            Routing::Pim::RouteKey::wc(*Wirl::IpGenAddr::parse(group)), Wirl::IntfId(intf)};
+        table->membershipIs(key, {key, Routing::Gmp::Tidal::FilterMode::include});
+    };
+    join("239.1.1.1", "e1");
+    join("239.1.1.1", "e2");  // a second interface on the same route
+    join("239.1.1.2", "e1");
+    join("239.1.1.3", "e1");  // a third route
+    loop.runUntil(2);
+    auto* status = root().containerSm(red)->status();
+    EXPECT_EQ(status->routeSize(), 2u);
+    EXPECT_EQ(status->context().routesRefused, 1u);
+    EXPECT_EQ(status->context().routeIntfsRefused, 1u);
+    EXPECT_EQ(status->route(Routing::Pim::RouteKey::wc(*Wirl::IpGenAddr::parse("239.1.1.1")))
+                  ->routeIntfSize(),
+              1u);
+    EXPECT_TRUE(Cask::trace().contains("route refused, the VRF has 2 routes (maxRoutes)"));
+}
+
 TEST_F(AgentTest, StaticRpCandidatesKeepValidMappingsOnly) {
     publishVrf(db, red, "ns-red");
     auto config = db.staticRpConfig(red);
