@@ -297,6 +297,21 @@ ChangeFlags RouteReviewSm::doReviewUpstream(Route& route, const ChangeSet& cs) {
              "Prev neighbor {} on {}");
     neighbor(route.rpfFrr(), Bit::rpfFrrNbrStatus, Bit::rpfFrrNbrGenId, "FRR RPF",
              "FRR RPF neighbor {}");
+    // A route whose RPF interface has no usable neighbour (it went, or the
+    // unicast next hop is not a PIM neighbour yet) hears of every neighbour
+    // that comes or goes on that interface: it may be the RPF neighbour now.
+    const auto& rpf = route.rpf();
+    if (rpf.resolved() && !rpf.hasNeighbor()) {
+        for (const auto& [nk, c] : cs.neighborChange()) {
+            if (nk.intf != rpf.intf || !c->neighborStatusChanged) continue;
+            REVIEW_TRACE(
+                7,
+                "RouteReviewSm::doReviewRoute({}): Status changed for RPF neighbor {} for route {}",
+                key, nk.address, key);
+            flags.set(Bit::rpfNbrStatus);
+            break;
+        }
+    }
     return flags;
 }
 
