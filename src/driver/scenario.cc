@@ -183,30 +183,30 @@ private:
                     {"name", "address", "dr", "override-interval", "assert-timeout",
                      "assert-override-interval"},
                     "an interface");
-            InterfaceSpec spec;
-            spec.name = Wirl::IntfId(r_.text(r_.need(i, "name", "an interface")));
-            if (v.interface(spec.name)) r_.fail(i["name"], "interface defined twice");
+            InterfaceSpec def;
+            def.name = Wirl::IntfId(r_.text(r_.need(i, "name", "an interface")));
+            if (v.interface(def.name)) r_.fail(i["name"], "interface defined twice");
             const auto addrNode = r_.need(i, "address", "an interface");
             const auto text = r_.text(addrNode);
             const auto slash = text.find('/');
-            spec.address = r_.prefix(addrNode, fam);
+            def.address = r_.prefix(addrNode, fam);
             if (slash == std::string::npos)
                 r_.fail(addrNode, "an interface address needs a /length");
             auto a = Wirl::IpGenAddr::parse(text.substr(0, slash));
-            spec.addr = *a;
-            if (auto d = i["dr"]) spec.dr = r_.flag(d);
-            if (auto o = i["override-interval"]) spec.overrideInterval = r_.number(o);
-            if (auto t = i["assert-timeout"]) spec.assertTimeout = r_.count(t);
-            if (auto t = i["assert-override-interval"]) spec.assertOverrideInterval = r_.count(t);
-            v.interfaces.push_back(spec);
+            def.addr = *a;
+            if (auto d = i["dr"]) def.dr = r_.flag(d);
+            if (auto o = i["override-interval"]) def.overrideInterval = r_.number(o);
+            if (auto t = i["assert-timeout"]) def.assertTimeout = r_.count(t);
+            if (auto t = i["assert-override-interval"]) def.assertOverrideInterval = r_.count(t);
+            v.interfaces.push_back(def);
         });
         r_.list(n["neighbors"], "neighbors", [&](const YAML::Node& nb) {
             r_.keys(nb, {"interface", "address", "gen-id"}, "a neighbor");
-            NeighborSpec spec;
-            spec.interface = knownIntf(v, r_.need(nb, "interface", "a neighbor"));
-            spec.address = r_.addr(r_.need(nb, "address", "a neighbor"), fam);
-            if (auto g = nb["gen-id"]) spec.genId = r_.count(g);
-            v.neighbors.push_back(spec);
+            NeighborSpec def;
+            def.interface = knownIntf(v, r_.need(nb, "interface", "a neighbor"));
+            def.address = r_.addr(r_.need(nb, "address", "a neighbor"), fam);
+            if (auto g = nb["gen-id"]) def.genId = r_.count(g);
+            v.neighbors.push_back(def);
         });
         r_.list(n["routes"], "routes",
                 [&](const YAML::Node& rt) { v.routes.push_back(routeSpec(v, rt)); });
@@ -245,9 +245,9 @@ private:
     const VrfSpec& eventVrf(const YAML::Node& n) {
         if (auto v = n["vrf"]) {
             auto name = r_.vrfName(v);
-            const VrfSpec* spec = s_.vrf(name);
-            if (!spec) r_.fail(v, fmt::format("unknown VRF {}", name));
-            return *spec;
+            const VrfSpec* def = s_.vrf(name);
+            if (!def) r_.fail(v, fmt::format("unknown VRF {}", name));
+            return *def;
         }
         if (s_.vrfs.size() > 1) r_.fail(n, "name the VRF (the scenario has several)");
         return s_.vrfs.front();
@@ -432,8 +432,8 @@ const char* outputName(Output o) {
 }
 
 const InterfaceSpec* VrfSpec::interface(Wirl::IntfId i) const {
-    for (const auto& spec : interfaces) {
-        if (spec.name == i) return &spec;
+    for (const auto& def : interfaces) {
+        if (def.name == i) return &def;
     }
     return nullptr;
 }
