@@ -85,6 +85,8 @@ Json countersRow(const L3::VrfName& vrf, const ContainerSm& c) {
     row["clear-requests-done"] = ls.numClearMroutes();
     row["routes-refused"] = c.status()->context().routesRefused;
     row["intfs-refused"] = c.status()->context().routeIntfsRefused;
+    row["ignored-rx-joins"] = c.upstreamWcSm()->ignoredRxJoins();
+    row["ignored-rx-prunes"] = c.upstreamWcSm()->ignoredRxPrunes();
     return row;
 }
 

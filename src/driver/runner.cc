@@ -3,6 +3,7 @@
 #include "cask/random.h"
 #include "cask/trace.h"
 #include "driver/outputs.h"
+#include "pimsm/agent/root_sm.h"
 
 namespace Driver {
 
@@ -158,6 +159,26 @@ void Runner::apply(const Event& ev) {
                 flags.set(Bit::allRoutes);
             }
             db_.clearConfig(ev.vrf)->clearRoutesIs(ev.group, ev.source, flags);
+            return;
+        }
+        case Event::Kind::rxJoinPrune: {
+            auto* root = agent_->rootSm();
+            auto* c = root ? root->containerSm().raw(ev.vrf) : nullptr;
+            if (!c) return;  // the VRF is not running: nobody receives it
+            Routing::Pim::JoinPruneMessageInfo m;
+            m.riKey = Routing::Pim::RouteKey(ev.source, ev.group);
+            m.sourceFlags.wildcard = ev.entry == "wc";
+            m.sourceFlags.rpt = ev.entry != "sg";
+            m.sender = ev.address;
+            m.upstreamNeighbor = ev.upstream;
+            m.wcSource = ev.rpAddress;
+            m.intf = ev.interface;
+            m.holdTime = static_cast<std::uint16_t>(ev.holdTime);
+            if (ev.flag) {
+                c->rxJoinPrune()->rxJoinIs(m);
+            } else {
+                c->rxJoinPrune()->rxPruneIs(m);
+            }
             return;
         }
         case Event::Kind::show:

@@ -266,6 +266,7 @@ private:
             {"rp", Event::Kind::rp},
             {"rp-withdraw", Event::Kind::rpWithdraw},
             {"clear", Event::Kind::clear},
+            {"rx-join-prune", Event::Kind::rxJoinPrune},
             {"show", Event::Kind::show},
             {"expect", Event::Kind::expect},
         };
@@ -374,6 +375,35 @@ private:
                 ev.vrf = v.name;
                 if (b.IsMap() && b["group"]) ev.group = r_.addr(b["group"], fam);
                 if (b.IsMap() && b["source"]) ev.source = r_.addr(b["source"], fam);
+                return;
+            }
+            case Event::Kind::rxJoinPrune: {
+                r_.keys(b,
+                        {"vrf", "interface", "from", "upstream-neighbor", "entry", "action",
+                         "group", "source", "rp", "hold-time"},
+                        "a received Join/Prune");
+                const char* what = "a received Join/Prune";
+                const VrfSpec& v = eventVrf(b);
+                ev.vrf = v.name;
+                ev.interface = knownIntf(v, r_.need(b, "interface", what));
+                ev.address = r_.addr(r_.need(b, "from", what), fam);
+                ev.upstream = r_.addr(r_.need(b, "upstream-neighbor", what), fam);
+                ev.group = r_.addr(r_.need(b, "group", what), fam);
+                ev.entry = r_.text(r_.need(b, "entry", what));
+                if (ev.entry != "wc" && ev.entry != "sg" && ev.entry != "sg-rpt") {
+                    r_.fail(b["entry"], "entry is wc, sg or sg-rpt");
+                }
+                const auto action = r_.text(r_.need(b, "action", what));
+                if (action != "join" && action != "prune")
+                    r_.fail(b["action"], "action is join or prune");
+                ev.flag = action == "join";
+                ev.source = Wirl::IpGenAddr::zero(fam);
+                if (ev.entry == "wc") {
+                    ev.rpAddress = r_.addr(r_.need(b, "rp", what), fam);
+                } else {
+                    ev.source = r_.addr(r_.need(b, "source", what), fam);
+                }
+                if (auto h = b["hold-time"]) ev.holdTime = r_.count(h);
                 return;
             }
             case Event::Kind::show: {

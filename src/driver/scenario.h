@@ -83,6 +83,7 @@ struct Event {
         rp,           // static RP mapping added or replaced
         rpWithdraw,   // static RP mapping removed
         clear,        // clear routes
+        rxJoinPrune,  // a Join/Prune entry received from a neighbour
         show,
         expect,
     };
@@ -97,6 +98,13 @@ struct Event {
     Wirl::IpGenAddr address;  // neighbour / RP / next hop
     unsigned genId = 0;
     bool flag = false;  // dr
+    // rx-join-prune: the entry's kind ("wc", "sg", "sg-rpt"), join or
+    // prune (`flag`), the neighbour it is addressed to, the RP of a (*,G)
+    // entry and the hold time; the sender is `address`.
+    std::string entry;
+    Wirl::IpGenAddr upstream;
+    Wirl::IpGenAddr rpAddress;
+    unsigned holdTime = 210;
     UnicastRouteSpec route;
     RpSpec rp;
     std::vector<Output> outputs;  // show
