@@ -1,0 +1,20 @@
+// pimsm-bench: `pimsm-bench end-to-end [--routes N] [--json]` runs the whole-agent scale
+// benchmark; any other arguments go to the Google Benchmark suite (so `--benchmark_filter=...`
+// and a bare `pimsm-bench` work as usual).
+
+#include <benchmark/benchmark.h>
+
+#include <string_view>
+
+#include "end_to_end.h"
+
+int main(int argc, char** argv) {
+    if (argc > 1 && std::string_view(argv[1]) == "end-to-end") {
+        return Bench::endToEndMain(argc - 1, argv + 1);
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
