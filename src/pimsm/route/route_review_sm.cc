@@ -8,11 +8,9 @@
 #include "cask/assert.h"
 #include "cask/review_slice.h"
 #include "cask/trace.h"
+#include "pimsm/route/route_review_trace.h"
 
 namespace Routing::Pim::SparseMode {
-
-#define REVIEW_TRACE(lvl, f, ...) \
-    CASK_TRACE(lvl, "<Vrf:{}>" f, in_.vrfName __VA_OPT__(, ) __VA_ARGS__)
 
 using Routing::Pim::NeighborKey;
 using Routing::Pim::RouteKey;
