@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
     g++ cmake ninja-build ccache clang-format
     libboost-dev libfmt-dev libyaml-cpp-dev nlohmann-json3-dev libcli11-dev
-    libgtest-dev libgmock-dev libbenchmark-dev
+    libgtest-dev libgmock-dev libbenchmark-dev libabsl-dev
 )
 
 missing=()

@@ -77,6 +77,14 @@ TraceRing& eventLog();
         if (::Cask::trace().on(lvl)) ::Cask::trace().add(lvl, ::fmt::format(__VA_ARGS__)); \
     } while (0)
 
+// A machine's trace line: "<Vrf:NAME>" then the machine's own text. `f` is a
+// string literal; `vrf` anything fmt formats (an L3::VrfName).
+#define CASK_VRF_TRACE(lvl, vrf, f, ...)                                                           \
+    do {                                                                                           \
+        if (::Cask::trace().on(lvl))                                                               \
+            ::Cask::trace().add(lvl, ::fmt::format("<Vrf:{}>" f, vrf __VA_OPT__(, ) __VA_ARGS__)); \
+    } while (0)
+
 #define CASK_EVENT(...)                                                                      \
     do {                                                                                     \
         if (::Cask::eventLog().on(4)) ::Cask::eventLog().add(4, ::fmt::format(__VA_ARGS__)); \
