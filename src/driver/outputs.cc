@@ -87,6 +87,7 @@ Json countersRow(const L3::VrfName& vrf, const ContainerSm& c) {
     row["intfs-refused"] = c.status()->context().routeIntfsRefused;
     row["ignored-rx-joins"] = c.upstreamWcSm()->ignoredRxJoins();
     row["ignored-rx-prunes"] = c.upstreamWcSm()->ignoredRxPrunes();
+    row["ignored-link-local"] = c.gmpSm()->ignoredLinkLocal();
     return row;
 }
 

@@ -262,14 +262,15 @@ bool IpGenAddr::isUnicast() const {
     return true;
 }
 
-// Link-local groups (RFC 5771 224.0.0.0/24, RFC 4291 ff02::/16) are never routed, so the
-// router neither builds trees for them nor forwards them.
+// Groups that never leave the link (RFC 5771 224.0.0.0/24; RFC 4291 IPv6 scopes 1,
+// interface-local, and 2, link-local, whatever the flags) are never routed, so the router
+// neither builds trees for them nor forwards them.
 bool IpGenAddr::isLinkLocalMulticast() const {
     switch (family_) {
         case AddressFamily::ipv4:
             return bytes_[0] == 224 && bytes_[1] == 0 && bytes_[2] == 0;
         case AddressFamily::ipv6:
-            return bytes_[0] == 0xff && bytes_[1] == 0x02;
+            return bytes_[0] == 0xff && ((bytes_[1] & 0x0f) == 1 || (bytes_[1] & 0x0f) == 2);
         case AddressFamily::ipunknown:
             break;
     }

@@ -50,7 +50,7 @@ public:
     bool isMulticast() const;           // 224.0.0.0/4, ff00::/8
     bool isUnicast() const;             // see the .cc for what is excluded
     bool isUnspecified() const;         // 0.0.0.0, ::
-    bool isLinkLocalMulticast() const;  // 224.0.0.0/24, ff02::/16
+    bool isLinkLocalMulticast() const;  // 224.0.0.0/24; ff01::/16, ff02::/16 (any flags)
     bool isLoopback() const;            // 127.0.0.0/8, ::1
 
     // Family first, then the bytes, i.e. numeric order within a family.

@@ -115,8 +115,11 @@ TEST(IpGenAddrTest, ClassifiesAddressesPerFamily) {
         {"2001:db8::1", false, true, false, false, false},
         {"feff::", false, true, false, false, false},
         {"ff00::", true, false, false, false, false},
+        {"ff01::1", true, false, false, true, false},
         {"ff02::d", true, false, false, true, false},
-        {"ff12::1", true, false, false, false, false},
+        {"ff05::2", true, false, false, false, false},
+        {"ff12::1", true, false, false, true, false},
+        {"ff32::1", true, false, false, true, false},
         {"ff3e::1:2", true, false, false, false, false},
         {"::ffff:224.0.0.1", false, true, false, false, false},
     };

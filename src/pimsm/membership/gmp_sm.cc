@@ -182,6 +182,13 @@ void GmpSm::doUpdateMembership(const RouteIntfKey& key) {
         CASK_TRACE(7, "<Vrf:{}>GmpSm:doUpdateMembership({}), invalid group", vrf, group);
         return;
     }
+    if (group.isLinkLocalMulticast()) {
+        // Link-local groups stay on their link: no route, no Join, no forwarding.
+        CASK_TRACE(7, "<Vrf:{}>GmpSm:doUpdateMembership({}), ignoring link-local group", vrf,
+                   group);
+        ignoredLinkLocalInc();
+        return;
+    }
     if (source.family() != group.family() || !(source.isUnicast() || source.isUnspecified())) {
         CASK_TRACE(7, "<Vrf:{}>GmpSm:doUpdateMembership({}), invalid source: {}", vrf, group,
                    source);

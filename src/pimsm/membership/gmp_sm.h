@@ -56,6 +56,7 @@ public:
         using NotifieeOf::NotifieeOf;
         virtual void handleSgRoute(const Routing::Pim::RouteKey&) {}
         virtual void handleWcRoute(const Routing::Pim::RouteKey&) {}
+        virtual void handleIgnoredLinkLocal() {}
     };
 
     // Re-decides its route's local receivers whenever the route becomes
@@ -151,6 +152,9 @@ public:
     const Cask::ReviewTimer& reviewTimer() const { return *reviewTimer_; }
     RhoSsmConvertConfig* rhoSsmConvertConfig() const { return rhoSsmConvertConfig_.get(); }
 
+    // Memberships of link-local groups, which are never routed.
+    CASK_COUNTER(std::uint32_t, ignoredLinkLocal, IgnoredLinkLocal)
+
     CASK_RECORD_MAP(sgRoute, SgRoute, Routing::Pim::RouteKey, RhoRoute,
                     "Routing::Pim::SparseMode::GmpSm")
     CASK_RECORD_MAP(wcRoute, WcRoute, Routing::Pim::RouteKey, RhoRoute,
@@ -168,6 +172,7 @@ private:
                       Add add, Del del);
 
     GmpInputs in_;
+    std::uint32_t ignoredLinkLocal_ = 0;
     Cask::Seconds reviewQuantum_ = defaultReviewQuantum;
     RouteIntfKey reviewBookmark_;
     bool reviewAgain_ = false;
