@@ -76,6 +76,12 @@ void Runner::publish(const VrfSpec& v) {
     mrib->uribIs(urib);
     db_.mribVrfStatusIs(v.name, mrib);
     db_.rpConfigIs(v.name, Cask::make<Platform::RpMapping>());
+    // The router's own addresses: an RP at one of them makes this router the
+    // root of that group's shared tree (RFC 7761 I_am_RP(G)).
+    auto localRp = Cask::make<Routing::Pim::RpLocalStatus>();
+    for (const auto& a : v.localAddresses) localRp->localRpIs(a);
+    for (const auto& i : v.interfaces) localRp->localRpIs(i.addr);
+    db_.rpLocalStatusIs(v.name, localRp);
     db_.hwMfibStatusIs(v.name, Cask::make<Platform::HwMfibStatus>());
     db_.membershipTableIs(v.name, Cask::make<Routing::Gmp::Tidal::Status>());
     db_.pimEnabledVrfIs(v.name);
