@@ -22,6 +22,7 @@ void ChangeSet::clearInfoIs() {
 }
 
 void ChangeSet::clearInfoDel() {
+    earlierClearInfo_.clear();
     if (!clearInfo_) return;
     clearInfo_.reset();
     notify(&Notifiee::handleClearInfo);
@@ -30,6 +31,33 @@ void ChangeSet::clearInfoDel() {
 void ChangeSet::handleInitialized() {
     clearInfoIs();
     initializedIs(true);
+}
+
+namespace {
+
+bool covers(const Routing::Pim::ClearInfo& info, const Routing::Pim::RouteKey& key) {
+    using Bit = Routing::Pim::MrouteClearFlags::Bit;
+    const auto f = info.flags();
+    if (f.has(Bit::allRoutes)) return true;
+    const bool byGroup = f.has(Bit::group), bySource = f.has(Bit::source);
+    if (!byGroup && !bySource) return false;
+    if (byGroup && key.group() != info.group()) return false;
+    return !bySource || key.source() == info.source();
+}
+
+}  // namespace
+
+bool ChangeSet::clearCovers(const Routing::Pim::RouteKey& key) const {
+    if (clearInfo_ && covers(*clearInfo_, key)) return true;
+    for (const auto& info : earlierClearInfo_) {
+        if (covers(*info, key)) return true;
+    }
+    return false;
+}
+
+std::size_t ChangeSet::clearRequests() const {
+    const bool latest = clearInfo_ && !clearInfo_->flags().empty();
+    return earlierClearInfo_.size() + (latest ? 1 : 0);
 }
 
 bool ChangeSet::empty() const {

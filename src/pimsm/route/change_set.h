@@ -7,6 +7,8 @@
 // `reviewChangeSet`, which the review in progress consumes, so that changes
 // arriving during a review wait for the next one.
 
+#include <vector>
+
 #include "cask/collection.h"
 #include "platform/mroute_clear.h"
 #include "platform/route_key.h"
@@ -87,6 +89,18 @@ public:
     Routing::Pim::ClearInfo* clearInfo() const { return clearInfo_.get(); }
     void clearInfoIs();   // installs a fresh, empty request
     void clearInfoDel();  // drops the request (a review consumed it)
+    // Requests that came before `clearInfo` in this change set and differ
+    // from it: each still clears exactly the routes it names.
+    const std::vector<Cask::Ptr<Routing::Pim::ClearInfo>>& earlierClearInfo() const {
+        return earlierClearInfo_;
+    }
+    void earlierClearInfoIs(Cask::Ptr<Routing::Pim::ClearInfo> info) {
+        earlierClearInfo_.push_back(std::move(info));
+    }
+    // Does a pending clear request (the latest or an earlier one) cover the route?
+    bool clearCovers(const Routing::Pim::RouteKey& key) const;
+    // The number of pending clear requests.
+    std::size_t clearRequests() const;
 
     // Creates the clear request, then sets `initialized`.
     void handleInitialized();
@@ -101,6 +115,7 @@ private:
     Cask::RecordMap<Wirl::IntfId, IntfChange> intfChange_;
     Cask::RecordMap<Routing::Pim::NeighborKey, NeighborChange> neighborChange_;
     Cask::Ptr<Routing::Pim::ClearInfo> clearInfo_;
+    std::vector<Cask::Ptr<Routing::Pim::ClearInfo>> earlierClearInfo_;
     bool routesMarkedForDeletion_ = false;
     bool ssmConfigChanged_ = false;
     bool groupFilterStatusChanged_ = false;

@@ -426,12 +426,17 @@ void RouteReviewSm::handleClearRoutes() {
         deleteOrResurrect(key);
         return;
     }
-    auto* info = in_.localStatus->changeSet()->clearInfo();
+    ChangeSet& cs = *in_.localStatus->changeSet();
+    auto* info = cs.clearInfo();
     if (!info->flags().empty() &&
         (info->flags() != flags || info->group() != cc.group() || info->source() != cc.source())) {
-        // Two different requests before one review: clearing everything
-        // covers both, where keeping only the latest would drop the first.
-        flags = Routing::Pim::MrouteClearFlags{Routing::Pim::MrouteClearFlags::Bit::allRoutes};
+        // Two different requests before one review: the earlier one is kept
+        // beside the latest, so that each clears exactly what it names.
+        auto earlier = Cask::make<Routing::Pim::ClearInfo>();
+        earlier->groupIs(info->group());
+        earlier->sourceIs(info->source());
+        earlier->flagsIs(info->flags());
+        cs.earlierClearInfoIs(std::move(earlier));
     }
     info->groupIs(cc.group());
     info->sourceIs(cc.source());
@@ -500,10 +505,9 @@ void RouteReviewSm::doReview() {
         reviewTimer_->timer().timeMinIs(in_.loop->now());
         return;
     }
-    const bool cleared = cs->clearInfo() && !cs->clearInfo()->flags().empty();
-    if (cleared) {
+    if (const std::size_t cleared = cs->clearRequests()) {
         REVIEW_TRACE(4, "RouteReviewSm: Finished review, set clearMroutes");
-        ls.numClearMroutesInc();
+        for (std::size_t i = 0; i < cleared; ++i) ls.numClearMroutesInc();
     } else {
         REVIEW_TRACE(4, "RouteReviewSm: Finished review");
     }

@@ -1,5 +1,5 @@
 // The per-route part of the route review: what one route gets from the
-// change set under review (doReviewRoute, in its ten steps), deletion and
+// change set under review (doReviewRoute), deletion and
 // resurrection, and the fast-failover upstream.
 #include <utility>
 #include <vector>
@@ -32,24 +32,13 @@ bool anyFlag(const IntfChange& c) {
            c.boundaryStatusChanged || c.vxlanIntfChanged;
 }
 
-// Does the clear request cover the route?
-bool covers(const Routing::Pim::ClearInfo& info, const RouteKey& key) {
-    using Bit = Routing::Pim::MrouteClearFlags::Bit;
-    const auto f = info.flags();
-    if (f.has(Bit::allRoutes)) return true;
-    const bool byGroup = f.has(Bit::group), bySource = f.has(Bit::source);
-    if (!byGroup && !bySource) return false;
-    if (byGroup && key.group() != info.group()) return false;
-    return !bySource || key.source() == info.source();
-}
-
 }  // namespace
 
 void RouteReviewSm::doReviewRoute(const RouteKey& key, ChangeSet& cs) {
     const Cask::Ptr<Route> route = in_.status->route(key);
     if (!route) return;
-    // 1-2: a cleared or marked route is deleted (or re-created fresh).
-    if (cs.clearInfo() && covers(*cs.clearInfo(), key)) {
+    // A cleared or marked route is deleted (or re-created fresh).
+    if (cs.clearCovers(key)) {
         REVIEW_TRACE(7, "RouteReviewSm::doReviewRoute({}): clearing route", key);
         deleteOrResurrect(key);
         return;
@@ -58,9 +47,9 @@ void RouteReviewSm::doReviewRoute(const RouteKey& key, ChangeSet& cs) {
         deleteOrResurrect(key);
         return;
     }
-    // 3: interface records.
+    // Interface records marked for removal go; the others hear what changed.
     doReviewRouteIntf(*route, cs);
-    // 4-5: the group left sparse mode.
+    // The group left sparse mode (now SSM, or bidirectional).
     const auto& group = key.group();
     auto* ssm = in_.localStatus->ssmGroupInfo();
     if (cs.ssmConfigChanged() && ssm && ssm->ssmGroup(group, *in_.config) &&
@@ -80,12 +69,12 @@ void RouteReviewSm::doReviewRoute(const RouteKey& key, ChangeSet& cs) {
                      key, key);
         route->markedForDeletionIs(true);
     }
-    // 6: the fast-failover upstream.
+    // The fast-failover upstream follows the filter and the RPF interface.
     const IntfChange* rpfChange = intfChangeOf(cs, route->iif());
     if (cs.frrFilterStatusChanged() || (rpfChange && rpfChange->fastFailoverChanged)) {
         doReviewUmhFrr(*route);
     }
-    // 7-9: hand the route what touched its upstream.
+    // Hand the route what touched its upstream, as change flags.
     ChangeFlags flags;
     if (!cs.intfChange().empty() || !cs.neighborChange().empty()) {
         flags = doReviewUpstream(*route, cs);
@@ -97,7 +86,7 @@ void RouteReviewSm::doReviewRoute(const RouteKey& key, ChangeSet& cs) {
         route->routeChangedInc();
         route->changeFlagsIs(ChangeFlags{});
     }
-    // 10.
+    // A route marked during this review (SSM, bidirectional) goes now.
     doMaybeDeleteRoute(*route);
 }
 
@@ -166,17 +155,32 @@ void RouteReviewSm::doReviewRouteIntf(Route& route, const ChangeSet& cs) {
 }
 
 void RouteReviewSm::doReviewUmhFrr(Route& route) {
+    switch (doUpdateUmhFrr(route)) {
+        case UmhFrrChange::created:
+            REVIEW_TRACE(6, "RouteReviewSm::doReviewRoute({}): create Frr for {}", route.key(),
+                         route.key());
+            break;
+        case UmhFrrChange::deleted:
+            REVIEW_TRACE(6, "RouteReviewSm::doReviewRoute({}): Frr disabled for {}", route.key(),
+                         route.key());
+            break;
+        case UmhFrrChange::none:
+            break;
+    }
+}
+
+RouteReviewSm::UmhFrrChange RouteReviewSm::doUpdateUmhFrr(Route& route) const {
     const auto* frr = in_.localStatus->frrFilterStatus();
     const bool enabled = frr && frr->frrEnabled(route.key().group());
     if (enabled && !route.umhFrr()) {
-        REVIEW_TRACE(6, "RouteReviewSm::doReviewRoute({}): create Frr for {}", route.key(),
-                     route.key());
         route.umhFrrIs(doCreateUmhFrr(route));
-    } else if (!enabled && route.umhFrr()) {
-        REVIEW_TRACE(6, "RouteReviewSm::doReviewRoute({}): Frr disabled for {}", route.key(),
-                     route.key());
-        route.umhFrrIs(nullptr);
+        return UmhFrrChange::created;
     }
+    if (!enabled && route.umhFrr()) {
+        route.umhFrrIs(nullptr);
+        return UmhFrrChange::deleted;
+    }
+    return UmhFrrChange::none;
 }
 
 Cask::Ptr<UpstreamInfo> RouteReviewSm::doCreateUmhFrr(Route& route) const {
@@ -195,7 +199,7 @@ ChangeFlags RouteReviewSm::doReviewUpstream(Route& route, const ChangeSet& cs) {
         auto* rec = pim.intfRaw(i);
         return rec && rec->sourceInject();
     };
-    // 7: interfaces.
+    // Interfaces: the incoming one and the border (MBR) ones.
     const IntfId iif = route.iif();
     if (const IntfChange* c = intfChangeOf(cs, iif); c && anyFlag(*c)) {
         REVIEW_TRACE(
@@ -262,7 +266,7 @@ ChangeFlags RouteReviewSm::doReviewUpstream(Route& route, const ChangeSet& cs) {
             flags.set(Bit::sourceInject);
         }
     }
-    // 8: upstream neighbours; `flapText` names the neighbour when it is up
+    // Upstream neighbours; `flapText` names the neighbour when it is up
     // again after a change.
     auto neighbor = [&](const Routing::Pim::Rpf& rpf, Bit statusBit, Bit genIdBit,
                         const char* which, const char* flapText) {

@@ -258,6 +258,22 @@ TEST(RouteReviewSm, SingleRouteClearActsAtOnceOthersWaitForTheReview) {
     }
 }
 
+TEST(RouteReviewSm, TwoClearRequestsBeforeOneReviewClearExactlyWhatEachNames) {
+    using F = Routing::Pim::MrouteClearFlags;
+    const auto s1g1 = sg("10.1.0.1", "239.1.1.1"), s2g2 = sg("10.1.0.2", "239.2.2.2");
+    const auto g1 = wc("239.1.1.1"), g2 = wc("239.2.2.2");
+    ReviewFixture f;
+    for (const auto& k : {g1, g2, s1g1, s2g2}) f.route(k);
+    f.clearConfig->clearRoutesIs(ip("239.1.1.1"), Wirl::IpGenAddr(), {F::Bit::group});
+    f.clearConfig->clearRoutesIs(Wirl::IpGenAddr(), ip("10.1.0.2"), {F::Bit::source});
+    f.settle();
+    EXPECT_FALSE(f.has(g1));
+    EXPECT_FALSE(f.has(s1g1));
+    EXPECT_FALSE(f.has(s2g2));
+    EXPECT_TRUE(f.has(g2)) << "named by neither request";
+    EXPECT_EQ(f.localStatus->numClearMroutes(), 2u);
+}
+
 TEST(RouteReviewSm, HandsRoutesTheChangesThatTouchTheirUpstream) {
     struct Case {
         const char* name;
