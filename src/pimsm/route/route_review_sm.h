@@ -147,6 +147,11 @@ public:
     void deleteOrResurrect(const Routing::Pim::RouteKey& key);
     // A fast-failover upstream for `route`, with the RPF of its RPF target.
     Cask::Ptr<UpstreamInfo> doCreateUmhFrr(Route& route) const;
+    // Gives the route a fast-failover upstream while the filter enables fast
+    // failover for its group, and takes it away otherwise; says what it did,
+    // so that each caller traces in its own words.
+    enum class UmhFrrChange { none, created, deleted };
+    UmhFrrChange doUpdateUmhFrr(Route& route) const;
 
 private:
     class Watchers;

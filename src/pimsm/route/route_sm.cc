@@ -99,15 +99,16 @@ void RouteSm::handleRouteFlags() {
 }
 
 void RouteSm::updateUmhFrr() {
-    Route& r = *route_;
-    const auto* frr = review_.localStatus().frrFilterStatus();
-    const bool enabled = frr && frr->frrEnabled(r.key().group());
-    if (enabled && !r.umhFrr()) {
-        ROUTE_SM_TRACE(6, "RouteSm::updateUmhFrr({}): Frr enabled, create umhFrr", r.key());
-        r.umhFrrIs(review_.doCreateUmhFrr(r));
-    } else if (!enabled && r.umhFrr()) {
-        ROUTE_SM_TRACE(6, "RouteSm::updateUmhFrr({}): Frr disabled, delete umhFrr", r.key());
-        r.umhFrrIs(nullptr);
+    const Route& r = *route_;
+    switch (review_.doUpdateUmhFrr(*route_)) {
+        case RouteReviewSm::UmhFrrChange::created:
+            ROUTE_SM_TRACE(6, "RouteSm::updateUmhFrr({}): Frr enabled, create umhFrr", r.key());
+            break;
+        case RouteReviewSm::UmhFrrChange::deleted:
+            ROUTE_SM_TRACE(6, "RouteSm::updateUmhFrr({}): Frr disabled, delete umhFrr", r.key());
+            break;
+        case RouteReviewSm::UmhFrrChange::none:
+            break;
     }
 }
 
