@@ -27,7 +27,7 @@ namespace Routing::Pim {
 struct WcSourceData {
     bool join = false;  // false: prune
     // Another router's Join(*,G) to the same neighbour was seen: the packet
-    // side holds back this router's own periodic (*,G) Join (RFC 7761 4.5.6).
+    // side holds back this router's own periodic (*,G) Join (RFC 7761 4.5.4).
     bool wcSuppressed = false;
     bool operator==(const WcSourceData&) const = default;
 };

@@ -1,4 +1,4 @@
-// The RFC 7761 macros (sections 4.1.6, 4.5, 4.6) as derived values of Route
+// The RFC 7761 macros (sections 4.1.5, 4.5, 4.6) as derived values of Route
 // and Intf. Each is a direct transcription of the RFC's definition; the
 // comments give the definition being computed.
 //

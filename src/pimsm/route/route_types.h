@@ -13,9 +13,9 @@
 
 namespace Routing::Pim::SparseMode {
 
-// Downstream (*,G) / (S,G) join state per interface (RFC 7761 4.5.2, 4.5.3).
+// Downstream (*,G) / (S,G) join state per interface (RFC 7761 4.5.1, 4.5.2).
 enum class JoinState : std::uint8_t { noInfo, joined, prunePending };
-// Downstream (S,G,rpt) state per interface (RFC 7761 4.5.4); the two Tmp
+// Downstream (S,G,rpt) state per interface (RFC 7761 4.5.3); the two Tmp
 // states exist only while one received message is being processed.
 enum class RptState : std::uint8_t {
     rptNoInfo,
@@ -24,9 +24,9 @@ enum class RptState : std::uint8_t {
     rptPruneTmp,
     rptPrunePendingTmp
 };
-// Upstream (*,G) and (S,G) state (RFC 7761 4.5.6, 4.5.7).
+// Upstream (*,G) and (S,G) state (RFC 7761 4.5.4, 4.5.5).
 enum class UpJoinState : std::uint8_t { upNotJoined, upJoined };
-// Upstream (S,G,rpt) state (RFC 7761 4.5.8).
+// Upstream (S,G,rpt) state (RFC 7761 4.5.6, 4.5.7).
 enum class UpRptState : std::uint8_t { upRptNotJoined, upRptPruned, upRptNotPruned };
 // Per-interface assert state (RFC 7761 4.6).
 enum class AssertState : std::uint8_t { assertNoInfo, iAmAssertWinner, iAmAssertLoser };

@@ -153,7 +153,7 @@ Rpf UpstreamWcSm::rpfPrimeWc(Route& route, bool updateUmh) {
         return Rpf{};
     }
     Rpf rpf = lookup->rpf;
-    // RFC 7761 4.1.6: a directly connected RP is its own RPF neighbour.
+    // RFC 7761 4.1.5: a directly connected RP is its own RPF neighbour.
     if (lookup->attached) rpf.neighbor = rp;
     const Intf* rpfIntf = route.routeIntfRaw(rpf.intf);
     if (rpfIntf && rpfIntf->assertInfo().assertState == AssertState::iAmAssertLoser) {

@@ -1,5 +1,5 @@
 #pragma once
-// UpstreamWcSm: the upstream (*,G) machine of one VRF (RFC 7761 4.5.6). For
+// UpstreamWcSm: the upstream (*,G) machine of one VRF (RFC 7761 4.5.4). For
 // every (*,G) route it decides whether the router wants to be on the
 // group's shared tree (JoinDesired(*,G)), finds the upstream neighbour
 // toward the RP (RPF'(*,G)) and keeps that neighbour's outgoing Join/Prune
