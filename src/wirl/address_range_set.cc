@@ -79,6 +79,18 @@ boost::icl::closed_interval<K, std::less> toInterval(const IpGenPrefix& p) {
     return {toKey<K>(p.first()), toKey<K>(p.last())};
 }
 
+// Calls f(set, std::type_identity<K>{}) with the family's interval set and its key type K,
+// so that each operation converts addresses with toKey<K> / toInterval<K> once.
+template <class Sets, class F>
+decltype(auto) visitKeyed(Sets& sets, F&& f) {
+    return std::visit(
+        [&](auto& set) {
+            using K = typename std::decay_t<decltype(set)>::domain_type;
+            return f(set, std::type_identity<K>{});
+        },
+        sets);
+}
+
 }  // namespace
 
 AddressRangeSet::AddressRangeSet(AddressFamily family) : family_(family) {
@@ -125,12 +137,9 @@ void AddressRangeSet::add(const IpGenAddr& first, const IpGenAddr& last) {
     checkFamily(first.family());
     checkFamily(last.family());
     if (last < first) throw std::invalid_argument("AddressRangeSet range ends before it starts");
-    std::visit(
-        [&](auto& set) {
-            using K = typename std::decay_t<decltype(set)>::domain_type;
-            set.add({toKey<K>(first), toKey<K>(last)});
-        },
-        set_);
+    visitKeyed(set_, [&]<class K>(auto& set, std::type_identity<K>) {
+        set.add({toKey<K>(first), toKey<K>(last)});
+    });
 }
 
 void AddressRangeSet::remove(const IpGenPrefix& prefix) {
@@ -141,42 +150,30 @@ void AddressRangeSet::remove(const IpGenAddr& first, const IpGenAddr& last) {
     checkFamily(first.family());
     checkFamily(last.family());
     if (last < first) throw std::invalid_argument("AddressRangeSet range ends before it starts");
-    std::visit(
-        [&](auto& set) {
-            using K = typename std::decay_t<decltype(set)>::domain_type;
-            set.subtract({toKey<K>(first), toKey<K>(last)});
-        },
-        set_);
+    visitKeyed(set_, [&]<class K>(auto& set, std::type_identity<K>) {
+        set.subtract({toKey<K>(first), toKey<K>(last)});
+    });
 }
 
 bool AddressRangeSet::contains(const IpGenAddr& addr) const {
     if (addr.family() != family_) return false;
-    return std::visit(
-        [&](const auto& set) {
-            using K = typename std::decay_t<decltype(set)>::domain_type;
-            return boost::icl::contains(set, toKey<K>(addr));
-        },
-        set_);
+    return visitKeyed(set_, [&]<class K>(const auto& set, std::type_identity<K>) {
+        return boost::icl::contains(set, toKey<K>(addr));
+    });
 }
 
 bool AddressRangeSet::containsAll(const IpGenPrefix& prefix) const {
     if (prefix.family() != family_) return false;
-    return std::visit(
-        [&](const auto& set) {
-            using K = typename std::decay_t<decltype(set)>::domain_type;
-            return boost::icl::contains(set, toInterval<K>(prefix));
-        },
-        set_);
+    return visitKeyed(set_, [&]<class K>(const auto& set, std::type_identity<K>) {
+        return boost::icl::contains(set, toInterval<K>(prefix));
+    });
 }
 
 bool AddressRangeSet::intersects(const IpGenPrefix& prefix) const {
     if (prefix.family() != family_) return false;
-    return std::visit(
-        [&](const auto& set) {
-            using K = typename std::decay_t<decltype(set)>::domain_type;
-            return set.find(toInterval<K>(prefix)) != set.end();
-        },
-        set_);
+    return visitKeyed(set_, [&]<class K>(const auto& set, std::type_identity<K>) {
+        return set.find(toInterval<K>(prefix)) != set.end();
+    });
 }
 
 bool AddressRangeSet::empty() const {
