@@ -128,6 +128,39 @@ void ContainerSm::handleInitialized() {
     ssmGroupInfo_ = Cask::make<SsmGroupInfo>(pc_.family);
     localStatus_->ssmGroupInfoIs(ssmGroupInfo_);
 
+    // Every record is made: the context the machines share.
+    ctx_.vrfName = vrf_;
+    ctx_.family = pc_.family;
+    ctx_.loop = &pc_.loop;
+    config_ = db.config(vrf_);
+    clearConfig_ = db.clearConfig(vrf_);
+    ssmConvertConfig_ = db.ssmConvertConfig(vrf_);
+    rpMapping_ = db.staticRpStatus(vrf_);
+    mcastBoundaryStatus_ = db.mcastBoundaryStatus();
+    hwMfibStatus_ = db.hwMfibStatus(vrf_);
+    ctx_.config = config_.get();
+    ctx_.clearConfig = clearConfig_.get();
+    ctx_.ssmConvertConfig = ssmConvertConfig_.get();
+    ctx_.rpMapping = rpMapping_.get();
+    ctx_.status = status_.get();
+    ctx_.localStatus = localStatus_.get();
+    ctx_.ssmGroupInfo = ssmGroupInfo_.get();
+    ctx_.groupFilterStatus = groupFilterStatus_.get();
+    ctx_.frrFilterStatus = frrFilterStatus_.get();
+    ctx_.pimStatus = pimStatus_.get();
+    ctx_.rpfConfig = rpfConfig_.get();
+    ctx_.rpfStatus = rpfStatus_.get();
+    ctx_.rpfTable = pimRpfTable_.get();
+    ctx_.rpLocalStatus = rpLocalStatus_.get();
+    ctx_.mcastBoundaryStatus = mcastBoundaryStatus_.get();
+    ctx_.membership = gmpTidalStatus_.get();
+    ctx_.joinPruneStatus = joinPruneStatus_.get();
+    ctx_.joinPruneRxStatus = rxJoinPrune_.get();
+    ctx_.mfibTidal = mfibTidal_.get();
+    ctx_.hwMfibStatus = hwMfibStatus_.get();
+    ctx_.registerConfig = registerConfig_.get();
+    ctx_.pimCounters = pimCounters_.get();
+
     // Route counts; the route review, which makes one route reactor per
     // route.
     routeCountSm_ = routeCountSmFactory(vrf_, localStatus_, rpfStatus_, tidalStatus_);
@@ -159,7 +192,6 @@ void ContainerSm::handleInitialized() {
     upstreamWcSm_ = upstreamWcSmFactory(up);
 
     // Local receivers from the membership table.
-    ssmConvertConfig_ = db.ssmConvertConfig(vrf_);
     GmpInputs gmp;
     gmp.vrfName = vrf_;
     gmp.loop = &pc_.loop;

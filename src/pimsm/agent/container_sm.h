@@ -9,6 +9,7 @@
 
 #include "cask/collection.h"
 #include "pimsm/agent/params_container.h"
+#include "pimsm/common/vrf_context.h"
 #include "pimsm/forwarding/mfib_sm.h"
 #include "pimsm/membership/gmp_sm.h"
 #include "pimsm/route/local_status.h"
@@ -74,6 +75,9 @@ public:
 
     CASK_ATTR(bool, initialized, Initialized)
 
+    // What the VRF's machines read and write; complete once initialized.
+    const VrfContext& context() const { return ctx_; }
+
     // Paths of the shared-memory tables the VRF publishes.
     std::string tidalPath(const char* table) const;
 
@@ -87,6 +91,14 @@ private:
     MfibDirWriter& mfibDirWriter_;
     MrouteEventMonConfigSm& mrouteEventMonConfigSm_;
     bool initialized_ = false;
+    VrfContext ctx_;
+    // Records of the state database the context points to, held for the
+    // container's life.
+    Cask::Ptr<Config> config_;
+    Cask::Ptr<Routing::Pim::ClearMrouteConfig> clearConfig_;
+    Cask::Ptr<Platform::RpMapping> rpMapping_;
+    Cask::Ptr<Routing::McastBoundary::Status> mcastBoundaryStatus_;
+    Cask::Ptr<Platform::HwMfibStatus> hwMfibStatus_;
 
     // Records, then machines, in the order they are made; members are
     // destroyed in reverse, machines first.

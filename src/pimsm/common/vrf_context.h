@@ -1,0 +1,107 @@
+#pragma once
+// VrfContext: everything a VRF's machines read and write, in one place.
+//
+// `ContainerSm` builds it once, in its construction order, and hands the
+// same `const VrfContext&` to every machine it makes; a machine keeps the
+// reference and reads what it needs. The records belong to the container
+// and outlive every machine, so the context holds plain pointers. A pointer
+// is null only where the VRF has no such input (noted per field); a machine
+// that requires an input says so with CASK_ASSERT in its constructor.
+//
+// Tests build a context through the real container (see the test VRF
+// builder), so a machine under test sees exactly what it sees in the agent.
+
+#include "cask/event_loop.h"
+#include "wirl/address_family.h"
+#include "wirl/vrf_name.h"
+
+namespace Platform {
+class RpMapping;
+class RegisterConfig;
+class HwMfibStatus;
+}  // namespace Platform
+namespace Routing::Gmp::Tidal {
+class Status;
+}
+namespace Routing::McastBoundary {
+class Status;
+}
+namespace Routing::Multicast {
+class VxlanStatus;
+}
+namespace Routing::Multicast::Fib {
+class Config;
+class SparseModeStatus;
+}  // namespace Routing::Multicast::Fib
+namespace Tidal::Multicast::Fib {
+class Status;
+}
+namespace Routing::Pim {
+class Status;
+class RpfConfig;
+class RpfStatus;
+class GroupFilterStatus;
+class ClearMrouteConfig;
+class JoinPruneStatus;
+class JoinPruneRxStatus;
+class RpLocalStatus;
+}  // namespace Routing::Pim
+namespace Routing::Pim::Tidal {
+class MessageCounters;
+}
+
+namespace Routing::Pim::SparseMode {
+
+class Config;
+class Status;
+class LocalStatus;
+class FrrFilterStatus;
+class SsmGroupInfo;
+class SsmConvertConfig;
+class PimRpfTable;
+
+struct VrfContext {
+    L3::VrfName vrfName;
+    Wirl::AddressFamily family = Wirl::AddressFamily::ipunknown;
+    Cask::EventLoop* loop = nullptr;
+
+    // Configuration.
+    Config* config = nullptr;
+    Routing::Pim::ClearMrouteConfig* clearConfig = nullptr;
+    Routing::Multicast::Fib::Config* mfibConfig = nullptr;  // null: no forwarding config
+    SsmConvertConfig* ssmConvertConfig = nullptr;           // null: no SSM conversion
+    const Platform::RpMapping* rpMapping = nullptr;         // null: no RP mapping
+
+    // The route table.
+    Status* status = nullptr;
+    LocalStatus* localStatus = nullptr;
+    SsmGroupInfo* ssmGroupInfo = nullptr;
+    Routing::Pim::GroupFilterStatus* groupFilterStatus = nullptr;
+    FrrFilterStatus* frrFilterStatus = nullptr;
+
+    // Interfaces, neighbours, unicast routing toward sources and RPs.
+    Routing::Pim::Status* pimStatus = nullptr;
+    Routing::Pim::RpfConfig* rpfConfig = nullptr;
+    Routing::Pim::RpfStatus* rpfStatus = nullptr;
+    const PimRpfTable* rpfTable = nullptr;
+    const Routing::Pim::RpLocalStatus* rpLocalStatus = nullptr;
+    Routing::McastBoundary::Status* mcastBoundaryStatus = nullptr;       // null: no boundaries
+    Routing::Multicast::Fib::SparseModeStatus* failoverIntfs = nullptr;  // null: none
+    Routing::Multicast::VxlanStatus* mcastVxlanStatus = nullptr;         // null: none
+
+    // Local membership.
+    Routing::Gmp::Tidal::Status* membership = nullptr;
+
+    // Join/Prune messages: outgoing contents, received entries.
+    Routing::Pim::JoinPruneStatus* joinPruneStatus = nullptr;
+    Routing::Pim::JoinPruneRxStatus* joinPruneRxStatus = nullptr;
+
+    // Forwarding: the table written, the hardware's view, register state.
+    ::Tidal::Multicast::Fib::Status* mfibTidal = nullptr;
+    Platform::HwMfibStatus* hwMfibStatus = nullptr;
+    Platform::RegisterConfig* registerConfig = nullptr;
+
+    Routing::Pim::Tidal::MessageCounters* pimCounters = nullptr;
+};
+
+}  // namespace Routing::Pim::SparseMode
