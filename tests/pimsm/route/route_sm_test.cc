@@ -19,6 +19,46 @@ std::vector<Wirl::IpGenAddr> members(const AddrSet* set) {
     return out;
 }
 
+TEST(RouteSm, AnInterfaceRecordCarriesStateWhileAnyProtocolStateIsThere) {
+    struct Case {
+        const char* name;
+        void (*set)(Intf&);
+        bool carries;
+    };
+    const Case cases[] = {
+        {"nothing", [](Intf&) {}, false},
+        {"forwarding bits only",
+         [](Intf& i) {
+             i.forwardIs(true);
+             i.fastForwardIs(true);
+         },
+         false},
+        {"local membership", [](Intf& i) { i.localMembershipIs(true); }, true},
+        {"include receiver", [](Intf& i) { i.localReceiverIncludeIs(true); }, true},
+        {"exclude receiver", [](Intf& i) { i.localReceiverExcludeIs(true); }, true},
+        {"joined", [](Intf& i) { i.joinStateIs(JoinState::joined); }, true},
+        {"prune pending", [](Intf& i) { i.joinStateIs(JoinState::prunePending); }, true},
+        {"(S,G,rpt) pruned", [](Intf& i) { i.rptStateIs(RptState::rptPruned); }, true},
+        {"(S,G,rpt) prune pending", [](Intf& i) { i.rptStateIs(RptState::rptPrunePending); }, true},
+        {"assert winner",
+         [](Intf& i) {
+             i.assertInfoIs(AssertInfo{AssertState::iAmAssertWinner, {}});
+         },
+         true},
+        {"assert loser",
+         [](Intf& i) {
+             i.assertInfoIs(AssertInfo{AssertState::iAmAssertLoser, {}});
+         },
+         true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Intf intf(nullptr, Wirl::IntfId("Ethernet1"));
+        c.set(intf);
+        EXPECT_EQ(RouteSm::intfCarriesState(intf), c.carries);
+    }
+}
+
 TEST(RouteSm, RegistersRoutesInIndexesAndUndoesItOnDelete) {
     ReviewFixture f;
     const auto g1 = ip("239.1.1.1"), g2 = ip("239.2.2.2"), s1 = ip("10.1.0.1"), s2 = ip("10.1.0.2");

@@ -53,6 +53,20 @@ TEST(UpstreamWcSm, JoinWritesPeriodicAndTriggeredLeavePrunesOnlyAnActiveNeighbor
     }
 }
 
+TEST(UpstreamWcSm, TheIncomingInterfaceNeverForwardsEvenWithAReceiver) {
+    UpstreamFixture f;
+    f.receiverIs(true);
+    f.route().routeIntfIs(f.up1)->localReceiverIncludeIs(true);
+    ASSERT_EQ(f.route().iif(), f.up1);
+    EXPECT_TRUE(f.route().routeIntf(f.d1)->forward());
+    EXPECT_FALSE(f.route().routeIntf(f.up1)->forward());
+    // Once RPF moves away from up1, its receiver is served like any other.
+    f.unicastVia(f.up2, f.nbr2);
+    f.changeFlags(ChangeFlags{ChangeFlags::Bit::rpfRouteChanged});
+    ASSERT_EQ(f.route().iif(), f.up2);
+    EXPECT_TRUE(f.route().routeIntf(f.up1)->forward());
+}
+
 TEST(UpstreamWcSm, RpfPrimeMovesTheJoinAndPrunesTheOldNeighborOnlyIfActive) {
     struct Case {
         const char* name;
