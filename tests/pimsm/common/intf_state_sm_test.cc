@@ -238,6 +238,8 @@ TEST_F(IntfStateSmTest, StoppedTimerNeverFires) {
     sm->doChangeState(JoinState::prunePending);  // prune-pending timer at 3
     sm->doChangeState(JoinState::joined);        // leaving prunePending stops it
     sm->doArmTimer(IntfTimer::expiry, Cask::never);
+    EXPECT_FALSE(armed(IntfTimer::expiry));
+    EXPECT_FALSE(armed(IntfTimer::prunePending));
     loop.runUntil(1000);
     EXPECT_EQ(std::count(log.begin(), log.end(), "prune-pending fired"), 0);
     EXPECT_EQ(std::count(log.begin(), log.end(), "expiry fired"), 0);
@@ -250,6 +252,11 @@ TEST_F(IntfStateSmTest, ExpiryHandlerMayReArmItsOwnTimer) {
     loop.runUntil(holdTime + 12);
     EXPECT_EQ(std::count(log.begin(), log.end(), "expiry fired"), 3);  // at 210, 215, 220
     EXPECT_EQ(sm->timerDeadline(IntfTimer::expiry), holdTime + 15);
+
+    // A handler that does not re-arm leaves the timer stopped.
+    sm->onExpiry = [] {};
+    loop.runUntil(holdTime + 15);
+    EXPECT_FALSE(armed(IntfTimer::expiry));
 }
 
 TEST_F(IntfStateSmTest, RestartReArmsWithinBasePlusTheJitterBand) {
