@@ -117,6 +117,12 @@ ReviewWalk<typename Coll::Key> orderedWalk(const Coll& coll) {
 // The walk over a queue (queue.h), front to back by entry key. The visitor
 // usually pops the entry it was given; entries pushed during the review are
 // reviewed by it too.
+//
+// A queue whose entries hold many items each (a received message with its
+// (group, interface, source) entries, say) is walked by the items of the
+// front entry instead, Key being the item's key: `first` and `next` look in
+// the front entry at or after the bookmark, or after the item done; once it
+// has no more, they pop it and go on with the first item of the next.
 template <class V>
 ReviewWalk<typename Queue<V>::Key> queueWalk(const Queue<V>& queue) {
     using Key = typename Queue<V>::Key;
