@@ -20,8 +20,8 @@
 // The timer is disarmed before onReview runs, so a request made during the review schedules
 // exactly one more review.
 //
-// A machine that suspends a long review re-arms timer() at now to run its next slice on a later
-// turn; that bypasses the bucket and takes no credit.
+// Machines use it through SlicedReview (sliced_review.h), which re-arms timer() at now to run a
+// suspended review's next slice on the next turn; that bypasses the bucket and takes no credit.
 
 #include <cstdint>
 #include <functional>

@@ -1,6 +1,5 @@
 #include "pimsm/membership/gmp_change_sm.h"
 
-#include "cask/review_slice.h"
 #include "cask/trace.h"
 #include "pimsm/membership/gmp_sm.h"
 
@@ -25,9 +24,31 @@ GmpChangeSm::GmpChangeSm(GmpSm& parent, Routing::Gmp::Tidal::Status& membership,
 GmpChangeSm::~GmpChangeSm() = default;
 
 void GmpChangeSm::handleInitialized() {
-    reviewTimer_ = std::make_unique<Cask::ReviewTimer>(
-        loop_, Cask::ReviewTimer::defaultFillInterval, Cask::ReviewTimer::defaultCredits,
-        reviewMinDelay, reviewMaxDelay, [this] { doReview(); });
+    // A new review takes the filled set as the one it works through; new
+    // changes go to a fresh set meanwhile and start the next review.
+    Cask::SlicedReview<RouteIntfKey>::Steps steps;
+    steps.walk = Cask::orderedWalk([this]() -> const auto& {
+        return reviewChangeStatus_->changedRouteIntf();
+    });
+    steps.visit = [this](const RouteIntfKey& k) { parent_.doUpdateMembership(k); };
+    steps.onStart = [this] {
+        reviewChangeStatus_ = gmpChangeStatus_;
+        changeStatusIs(Cask::make<GmpChangeStatus>());
+    };
+    steps.onSuspend = [this] {
+        CASK_TRACE(7, "<Vrf:{}>GmpChangeSm:doReview: time exceeded", parent_.vrfName());
+    };
+    steps.onFinish = [this] {
+        reviewChangeStatus_ = Cask::make<GmpChangeStatus>();
+        doUpdateReviewTimer();
+    };
+    Cask::ReviewTexts texts{.vrf = fmt::to_string(parent_.vrfName()),
+                            .name = "GmpChangeSm:doReview: "};
+    texts.resume = "Resuming review at: {}, start: {}";
+    review_ = std::make_unique<Cask::SlicedReview<RouteIntfKey>>(
+        loop_, Cask::ReviewTiming{reviewMinDelay, reviewMaxDelay}, std::move(texts),
+        std::move(steps));
+    review_->quantumIs(defaultReviewQuantum);
     changeWatcher_ = std::make_unique<ChangeWatcher>(*this);
     changeStatusIs(Cask::make<GmpChangeStatus>());
     reviewChangeStatus_ = Cask::make<GmpChangeStatus>();
@@ -60,41 +81,13 @@ void GmpChangeSm::handleMembership(const RouteIntfKey& key) {
     }
 }
 
-void GmpChangeSm::doReview() {
-    const L3::VrfName& vrf = parent_.vrfName();
-    const Cask::Seconds start = loop_.now();
-    if (reviewBookmark_ == RouteIntfKey{}) {
-        CASK_TRACE(6, "<Vrf:{}>GmpChangeSm:doReview: Starting new review", vrf);
-        // New changes go to a fresh set while this one is worked through.
-        reviewChangeStatus_ = gmpChangeStatus_;
-        changeStatusIs(Cask::make<GmpChangeStatus>());
-    } else {
-        CASK_TRACE(6, "<Vrf:{}>GmpChangeSm:doReview: Resuming review at: {}, start: {}", vrf,
-                   reviewBookmark_, start);
-    }
-    const auto result = Cask::reviewSlice(
-        reviewChangeStatus_->changedRouteIntf(), reviewBookmark_, loop_.clock(), reviewQuantum_,
-        [this](const RouteIntfKey& k) { parent_.doUpdateMembership(k); });
-    if (result == Cask::SliceResult::suspended) {
-        CASK_TRACE(7, "<Vrf:{}>GmpChangeSm:doReview: time exceeded", vrf);
-        CASK_TRACE(6, "<Vrf:{}>GmpChangeSm:doReview: Suspending review at: {}", vrf,
-                   reviewBookmark_);
-        // The next slice runs on a later turn, after other work.
-        reviewTimer_->timer().timeMinIs(loop_.now());
-        return;
-    }
-    CASK_TRACE(6, "<Vrf:{}>GmpChangeSm:doReview: Finished review", vrf);
-    reviewChangeStatus_ = Cask::make<GmpChangeStatus>();
-    doUpdateReviewTimer();
-}
-
 void GmpChangeSm::doUpdateReviewTimer() {
     CASK_TRACE(8, "<Vrf:{}>GmpChangeSm:doUpdateReviewTimer", parent_.vrfName());
-    if (reviewTimer_->reviewPending()) return;
+    if (review_->pending()) return;
     if (gmpChangeStatus_->changedRouteIntf().empty()) return;
     CASK_TRACE(8, "<Vrf:{}>GmpChangeSm:doUpdateReviewTimer() : scheduling next review",
                parent_.vrfName());
-    reviewTimer_->doUpdateNextReview();
+    review_->request();
 }
 
 std::unique_ptr<GmpChangeSm> gmpChangeSmFactory(GmpSm& parent,

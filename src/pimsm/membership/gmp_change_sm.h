@@ -12,7 +12,7 @@
 #include <memory>
 
 #include "cask/event_loop.h"
-#include "cask/review_timer.h"
+#include "cask/sliced_review.h"
 #include "pimsm/membership/gmp_change_status.h"
 #include "platform/membership.h"
 
@@ -35,10 +35,8 @@ public:
 
     // A key of the membership table changed (added, replaced or removed).
     void handleMembership(const RouteIntfKey& key) override;
-    // Creates the review timer and the first, empty, change set.
+    // Creates the review and the first, empty, change set.
     void handleInitialized();
-    // One slice of the change review.
-    void doReview();
     // Schedules a review unless one is pending or nothing has changed.
     void doUpdateReviewTimer();
 
@@ -46,10 +44,10 @@ public:
     GmpChangeStatus* gmpChangeStatus() const { return gmpChangeStatus_.get(); }
     GmpChangeStatus* reviewChangeStatus() const { return reviewChangeStatus_.get(); }
     // Where a suspended review resumes; the default key when none is running.
-    const RouteIntfKey& reviewBookmark() const { return reviewBookmark_; }
-    Cask::Seconds reviewQuantum() const { return reviewQuantum_; }
-    void reviewQuantumIs(Cask::Seconds q) { reviewQuantum_ = q; }
-    const Cask::ReviewTimer& reviewTimer() const { return *reviewTimer_; }
+    const RouteIntfKey& reviewBookmark() const { return review_->bookmark(); }
+    Cask::Seconds reviewQuantum() const { return review_->quantum(); }
+    void reviewQuantumIs(Cask::Seconds q) { review_->quantumIs(q); }
+    const Cask::ReviewTimer& reviewTimer() const { return review_->timer(); }
 
 private:
     class ChangeWatcher;
@@ -57,12 +55,10 @@ private:
 
     GmpSm& parent_;
     Cask::EventLoop& loop_;
-    Cask::Seconds reviewQuantum_ = defaultReviewQuantum;
-    RouteIntfKey reviewBookmark_;
     Cask::Ptr<GmpChangeStatus> gmpChangeStatus_;
     Cask::Ptr<GmpChangeStatus> reviewChangeStatus_;
     std::unique_ptr<ChangeWatcher> changeWatcher_;
-    std::unique_ptr<Cask::ReviewTimer> reviewTimer_;
+    std::unique_ptr<Cask::SlicedReview<RouteIntfKey>> review_;
 };
 
 // Creates the change machine of `parent`, watching `membership`, and queues

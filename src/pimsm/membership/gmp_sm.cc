@@ -3,7 +3,6 @@
 #include <vector>
 
 #include "cask/assert.h"
-#include "cask/review_slice.h"
 #include "cask/trace.h"
 #include "wirl/ip_gen_prefix.h"
 
@@ -136,9 +135,7 @@ GmpSm::~GmpSm() {
 
 void GmpSm::handleInit() {
     CASK_TRACE(6, "<Vrf:{}>GmpSm:handleInit()", vrfName());
-    reviewTimer_ = std::make_unique<Cask::ReviewTimer>(
-        *in_.loop, Cask::ReviewTimer::defaultFillInterval, Cask::ReviewTimer::defaultCredits,
-        reviewMinDelay, reviewMaxDelay, [this] { doReview(); });
+    doCreateReview();
     gmpChangeSm_ = gmpChangeSmFactory(*this, *in_.membership, *in_.loop);
     configWatcher_ = std::make_unique<ConfigWatcher>(*this, *in_.config);
     groupFilterWatcher_ = std::make_unique<GroupFilterWatcher>(*this, *in_.groupFilterStatus);
@@ -243,37 +240,23 @@ void GmpSm::doUpdateMembership(const RouteIntfKey& key) {
     deciding_ = outer;
 }
 
-void GmpSm::doReview() {
-    const L3::VrfName& vrf = vrfName();
-    if (reviewBookmark_ == RouteIntfKey{}) {
-        CASK_TRACE(6, "<Vrf:{}>GmpSm:doReview: Starting new review", vrf);
-        reviewAgain_ = false;  // this review covers every request made so far
-    } else {
-        CASK_TRACE(6, "<Vrf:{}>GmpSm:doReview: Resuming review at {}", vrf, reviewBookmark_);
-    }
-    const auto result =
-        Cask::reviewSlice(in_.membership->membership(), reviewBookmark_, in_.loop->clock(),
-                          reviewQuantum_, [this](const RouteIntfKey& k) { doUpdateMembership(k); });
-    if (result == Cask::SliceResult::suspended) {
-        CASK_TRACE(6, "<Vrf:{}>GmpSm:doReview: Suspending review at: {}", vrf, reviewBookmark_);
-        reviewTimer_->timer().timeMinIs(in_.loop->now());
-        return;
-    }
-    CASK_TRACE(6, "<Vrf:{}>GmpSm:doReview: Finished review", vrf);
-    if (reviewAgain_) {
-        reviewAgain_ = false;
-        reviewTimer_->doUpdateNextReview();
-    }
+void GmpSm::doCreateReview() {
+    Cask::SlicedReview<RouteIntfKey>::Steps steps;
+    steps.walk = Cask::orderedWalk(in_.membership->membership());
+    steps.visit = [this](const RouteIntfKey& k) { doUpdateMembership(k); };
+    Cask::ReviewTexts texts{.vrf = fmt::to_string(vrfName()), .name = "GmpSm:doReview: "};
+    texts.resume = "Resuming review at {}";
+    review_ = std::make_unique<Cask::SlicedReview<RouteIntfKey>>(
+        *in_.loop, Cask::ReviewTiming{reviewMinDelay, reviewMaxDelay}, std::move(texts),
+        std::move(steps));
+    review_->quantumIs(defaultReviewQuantum);
 }
 
 void GmpSm::doUpdateReviewTimer() {
     CASK_TRACE(8, "<Vrf:{}>GmpSm:doUpdateReviewTimer", vrfName());
-    // Keys before the bookmark were decided on the old inputs.
-    if (reviewBookmark_ != RouteIntfKey{}) {
-        reviewAgain_ = true;
-        return;
-    }
-    reviewTimer_->doUpdateNextReview();
+    // During a review the keys before the bookmark were decided on the old
+    // inputs: the review runs once more after it.
+    review_->request();
 }
 
 void GmpSm::doUpdateChildReviewTimer() {

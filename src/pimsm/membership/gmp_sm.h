@@ -20,7 +20,7 @@
 #include <unordered_map>
 
 #include "cask/event_loop.h"
-#include "cask/review_timer.h"
+#include "cask/sliced_review.h"
 #include "pimsm/membership/gmp_change_sm.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/status.h"
@@ -120,14 +120,12 @@ public:
 
     // Decides one membership and writes the outcome to its route's Intf.
     void doUpdateMembership(const RouteIntfKey& key);
-    // One slice of the full review of the membership table.
-    void doReview();
     // Asks for a full review; one asked for while a review is in progress
     // runs again from the start once that review has finished.
     void doUpdateReviewTimer();
     void doUpdateChildReviewTimer();
 
-    // Creates the review timer (no review scheduled) and the child.
+    // Creates the full review (none scheduled) and the child.
     void handleInit();
     void handleBoundary(Wirl::IntfId intf);
     void handleGroupFilterStatus();
@@ -146,10 +144,10 @@ public:
     // False for groups sparse mode must leave alone (bidirectional ranges).
     bool groupPermitted(const Wirl::IpGenAddr& group) const;
 
-    const RouteIntfKey& reviewBookmark() const { return reviewBookmark_; }
-    Cask::Seconds reviewQuantum() const { return reviewQuantum_; }
-    void reviewQuantumIs(Cask::Seconds q) { reviewQuantum_ = q; }
-    const Cask::ReviewTimer& reviewTimer() const { return *reviewTimer_; }
+    const RouteIntfKey& reviewBookmark() const { return review_->bookmark(); }
+    Cask::Seconds reviewQuantum() const { return review_->quantum(); }
+    void reviewQuantumIs(Cask::Seconds q) { review_->quantumIs(q); }
+    const Cask::ReviewTimer& reviewTimer() const { return review_->timer(); }
     RhoSsmConvertConfig* rhoSsmConvertConfig() const { return rhoSsmConvertConfig_.get(); }
 
     // Memberships of link-local groups, which are never routed.
@@ -167,19 +165,18 @@ private:
     using RouteMap = Cask::RecordMap<Routing::Pim::RouteKey, RhoRoute>;
 
     bool ssmConverted(const RouteIntfKey& key) const;
+    void doCreateReview();
     template <class Add, class Del>
     void doTrackRoute(const Routing::Pim::RouteKey& key, Route* route, const RouteMap& reactors,
                       Add add, Del del);
 
     GmpInputs in_;
     std::uint32_t ignoredLinkLocal_ = 0;
-    Cask::Seconds reviewQuantum_ = defaultReviewQuantum;
-    RouteIntfKey reviewBookmark_;
-    bool reviewAgain_ = false;
     // The membership being decided, so that the route reactor it wakes does
     // not decide it a second time.
     RouteIntfKey deciding_;
-    std::unique_ptr<Cask::ReviewTimer> reviewTimer_;
+    // The full review, over the whole membership table.
+    std::unique_ptr<Cask::SlicedReview<RouteIntfKey>> review_;
     RouteMap sgRoute_;
     RouteMap wcRoute_;
     std::unique_ptr<GmpChangeSm> gmpChangeSm_;

@@ -6,7 +6,6 @@
 #include <fmt/format.h>
 
 #include "cask/assert.h"
-#include "cask/review_slice.h"
 #include "cask/trace.h"
 #include "pimsm/route/route_review_trace.h"
 
@@ -209,9 +208,7 @@ void RouteReviewSm::handleInitialized() {
 }
 
 void RouteReviewSm::doInitialize() {
-    reviewTimer_ = std::make_unique<Cask::ReviewTimer>(
-        *in_.loop, Cask::ReviewTimer::defaultFillInterval, Cask::ReviewTimer::defaultCredits,
-        static_cast<float>(minDelay_), static_cast<float>(maxDelay_), [this] { doReview(); });
+    doCreateReview();
     ssmBefore_ = Cask::make<Config>(in_.config->family());
     ssmSeen_ = Cask::make<Config>(in_.config->family());
     ssmSeen_->ssmRangeIs(in_.config->ssmRange());
@@ -447,9 +444,14 @@ void RouteReviewSm::handleClearRoutes() {
 
 // --- the review ---------------------------------------------------------------
 
+const RouteKey& RouteReviewSm::reviewBookmark() const {
+    static const RouteKey none;
+    return review_ ? review_->bookmark() : none;
+}
+
 void RouteReviewSm::doUpdateReviewTimer() {
     if (!initialized_) return;
-    if (reviewTimer_->reviewPending()) {
+    if (review_->pending()) {
         REVIEW_TRACE(8, "RouteReviewSm::doUpdateReviewTimer(): review pending");
         return;
     }
@@ -462,57 +464,60 @@ void RouteReviewSm::doUpdateReviewTimer() {
         return;
     }
     REVIEW_TRACE(7, "RouteReviewSm::doUpdateReviewTimer()");
-    reviewTimer_->doUpdateNextReview();
+    review_->request();
 }
 
-void RouteReviewSm::doReview() {
+// The review walks every route with the change set it took when it started;
+// producers meanwhile fill a fresh `changeSet` for the next review.
+void RouteReviewSm::doCreateReview() {
     LocalStatus& ls = *in_.localStatus;
-    const Cask::Clock& clock = in_.loop->clock();
-    if (reviewBookmark_.isNull()) {
-        REVIEW_TRACE(4, "RouteReviewSm: Starting new review");
+    Cask::SlicedReview<RouteKey>::Steps steps;
+    steps.walk = Cask::orderedWalk(in_.status->route());
+    steps.onStart = [this, &ls] {
         ls.reviewChangeSetIs(Cask::Ptr<ChangeSet>(ls.changeSet()));
         ls.changeSetIs(LocalStatus::newChangeSet());
         if (ls.reviewChangeSet()->ssmConfigChanged()) {
             ssmBefore_->ssmRangeIs(ssmSeen_->ssmRange());
             ssmSeen_->ssmRangeIs(in_.config->ssmRange());
         }
-    } else {
-        REVIEW_TRACE(6, "RouteReviewSm: Resuming review at: {}", reviewBookmark_);
-    }
-    const Cask::Ptr<ChangeSet> cs(ls.reviewChangeSet());
-    if (Cask::trace().on(8)) {
-        for (const auto& [id, c] : cs->intfChange()) {
+    };
+    steps.onSlice = [this, &ls](Cask::Seconds start, Cask::Seconds stop) {
+        if (!Cask::trace().on(8)) return;
+        for (const auto& [id, c] : ls.reviewChangeSet()->intfChange()) {
             REVIEW_TRACE(8, "RouteReviewSm::doReview(), new interface: {}", id);
         }
-        for (const auto& [k, c] : cs->neighborChange()) {
+        for (const auto& [k, c] : ls.reviewChangeSet()->neighborChange()) {
             REVIEW_TRACE(8, "RouteReviewSm::doReview(), new neighbor: {}", k);
         }
-        const auto start = clock.now();
         REVIEW_TRACE(8,
                      "RouteReviewSm::doReview(), start time: {}, stop time: {} review quantum: {}",
-                     start, start + reviewQuantum_, reviewQuantum_);
-    }
-    const auto result = Cask::reviewSlice(in_.status->route(), reviewBookmark_, clock,
-                                          reviewQuantum_, [&](const RouteKey& key) {
-                                              doReviewRoute(key, *cs);
-                                              if (!cs->resurrectMfib()) return;
-                                              if (auto* route = in_.status->route(key).get()) {
-                                                  route->mfibChangeCountInc();
-                                              }
-                                          });
-    if (result == Cask::SliceResult::suspended) {
-        REVIEW_TRACE(6, "RouteReviewSm: Suspending review at: {}", reviewBookmark_);
-        reviewTimer_->timer().timeMinIs(in_.loop->now());
-        return;
-    }
-    if (const std::size_t cleared = cs->clearRequests()) {
-        REVIEW_TRACE(4, "RouteReviewSm: Finished review, set clearMroutes");
-        for (std::size_t i = 0; i < cleared; ++i) ls.numClearMroutesInc();
-    } else {
-        REVIEW_TRACE(4, "RouteReviewSm: Finished review");
-    }
-    ls.reviewChangeSetIs(LocalStatus::newChangeSet());
-    doUpdateReviewTimer();
+                     start, stop, reviewQuantum_);
+    };
+    steps.visit = [this, &ls](const RouteKey& key) {
+        const Cask::Ptr<ChangeSet> cs(ls.reviewChangeSet());
+        doReviewRoute(key, *cs);
+        if (!cs->resurrectMfib()) return;
+        if (auto* route = in_.status->route(key).get()) route->mfibChangeCountInc();
+    };
+    steps.onFinish = [this, &ls] {
+        const ChangeSet& cs = *ls.reviewChangeSet();
+        if (const std::size_t cleared = cs.clearRequests()) {
+            REVIEW_TRACE(4, "RouteReviewSm: Finished review, set clearMroutes");
+            for (std::size_t i = 0; i < cleared; ++i) ls.numClearMroutesInc();
+        } else {
+            REVIEW_TRACE(4, "RouteReviewSm: Finished review");
+        }
+        ls.reviewChangeSetIs(LocalStatus::newChangeSet());
+        doUpdateReviewTimer();
+    };
+    Cask::ReviewTexts texts{.vrf = fmt::to_string(in_.vrfName), .name = "RouteReviewSm: "};
+    texts.finish = "";  // traced above, with what the review carried
+    texts.startLevel = 4;
+    // The delays pass through single precision, as the timer always took them.
+    const Cask::ReviewTiming timing{static_cast<float>(minDelay_), static_cast<float>(maxDelay_)};
+    review_ = std::make_unique<Cask::SlicedReview<RouteKey>>(*in_.loop, timing, std::move(texts),
+                                                             std::move(steps));
+    review_->quantumIs(reviewQuantum_);
 }
 
 }  // namespace Routing::Pim::SparseMode

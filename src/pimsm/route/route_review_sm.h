@@ -31,7 +31,7 @@
 #include "cask/clock.h"
 #include "cask/collection.h"
 #include "cask/event_loop.h"
-#include "cask/review_timer.h"
+#include "cask/sliced_review.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/route_sm.h"
 #include "pimsm/route/status.h"
@@ -95,18 +95,21 @@ public:
     Cask::Seconds maxDelay() const { return maxDelay_; }
     void maxDelayIs(Cask::Seconds d) { maxDelay_ = d; }
     Cask::Seconds reviewQuantum() const { return reviewQuantum_; }
-    void reviewQuantumIs(Cask::Seconds q) { reviewQuantum_ = q; }
+    void reviewQuantumIs(Cask::Seconds q) {
+        reviewQuantum_ = q;
+        if (review_) review_->quantumIs(q);
+    }
     // While set, interface records that lose their state are kept.
     bool preserveRouteIntf() const { return preserveRouteIntf_; }
     void preserveRouteIntfIs(bool v) { preserveRouteIntf_ = v; }
     // The null key while no review is in progress.
-    const Routing::Pim::RouteKey& reviewBookmark() const { return reviewBookmark_; }
+    const Routing::Pim::RouteKey& reviewBookmark() const;
     Routing::Pim::Tidal::MessageCounters* pimCounters() const { return pimCounters_.get(); }
     void pimCountersIs(Cask::Ptr<Routing::Pim::Tidal::MessageCounters> c) {
         pimCounters_ = std::move(c);
     }
     bool initialized() const { return initialized_; }
-    Cask::ReviewTimer* reviewTimer() const { return reviewTimer_.get(); }
+    Cask::ReviewTimer* reviewTimer() const { return review_ ? &review_->timer() : nullptr; }
 
     // The per-route reactors.
     RouteSm* routeSm(const Routing::Pim::RouteKey& k) const;
@@ -139,8 +142,6 @@ public:
 
     // --- actions ------------------------------------------------------------
     void doUpdateReviewTimer();
-    // One slice of the review.
-    void doReview();
     void doReviewRoute(const Routing::Pim::RouteKey& key, ChangeSet& cs);
     // Removes the route; re-creates it at once with just the interfaces on
     // which the membership table still has an include member.
@@ -159,6 +160,7 @@ private:
     class BoundaryWatcher;
 
     void doInitialize();
+    void doCreateReview();
     void doReviewRouteIntf(Route& route, const ChangeSet& cs);
     void doReviewUmhFrr(Route& route);
     ChangeFlags doReviewUpstream(Route& route, const ChangeSet& cs);
@@ -172,12 +174,11 @@ private:
     Cask::Seconds reviewQuantum_ = defaultReviewQuantum;
     bool preserveRouteIntf_ = false;
     bool initialized_ = false;
-    Routing::Pim::RouteKey reviewBookmark_;
     // The SSM range in force before and at the start of the latest review
     // that consumed an SSM range change.
     Cask::Ptr<Config> ssmBefore_;
     Cask::Ptr<Config> ssmSeen_;
-    std::unique_ptr<Cask::ReviewTimer> reviewTimer_;
+    std::unique_ptr<Cask::SlicedReview<Routing::Pim::RouteKey>> review_;
     std::unique_ptr<Watchers> watchers_;
     std::map<Wirl::IntfId, std::unique_ptr<PimIntfWatcher>> pimIntf_;
     std::map<Wirl::IntfId, std::unique_ptr<BoundaryWatcher>> intfBoundaryStatus_;
