@@ -92,13 +92,14 @@ Json countersRow(const L3::VrfName& vrf, const ContainerSm& c) {
 }
 
 // One row per (upstream neighbour, message set, group) with something in it.
+// The triggered and override rows show what was last sent from those sets.
 void joinPruneRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
     using Routing::Pim::JoinPruneData;
     for (const auto& [nbr, entry] : c.joinPruneStatus()->neighbor()) {
         const std::pair<const char*, const JoinPruneData*> sets[] = {
             {"periodic", &entry->periodic()},
-            {"triggered", &entry->pendingTriggered()},
-            {"override", &entry->pendingOverride()}};
+            {"triggered", &entry->sentTriggered()},
+            {"override", &entry->sentOverride()}};
         for (const auto& [set, data] : sets) {
             for (const auto& [group, g] : data->joinPruneGroupData()) {
                 Json joins = Json::array();

@@ -9,6 +9,21 @@ namespace Driver {
 
 using namespace Routing::Pim::SparseMode;
 
+namespace {
+
+// Stands in for the packet side: what the machines queued as triggered or
+// override contents goes out at once, so the pending sets start empty again
+// (the `join-prune` output shows what was sent last).
+void pendingSent(Agent& agent) {
+    auto* root = agent.rootSm();
+    if (!root) return;
+    for (const auto& [vrf, c] : root->containerSm()) {
+        if (auto* jp = c->joinPruneStatus()) jp->pendingSent();
+    }
+}
+
+}  // namespace
+
 Runner::Runner(const Scenario& scenario, RunOptions options)
     : scenario_(scenario), options_(options), loop_(clock_), db_(scenario.family) {
     Cask::random().seedIs(options.seed);
@@ -208,7 +223,9 @@ int Runner::run(Report& report) {
     int failed = 0;
     for (const auto& ev : scenario_.events) {
         loop_.runUntil(ev.at);
+        pendingSent(*agent_);
         apply(ev);
+        pendingSent(*agent_);
         if (ev.kind == Event::Kind::show) {
             for (Output o : ev.outputs) report.show(ev.at, o, output(o));
         } else if (ev.kind == Event::Kind::expect) {
@@ -220,6 +237,7 @@ int Runner::run(Report& report) {
         }
     }
     loop_.runUntil(std::max(scenario_.until, options_.until));
+    pendingSent(*agent_);
     return failed;
 }
 

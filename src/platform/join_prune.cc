@@ -1,5 +1,7 @@
 #include "platform/join_prune.h"
 
+#include "cask/assert.h"
+
 namespace Routing::Pim {
 
 void JoinPruneGroupData::wcSourceDataIs(const Wirl::IpGenAddr& rp, bool join) {
@@ -33,6 +35,84 @@ JoinPruneGroupData& JoinPruneData::joinPruneGroupDataIs(const Wirl::IpGenAddr& g
 void JoinPruneData::joinPruneGroupDataDelIfEmpty(const Wirl::IpGenAddr& group) {
     auto* g = joinPruneGroupData_.raw(group);
     if (g && g->empty()) joinPruneGroupDataDel(group);
+}
+
+Cask::Ptr<JoinPruneGroupData> JoinPruneGroupData::clone() const {
+    auto copy = Cask::make<JoinPruneGroupData>(group_);
+    for (const auto& [rp, d] : wcSourceData_) {
+        copy->wcSourceData_.is(*copy, rp, d, &Notifiee::handleWcSourceData);
+    }
+    for (const auto& s : joinedSource_) copy->joinedSourceIs(s);
+    for (const auto& s : prunedSource_) copy->prunedSourceIs(s);
+    for (const auto& s : joinedRptSource_) copy->joinedRptSourceIs(s);
+    for (const auto& s : prunedRptSource_) copy->prunedRptSourceIs(s);
+    for (const auto& s : joinSuppressSource_) copy->joinSuppressSourceIs(s);
+    copy->periodicPrunedRptGroupData_ = periodicPrunedRptGroupData_;
+    return copy;
+}
+
+void JoinPruneData::joinPruneGroupDataCopyIs(const JoinPruneData& other) {
+    joinPruneGroupDataDelAll();
+    for (const auto& [group, gd] : other.joinPruneGroupData()) {
+        joinPruneGroupData_.is(*this, group, gd->clone(), &Notifiee::handleJoinPruneGroupData,
+                               "null _joinPruneGroupData parameter to mutator for "
+                               "Routing::Pim::JoinPruneData::joinPruneGroupData not allowed");
+    }
+}
+
+void JoinPruneNeighbor::pendingSent() {
+    const std::pair<JoinPruneData*, JoinPruneData*> sets[] = {
+        {pendingTriggered_.get(), sentTriggered_.get()},
+        {pendingOverride_.get(), sentOverride_.get()}};
+    for (auto [pending, sent] : sets) {
+        if (pending->joinPruneGroupData().empty()) continue;
+        sent->joinPruneGroupDataCopyIs(*pending);
+        pending->joinPruneGroupDataDelAll();
+    }
+}
+
+void JoinPruneStatus::pendingSent() {
+    for (const auto& [key, nbr] : neighbor_) nbr->pendingSent();
+}
+
+void JoinPruneMessage::forEachEntry(
+    const std::function<void(bool join, const JoinPruneMessageInfo&)>& f) const {
+    CASK_ASSERT(data, "joinPruneMessageData");
+    JoinPruneMessageInfo m;
+    m.sender = sender;
+    m.upstreamNeighbor = upstreamNeighbor;
+    m.intf = intf;
+    m.holdTime = holdTime;
+    for (const auto& [group, gd] : data->joinPruneGroupData()) {
+        m.sourceFlags = Packet::SourceFlags{true, true, true};
+        m.riKey = RouteKey::wc(group);
+        for (bool join : {true, false}) {
+            for (const auto& [rp, d] : gd->wcSourceData()) {
+                if (d.join != join) continue;
+                m.wcSource = rp;
+                f(join, m);
+            }
+        }
+        m.wcSource = Wirl::IpGenAddr();
+        const std::pair<Packet::SourceFlags, const Cask::OrderedKeySet<Wirl::IpGenAddr>*> kinds[] =
+            {{Packet::SourceFlags{true, false, false}, &gd->joinedSource()},
+             {Packet::SourceFlags{true, false, false}, &gd->prunedSource()},
+             {Packet::SourceFlags{true, false, true}, &gd->joinedRptSource()},
+             {Packet::SourceFlags{true, false, true}, &gd->prunedRptSource()}};
+        for (std::size_t i = 0; i < std::size(kinds); ++i) {
+            m.sourceFlags = kinds[i].first;
+            for (const auto& source : *kinds[i].second) {
+                m.riKey = RouteKey(source, group);
+                f(i % 2 == 0, m);
+            }
+        }
+    }
+}
+
+void JoinPruneRxStatus::joinPruneMessageIs(JoinPruneMessage m) {
+    CASK_ASSERT(m.data, "joinPruneMessageData");
+    joinPruneMessage_ = std::move(m);
+    increment(joinPruneMessageCount_, &Notifiee::handleJoinPruneMessage);
 }
 
 }  // namespace Routing::Pim

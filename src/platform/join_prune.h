@@ -7,16 +7,25 @@
 // periodic set (sent on every periodic Join/Prune), the pending triggered
 // set and the pending override set (sent once, after the override delay).
 // The upstream machines write contents only; the packet side owns every
-// message timer and empties the pending sets once it has sent them.
+// message timer and, having sent the pending sets, empties them with
+// `pendingSent`.
 // `JoinPruneNeighborSm` keeps one neighbour entry per PIM neighbour.
 //
 // Incoming: `JoinPruneRxStatus` carries the last decoded Join and Prune
-// entry (`JoinPruneMessageInfo`); each one is announced, even when equal to
-// the previous one, because every received message is an event.
+// entry (`JoinPruneMessageInfo`) and the last whole decoded message
+// (`JoinPruneMessage`); each one is announced, even when equal to the
+// previous one, because every received message is an event. Received
+// prunes waiting to take effect are remembered in `JoinPruneStatus::rxPrune`.
+//
+// `JoinPruneWriter` (join_prune_writer.h) is the one way the machines change
+// the outgoing sets.
 
 #include <cstdint>
+#include <functional>
+#include <map>
 
 #include "cask/collection.h"
+#include "platform/membership.h"
 #include "platform/route_key.h"
 #include "wirl/intf_id.h"
 #include "wirl/ip_gen_addr.h"
@@ -73,6 +82,8 @@ public:
 
     // Nothing to send for the group (the periodic reference counts nothing).
     bool empty() const;
+    // A copy of the record's entries and periodic reference, unwatched.
+    Cask::Ptr<JoinPruneGroupData> clone() const;
 
 private:
     Wirl::IpGenAddr group_;
@@ -102,6 +113,8 @@ public:
     JoinPruneGroupData& joinPruneGroupDataIs(const Wirl::IpGenAddr& group);
     // Removes the group's record if nothing is left in it.
     void joinPruneGroupDataDelIfEmpty(const Wirl::IpGenAddr& group);
+    // Replaces every group record by a copy of `other`'s.
+    void joinPruneGroupDataCopyIs(const JoinPruneData& other);
 
 private:
     Cask::OrderedRecordMap<Wirl::IpGenAddr, JoinPruneGroupData> joinPruneGroupData_;
@@ -115,35 +128,32 @@ public:
         : key_(key),
           periodic_(Cask::make<JoinPruneData>()),
           pendingTriggered_(Cask::make<JoinPruneData>()),
-          pendingOverride_(Cask::make<JoinPruneData>()) {}
+          pendingOverride_(Cask::make<JoinPruneData>()),
+          sentTriggered_(Cask::make<JoinPruneData>()),
+          sentOverride_(Cask::make<JoinPruneData>()) {}
     const NeighborKey& key() const { return key_; }
     JoinPruneData& periodic() const { return *periodic_; }
     JoinPruneData& pendingTriggered() const { return *pendingTriggered_; }
     JoinPruneData& pendingOverride() const { return *pendingOverride_; }
+
+    // The packet side sent the pending triggered and override contents:
+    // each pending set that held something is copied into its `sent...`
+    // record (replacing what was sent before) and emptied. The periodic
+    // set stays. A (*,G) Join's reference to the periodic record is copied
+    // as it is, so the copy shows the (S,G,rpt) prunes as they are now.
+    void pendingSent();
+    // What the packet side was last handed from each pending set, for
+    // display; nothing reads it to decide anything.
+    const JoinPruneData& sentTriggered() const { return *sentTriggered_; }
+    const JoinPruneData& sentOverride() const { return *sentOverride_; }
 
 private:
     NeighborKey key_;
     Cask::Ptr<JoinPruneData> periodic_;
     Cask::Ptr<JoinPruneData> pendingTriggered_;
     Cask::Ptr<JoinPruneData> pendingOverride_;
-};
-
-// The outgoing Join/Prune contents of a VRF, per upstream neighbour.
-class JoinPruneStatus : public Cask::Record<JoinPruneStatus> {
-public:
-    class Notifiee : public Cask::NotifieeOf<JoinPruneStatus> {
-    public:
-        using NotifieeOf::NotifieeOf;
-        virtual void handleNeighbor(const NeighborKey&) {}
-    };
-    CASK_RECORD_MAP(neighbor, Neighbor, NeighborKey, JoinPruneNeighbor,
-                    "Routing::Pim::JoinPruneStatus")
-    JoinPruneNeighbor* neighbor(Wirl::IntfId intf, const Wirl::IpGenAddr& address) const {
-        return neighbor_.raw(NeighborKey{intf, address});
-    }
-
-private:
-    Cask::OrderedRecordMap<NeighborKey, JoinPruneNeighbor> neighbor_;
+    Cask::Ptr<JoinPruneData> sentTriggered_;
+    Cask::Ptr<JoinPruneData> sentOverride_;
 };
 
 namespace Packet {
@@ -170,7 +180,71 @@ struct JoinPruneMessageInfo {
     bool operator==(const JoinPruneMessageInfo&) const = default;
 };
 
-// Received Join and Prune entries of a VRF, one at a time.
+// What is remembered of a received Prune(*,G) or Prune(S,G) while its
+// prune-pending period runs, so that a PruneEcho can be built when the prune
+// takes effect.
+struct RxPruneInfo {
+    RouteKey riKey;
+    Wirl::IpGenAddr upstreamNeighbor;
+    Packet::SourceFlags sourceFlags;
+    Wirl::IpGenAddr wcSource;
+    RxPruneInfo() = default;
+    explicit RxPruneInfo(const JoinPruneMessageInfo& m)
+        : riKey(m.riKey),
+          upstreamNeighbor(m.upstreamNeighbor),
+          sourceFlags(m.sourceFlags),
+          wcSource(m.wcSource) {}
+    bool operator==(const RxPruneInfo&) const = default;
+};
+
+// The outgoing Join/Prune contents of a VRF, per upstream neighbour.
+class JoinPruneStatus : public Cask::Record<JoinPruneStatus> {
+public:
+    class Notifiee : public Cask::NotifieeOf<JoinPruneStatus> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        virtual void handleNeighbor(const NeighborKey&) {}
+        virtual void handleRxPrune(const Routing::Gmp::Tidal::RouteIntfKey&) {}
+    };
+    CASK_RECORD_MAP(neighbor, Neighbor, NeighborKey, JoinPruneNeighbor,
+                    "Routing::Pim::JoinPruneStatus")
+    JoinPruneNeighbor* neighbor(Wirl::IntfId intf, const Wirl::IpGenAddr& address) const {
+        return neighbor_.raw(NeighborKey{intf, address});
+    }
+    // Every neighbour's pending sets were sent (`JoinPruneNeighbor::pendingSent`).
+    void pendingSent();
+
+    // Received prunes waiting for their prune-pending period to end, by
+    // route and receiving interface.
+    CASK_VALUE_MAP(rxPrune, RxPrune, Routing::Gmp::Tidal::RouteIntfKey, RxPruneInfo)
+
+private:
+    Cask::OrderedRecordMap<NeighborKey, JoinPruneNeighbor> neighbor_;
+    Cask::ValueMap<Routing::Gmp::Tidal::RouteIntfKey, RxPruneInfo,
+                   std::map<Routing::Gmp::Tidal::RouteIntfKey, RxPruneInfo>>
+        rxPrune_;
+};
+
+// A whole received Join/Prune message, decoded. Per group its record in
+// `data` holds the (*,G) entries by RP (`wcSourceData`, join or prune), the
+// (S,G) Joins and Prunes (`joinedSource`, `prunedSource`) and the (S,G,rpt)
+// Joins and Prunes (`joinedRptSource`, `prunedRptSource`); the periodic
+// reference and the suppression marks are not used. The contents are shared
+// between copies and not changed once delivered.
+struct JoinPruneMessage {
+    Wirl::IpGenAddr sender;            // the router that sent it
+    Wirl::IntfId intf;                 // where it was received
+    Wirl::IpGenAddr upstreamNeighbor;  // the neighbour it is addressed to
+    std::uint16_t holdTime = 210;      // seconds
+    Cask::Ptr<JoinPruneData> data = Cask::make<JoinPruneData>();
+
+    // Calls `f(join, entry)` for every entry, group by group in address
+    // order: (*,G), then (S,G), then (S,G,rpt) entries, Joins before Prunes.
+    void forEachEntry(const std::function<void(bool join, const JoinPruneMessageInfo&)>& f) const;
+};
+
+// Received Join/Prune messages of a VRF: single entries (`rxJoin`,
+// `rxPrune`), and whole messages (`joinPruneMessage`).
 class JoinPruneRxStatus : public Cask::Record<JoinPruneRxStatus> {
 public:
     class Notifiee : public Cask::NotifieeOf<JoinPruneRxStatus> {
@@ -178,6 +252,7 @@ public:
         using NotifieeOf::NotifieeOf;
         virtual void handleRxJoin() {}
         virtual void handleRxPrune() {}
+        virtual void handleJoinPruneMessage() {}
     };
     const JoinPruneMessageInfo& rxJoin() const { return rxJoin_; }
     const JoinPruneMessageInfo& rxPrune() const { return rxPrune_; }
@@ -193,7 +268,14 @@ public:
     std::uint32_t rxJoinCount() const { return rxJoinCount_; }
     std::uint32_t rxPruneCount() const { return rxPruneCount_; }
 
+    // The last whole message received; delivering one always announces.
+    const JoinPruneMessage& joinPruneMessage() const { return joinPruneMessage_; }
+    void joinPruneMessageIs(JoinPruneMessage m);
+    std::uint32_t joinPruneMessageCount() const { return joinPruneMessageCount_; }
+
 private:
+    JoinPruneMessage joinPruneMessage_;
+    std::uint32_t joinPruneMessageCount_ = 0;
     JoinPruneMessageInfo rxJoin_;
     JoinPruneMessageInfo rxPrune_;
     std::uint32_t rxJoinCount_ = 0;

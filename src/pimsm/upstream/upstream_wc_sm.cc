@@ -9,10 +9,11 @@
 
 namespace Routing::Pim::SparseMode {
 
-using Routing::Pim::JoinPruneData;
+using Routing::Pim::JoinPruneEntry;
 using Routing::Pim::JoinPruneGroupData;
 using Routing::Pim::JoinPruneMessageInfo;
 using Routing::Pim::JoinPruneNeighbor;
+using Routing::Pim::JoinPruneSet;
 using Routing::Pim::NeighborKey;
 using Routing::Pim::RouteKey;
 using Routing::Pim::Rpf;
@@ -27,32 +28,17 @@ bool validAddr(const Wirl::IpGenAddr& a) {
     return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
 }
 
-// A triggered or override record carries the periodic record's (S,G,rpt)
-// prunes only while it holds a (*,G) Join; an empty record is dropped.
-void doRefreshGroup(JoinPruneData& set, const Wirl::IpGenAddr& group,
-                    const JoinPruneData* periodic) {
-    JoinPruneGroupData* gd = set.joinPruneGroupData(group);
-    if (!gd) return;
-    bool hasJoin = false;
-    for (const auto& [rp, d] : gd->wcSourceData()) hasJoin = hasJoin || d.join;
-    JoinPruneGroupData* target =
-        hasJoin && periodic ? periodic->joinPruneGroupData(group) : nullptr;
-    gd->periodicPrunedRptGroupDataIs(Cask::Ptr<JoinPruneGroupData>(target));
-    set.joinPruneGroupDataDelIfEmpty(group);
-}
-
-// Drops every (*,G) entry of the group's record in `set`.
-void doWithdrawWc(JoinPruneData& set, const Wirl::IpGenAddr& group, const JoinPruneData* periodic) {
-    if (JoinPruneGroupData* gd = set.joinPruneGroupData(group)) gd->wcSourceDataDelAll();
-    doRefreshGroup(set, group, periodic);
+Routing::Pim::JoinPruneStatus& checkedJoinPruneStatus(const UpstreamWcInputs& in) {
+    CASK_ASSERT(in.localStatus && in.pimStatus && in.joinPruneStatus, "upstreamWcInputs");
+    return *in.joinPruneStatus;
 }
 
 }  // namespace
 
 // --- UpstreamWcSm ------------------------------------------------------------
 
-UpstreamWcSm::UpstreamWcSm(const UpstreamWcInputs& in) : in_(in) {
-    CASK_ASSERT(in_.localStatus && in_.pimStatus && in_.joinPruneStatus, "upstreamWcInputs");
+UpstreamWcSm::UpstreamWcSm(const UpstreamWcInputs& in)
+    : in_(in), writer_(checkedJoinPruneStatus(in), in.vrfName) {
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
     if (in_.joinPruneRxStatus) rxWatcher_.notifierIs(in_.joinPruneRxStatus);
 }
@@ -67,25 +53,16 @@ UpstreamWcSm::RhoRoute* UpstreamWcSm::rhoRoute(const RouteKey& key) const {
 void UpstreamWcSm::handleInitialized() {
     UP_TRACE(6, "UpstreamWcSm::handleInitialized()");
     const LocalStatus& ls = *in_.localStatus;
-    for (const auto& [nk, nbr] : in_.joinPruneStatus->neighbor()) {
-        JoinPruneData& periodic = nbr->periodic();
-        std::vector<Wirl::IpGenAddr> stale;
-        for (const auto& [group, gd] : periodic.joinPruneGroupData()) {
-            if (!gd->wcSourceData().empty() && !ls.wcRouteHas(RouteKey::wc(group))) {
-                stale.push_back(group);
-            }
-        }
-        for (const auto& group : stale) {
-            const RouteKey key = RouteKey::wc(group);
-            UP_TRACE(7,
-                     "UpstreamWcSm::handleInitialized(), Deleting periodic (*,G) join for deleted "
-                     "route {} for neighbor {} on interface {}",
-                     key, nk.address, nk.intf);
-            CASK_EVENT(
-                "UpstreamWcSm:handleInitialized(): delete *,g join. {} to neighbor: {} on {}", key,
-                nk.address, nk.intf);
-            doWithdrawWc(periodic, group, nullptr);
-        }
+    const auto removed = writer_.periodicSweep(
+        JoinPruneEntry::Kind::wc,
+        [&](const NeighborKey&, const JoinPruneEntry& e) { return !ls.wcRouteHas(e.key); });
+    for (const auto& [nk, e] : removed) {
+        UP_TRACE(7,
+                 "UpstreamWcSm::handleInitialized(), Deleting periodic (*,G) join for deleted "
+                 "route {} for neighbor {} on interface {}",
+                 e.key, nk.address, nk.intf);
+        CASK_EVENT("UpstreamWcSm:handleInitialized(): delete *,g join. {} to neighbor: {} on {}",
+                   e.key, nk.address, nk.intf);
     }
     for (const auto& [key, route] : ls.wcRoute()) {
         if (!route_.contains(key)) handleWcRoute(key);
@@ -115,9 +92,8 @@ Wirl::IpGenAddr UpstreamWcSm::rpOf(const Wirl::IpGenAddr& group) const {
 
 bool UpstreamWcSm::joinWrittenAt(const Rpf& rpf, const Wirl::IpGenAddr& group) const {
     if (!rpf.hasNeighbor()) return false;
-    const JoinPruneNeighbor* nbr = in_.joinPruneStatus->neighbor(rpf.intf, rpf.neighbor);
-    const JoinPruneGroupData* gd = nbr ? nbr->periodic().joinPruneGroupData(group) : nullptr;
-    return gd && !gd->wcSourceData().empty();
+    const JoinPruneNeighbor* nbr = writer_.neighbor(rpf.intf, rpf.neighbor);
+    return nbr && writer_.has(*nbr, JoinPruneSet::periodic, JoinPruneEntry::wcAny(group));
 }
 
 Rpf UpstreamWcSm::rpfPrimeWc(Route& route, bool updateUmh) {
@@ -231,11 +207,10 @@ void UpstreamWcSm::doRpfNeighborJoin(const RouteKey& key, Wirl::IntfId intf,
         UP_TRACE(8, "UpstreamWcSm:doRpfNeighborJoin Route {}, no rpInfo ", key);
         return;
     }
-    JoinPruneNeighbor* nbr = in_.joinPruneStatus->neighbor(intf, neighbor);
-    CASK_ASSERT(nbr, "jpNeighbor");
+    JoinPruneNeighbor& nbr = writer_.rpfNeighbor(intf, neighbor);
     UP_TRACE(7, "UpstreamWcSm:doRpfNeighborJoin Route {}, sending join to neighbor: {}", key,
              neighbor);
-    doWriteJoin(*nbr, key.group(), rp);
+    doWriteJoin(nbr, key.group(), rp);
 }
 
 void UpstreamWcSm::doWriteJoin(JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
@@ -244,20 +219,15 @@ void UpstreamWcSm::doWriteJoin(JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& gr
     UP_TRACE(8,
              "UpstreamWcSm::doRpfNeighborJoin(), RPF change: Adding periodic join for neighbor {}",
              neighbor);
-    JoinPruneGroupData& periodic = nbr.periodic().joinPruneGroupDataIs(group);
-    // One (*,G) entry per group: a join toward a former RP goes.
-    std::vector<Wirl::IpGenAddr> formerRps;
-    for (const auto& [other, d] : periodic.wcSourceData()) {
-        if (other != rp) formerRps.push_back(other);
-    }
-    for (const auto& other : formerRps) periodic.wcSourceDataDel(other);
-    periodic.wcSourceDataIs(rp, true);
+    // The periodic set keeps one (*,G) entry per group: a join toward a
+    // former RP goes.
+    writer_.entryIs(nbr, JoinPruneSet::periodic, JoinPruneEntry::wcJoin(group, rp));
     UP_TRACE(8,
              "UpstreamWcSm::doRpfNeighborJoin(), RPF change: Sending triggered join to neighbor {}",
              neighbor);
-    JoinPruneGroupData& triggered = nbr.pendingTriggered().joinPruneGroupDataIs(group);
-    triggered.periodicPrunedRptGroupDataIs(Cask::Ptr<JoinPruneGroupData>(&periodic));
-    triggered.wcSourceDataIs(rp, true);
+    // It refers to the periodic record, so it carries the group's (S,G,rpt)
+    // prunes.
+    writer_.entryIs(nbr, JoinPruneSet::triggered, JoinPruneEntry::wcJoin(group, rp));
 }
 
 void UpstreamWcSm::doPrevRpfNeighborCleanup(const RouteKey& key, const Rpf& prevRpf) {
@@ -265,31 +235,31 @@ void UpstreamWcSm::doPrevRpfNeighborCleanup(const RouteKey& key, const Rpf& prev
     const auto& neighbor = prevRpf.neighbor;
     const auto& group = key.group();
     UP_TRACE(7, "UpstreamWcSm:doPrevRpfNeighborCleanup Route {}, prevNeighbor: {}", key, neighbor);
-    JoinPruneNeighbor* nbr = in_.joinPruneStatus->neighbor(prevRpf.intf, neighbor);
+    JoinPruneNeighbor* nbr = writer_.neighbor(prevRpf.intf, neighbor);
     if (!nbr) {
         // Its entry went with the neighbour, and nothing can be sent to it.
         UP_TRACE(7, "UpstreamWcSm::doPrevRpfNeighborCleanup({}), Neighbor down", key);
         return;
     }
-    JoinPruneData& periodic = nbr->periodic();
+    const JoinPruneEntry anyWc = JoinPruneEntry::wcAny(group);
     UP_TRACE(
         8,
         "UpstreamWcSm::doPrevRpfNeighborCleanup(), RPF'(*,G) change: Deleting periodic join for "
         "route {} for neighbor {}",
         key, neighbor);
-    doWithdrawWc(periodic, group, nullptr);
+    writer_.entryDel(*nbr, JoinPruneSet::periodic, anyWc);
     UP_TRACE(
         8,
         "UpstreamWcSm::doPrevRpfNeighborCleanup(), Deleting pending triggered join for route {} "
         "for neighbor {}",
         key, neighbor);
-    doWithdrawWc(nbr->pendingTriggered(), group, &periodic);
+    writer_.entryDel(*nbr, JoinPruneSet::triggered, anyWc);
     UP_TRACE(
         8,
         "UpstreamWcSm::doPrevRpfNeighborCleanup(), Deleting pending override join for route {} "
         "for neighbor {}",
         key, neighbor);
-    doWithdrawWc(nbr->pendingOverride(), group, &periodic);
+    writer_.entryDel(*nbr, JoinPruneSet::override_, anyWc);
 
     const Wirl::IpGenAddr rp = rpOf(group);
     if (!validAddr(rp)) {
@@ -307,8 +277,7 @@ void UpstreamWcSm::doPrevRpfNeighborCleanup(const RouteKey& key, const Rpf& prev
              "UpstreamWcSm::doPrevRpfNeighborCleanup(), Sending triggered prune for route {} to "
              "neighbor {}",
              key, neighbor);
-    nbr->pendingTriggered().joinPruneGroupDataIs(group).wcSourceDataIs(rp, false);
-    doRefreshGroup(nbr->pendingTriggered(), group, &periodic);
+    writer_.entryIs(*nbr, JoinPruneSet::triggered, JoinPruneEntry::wcPrune(group, rp));
 }
 
 void UpstreamWcSm::doMaybeSetForwardBit(Wirl::IntfId id, Route& route) {
@@ -396,13 +365,15 @@ void UpstreamWcSm::handleRxJoin() {
     }
     const Route& route = *in_.localStatus->wcRoute().raw(RouteKey::wc(m.riKey.group()));
     const Rpf& rpf = *rxRpf(route, m);
+    const auto& group = m.riKey.group();
     const char* why = nullptr;
-    JoinPruneGroupData* gd = nullptr;
-    if (JoinPruneNeighbor* nbr = in_.joinPruneStatus->neighbor(rpf.intf, rpf.neighbor); !nbr) {
+    JoinPruneNeighbor* nbr = writer_.neighbor(rpf.intf, rpf.neighbor);
+    if (!nbr) {
         why = ", Neighbor down";
-    } else if (gd = nbr->periodic().joinPruneGroupData(m.riKey.group()); !gd) {
+    } else if (!writer_.groupData(*nbr, JoinPruneSet::periodic, group)) {
         why = ", No periodic join for group";
-    } else if (!gd->wcSourceDataHas(m.wcSource) || !gd->wcSourceData(m.wcSource).join) {
+    } else if (!validAddr(m.wcSource) || !writer_.has(*nbr, JoinPruneSet::periodic,
+                                                      JoinPruneEntry::wcJoin(group, m.wcSource))) {
         why = ", No periodic join for source";
     }
     if (why) {
@@ -412,7 +383,7 @@ void UpstreamWcSm::handleRxJoin() {
     }
     UP_TRACE(7, "UpstreamWcSm::handleRxJoin({}), Suppressing periodic join to neighbor {}", m.riKey,
              rpf.neighbor);
-    gd->wcSuppressedIs(m.wcSource, true);
+    writer_.wcSuppressedIs(*nbr, group, m.wcSource);
 }
 
 void UpstreamWcSm::handleRxPrune() {
@@ -424,7 +395,7 @@ void UpstreamWcSm::handleRxPrune() {
     }
     const Route& route = *in_.localStatus->wcRoute().raw(RouteKey::wc(m.riKey.group()));
     const Rpf& rpf = *rxRpf(route, m);
-    JoinPruneNeighbor* nbr = in_.joinPruneStatus->neighbor(rpf.intf, rpf.neighbor);
+    JoinPruneNeighbor* nbr = writer_.neighbor(rpf.intf, rpf.neighbor);
     if (!nbr) {
         UP_TRACE(7, "UpstreamWcSm::handleRxPrune({}), Neighbor down", m.riKey);
         ignoredRxPrunesInc();
@@ -432,13 +403,14 @@ void UpstreamWcSm::handleRxPrune() {
     }
     const auto& group = m.riKey.group();
     const Wirl::IpGenAddr rp = validAddr(route.umh()->rp()) ? route.umh()->rp() : m.wcSource;
-    JoinPruneGroupData* groupPeriodic = nbr->periodic().joinPruneGroupData(group);
+    const JoinPruneGroupData* groupPeriodic =
+        writer_.groupData(*nbr, JoinPruneSet::periodic, group);
     UP_TRACE(7, "UpstreamWcSm::handleRxPrune({}), Sending override join", m.riKey);
     UP_TRACE(8, "UpstreamWcSm::handleRxPrune(), groupPeriodic {} for neighbor {}",
              groupPeriodic ? "present" : "absent", rpf.neighbor);
-    JoinPruneGroupData& ov = nbr->pendingOverride().joinPruneGroupDataIs(group);
-    ov.periodicPrunedRptGroupDataIs(Cask::Ptr<JoinPruneGroupData>(groupPeriodic));
-    ov.wcSourceDataIs(rp, true);
+    // Refers to the periodic record, so it carries the group's (S,G,rpt)
+    // prunes.
+    writer_.entryIs(*nbr, JoinPruneSet::override_, JoinPruneEntry::wcJoin(group, rp));
 }
 
 Cask::Ptr<UpstreamWcSm> upstreamWcSmFactory(const UpstreamWcInputs& in) {

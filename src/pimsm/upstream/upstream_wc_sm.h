@@ -23,6 +23,7 @@
 #include "pimsm/route/local_status.h"
 #include "pimsm/upstream/rpf_table.h"
 #include "platform/join_prune.h"
+#include "platform/join_prune_writer.h"
 #include "platform/pim_status.h"
 #include "platform/rp_local.h"
 #include "platform/vrf_records.h"
@@ -176,6 +177,8 @@ private:
                                    const Routing::Pim::JoinPruneMessageInfo& m) const;
 
     UpstreamWcInputs in_;
+    // Every change to the outgoing Join/Prune contents goes through it.
+    Routing::Pim::JoinPruneWriter writer_;
     std::uint32_t ignoredRxJoins_ = 0;
     std::uint32_t ignoredRxPrunes_ = 0;
     bool initialized_ = false;

@@ -96,8 +96,7 @@ void UpstreamWcSm::RhoRoute::handleChangeFlags() {
     } else if (r.upJoinState() == UpJoinState::upJoined) {
         // Same neighbour, but it restarted or flapped and lost what it had.
         auto resend = [&](const Rpf& to) {
-            Routing::Pim::JoinPruneNeighbor* nbr =
-                sm_.in_.joinPruneStatus->neighbor(to.intf, to.neighbor);
+            Routing::Pim::JoinPruneNeighbor* nbr = sm_.writer_.neighbor(to.intf, to.neighbor);
             const Wirl::IpGenAddr rp = sm_.rpOf(key.group());
             if (!nbr || !to.hasNeighbor() || to.intf.isRegister() ||
                 rp.family() == Wirl::AddressFamily::ipunknown) {

@@ -41,7 +41,7 @@ TEST(UpstreamWcSm, JoinWritesPeriodicAndTriggeredLeavePrunesOnlyAnActiveNeighbor
         EXPECT_TRUE(Cask::eventLog().contains("upNotJoined --> upJoined"));
 
         // The packet side sent the triggered Join.
-        f.jp->neighbor(f.up1, f.nbr1)->pendingTriggered().joinPruneGroupDataDelAll();
+        f.jp->neighbor(f.up1, f.nbr1)->pendingSent();
         if (!stillActive) f.pim->activeNeighborDel(NeighborKey{f.up1, f.nbr1});
         f.receiverIs(false);
         EXPECT_EQ(f.route().upJoinState(), UpJoinState::upNotJoined);
@@ -80,7 +80,7 @@ TEST(UpstreamWcSm, RpfPrimeMovesTheJoinAndPrunesTheOldNeighborOnlyIfActive) {
         const IpGenAddr winner = ip("10.0.1.3");
         f.neighborIs(f.up1, winner);
         f.receiverIs(true);
-        f.jp->neighbor(f.up1, f.nbr1)->pendingTriggered().joinPruneGroupDataDelAll();
+        f.jp->neighbor(f.up1, f.nbr1)->pendingSent();
         if (!c.oldActive) f.pim->activeNeighborDel(NeighborKey{f.up1, f.nbr1});
         Rpf expected;
         if (c.assertLoss) {
@@ -122,7 +122,7 @@ TEST(UpstreamWcSm, ChangeFlagsResendToARestartedNeighborAndIgnoreOthers) {
         SCOPED_TRACE(c.text);
         UpstreamFixture f;
         f.receiverIs(true);
-        f.jp->neighbor(f.up1, f.nbr1)->pendingTriggered().joinPruneGroupDataDelAll();
+        f.jp->neighbor(f.up1, f.nbr1)->pendingSent();
         f.changeFlags(c.flags);
         EXPECT_EQ(f.entry(f.nbr1, Set::triggered), c.resent ? "join" : "");
         EXPECT_TRUE(Cask::trace().contains(c.text));

@@ -1,0 +1,316 @@
+#include "platform/join_prune_writer.h"
+
+#include <gtest/gtest.h>
+
+namespace Routing::Pim {
+namespace {
+
+using Kind = JoinPruneEntry::Kind;
+using Set = JoinPruneSet;
+
+Wirl::IpGenAddr ip(std::string_view s) {
+    return *Wirl::IpGenAddr::parse(s);
+}
+
+constexpr Set allSets[] = {Set::periodic, Set::triggered, Set::override_};
+
+struct WriterFixture {
+    WriterFixture() {
+        for (const auto& k : {n1, n2}) jp->neighborIs(k, Cask::make<JoinPruneNeighbor>(k));
+    }
+    JoinPruneNeighbor& nbr(const NeighborKey& k = {}) const {
+        return *jp->neighbor(k.intf.isNull() ? n1.intf : k.intf,
+                             k.intf.isNull() ? n1.address : k.address);
+    }
+    // Group records across every set of every neighbour.
+    std::size_t records() const {
+        std::size_t n = 0;
+        for (const auto& [k, e] : jp->neighbor()) {
+            for (Set s : allSets) n += JoinPruneWriter::set(*e, s).joinPruneGroupDataSize();
+        }
+        return n;
+    }
+    const JoinPruneGroupData* ref(Set s) const {
+        const JoinPruneGroupData* gd = JoinPruneWriter::groupData(nbr(), s, group);
+        return gd ? gd->periodicPrunedRptGroupData().get() : nullptr;
+    }
+
+    const NeighborKey n1{Wirl::IntfId("e1"), ip("10.0.1.2")};
+    const NeighborKey n2{Wirl::IntfId("e2"), ip("10.0.2.2")};
+    const Wirl::IpGenAddr group = ip("239.1.1.1");
+    const Wirl::IpGenAddr rp = ip("10.9.9.9");
+    const RouteKey sg{ip("10.1.1.1"), ip("239.1.1.1")};
+    Cask::Ptr<JoinPruneStatus> jp = Cask::make<JoinPruneStatus>();
+    JoinPruneWriter writer{*jp, L3::VrfName("red")};
+};
+
+// Every kind of entry in every set: written, deleted and withdrawn without
+// touching the other sets or leaving empty records behind.
+TEST(JoinPruneWriter, EachEntryKindInEachSet) {
+    WriterFixture f;
+    const JoinPruneEntry entries[] = {
+        JoinPruneEntry::wcJoin(f.group, f.rp),          JoinPruneEntry::wcPrune(f.group, f.rp),
+        JoinPruneEntry::of(Kind::joined, f.sg),         JoinPruneEntry::of(Kind::pruned, f.sg),
+        JoinPruneEntry::of(Kind::joinSuppressed, f.sg), JoinPruneEntry::of(Kind::rptJoined, f.sg),
+        JoinPruneEntry::of(Kind::rptPruned, f.sg)};
+    for (const auto& e : entries) {
+        for (Set s : allSets) {
+            SCOPED_TRACE(e.str() + " in set " + std::to_string(static_cast<int>(s)));
+            f.writer.entryIs(f.nbr(), s, e);
+            for (Set other : allSets) {
+                EXPECT_EQ(JoinPruneWriter::has(f.nbr(), other, e), other == s);
+            }
+            EXPECT_FALSE(JoinPruneWriter::has(*f.jp->neighbor(f.n2.intf, f.n2.address), s, e));
+            EXPECT_EQ(f.records(), 1u);
+            f.writer.entryDel(f.nbr(), s, e);
+            EXPECT_FALSE(JoinPruneWriter::has(f.nbr(), s, e));
+            EXPECT_EQ(f.records(), 0u);
+
+            for (Set any : allSets) f.writer.entryIs(f.nbr(), any, e);
+            f.writer.entryIs(f.nbr(f.n2), s, e);
+            f.writer.entryWithdraw(f.nbr(), e);
+            EXPECT_EQ(f.records(), 1u);  // only the other neighbour's
+            f.writer.entryWithdraw(f.nbr(f.n2), e);
+            EXPECT_EQ(f.records(), 0u);
+        }
+    }
+}
+
+// An entry and its opposite exclude each other; a Join's suppression goes
+// with it; the periodic set keeps one (*,G) entry per group.
+TEST(JoinPruneWriter, OppositeEntriesReplaceEachOther) {
+    struct Case {
+        std::vector<JoinPruneEntry> writes;
+        JoinPruneEntry del;  // then deleted (kind wc with no RP: nothing)
+        std::vector<JoinPruneEntry> present, absent;
+        Set set = Set::triggered;
+    };
+    WriterFixture f;
+    const auto sgE = [&](Kind k) { return JoinPruneEntry::of(k, f.sg); };
+    const auto rp2 = ip("10.9.9.8");
+    const JoinPruneEntry none = JoinPruneEntry::wcAny(ip("239.9.9.9"));
+    const Case cases[] = {
+        {{sgE(Kind::pruned), sgE(Kind::joined)}, none, {sgE(Kind::joined)}, {sgE(Kind::pruned)}},
+        {{sgE(Kind::joined), sgE(Kind::joinSuppressed), sgE(Kind::pruned)},
+         none,
+         {sgE(Kind::pruned)},
+         {sgE(Kind::joined), sgE(Kind::joinSuppressed)}},
+        {{sgE(Kind::joined), sgE(Kind::joinSuppressed)},
+         sgE(Kind::joined),
+         {},
+         {sgE(Kind::joinSuppressed)},
+         Set::periodic},
+        {{sgE(Kind::rptPruned), sgE(Kind::rptJoined)},
+         none,
+         {sgE(Kind::rptJoined)},
+         {sgE(Kind::rptPruned)}},
+        {{sgE(Kind::rptJoined), sgE(Kind::rptPruned)},
+         none,
+         {sgE(Kind::rptPruned)},
+         {sgE(Kind::rptJoined)}},
+        {{JoinPruneEntry::wcJoin(f.group, f.rp), JoinPruneEntry::wcPrune(f.group, f.rp)},
+         none,
+         {JoinPruneEntry::wcPrune(f.group, f.rp)},
+         {JoinPruneEntry::wcJoin(f.group, f.rp)}},
+        // A triggered message may carry entries toward two RPs; the periodic
+        // one keeps the latest only.
+        {{JoinPruneEntry::wcPrune(f.group, rp2), JoinPruneEntry::wcJoin(f.group, f.rp)},
+         none,
+         {JoinPruneEntry::wcPrune(f.group, rp2), JoinPruneEntry::wcJoin(f.group, f.rp)},
+         {}},
+        {{JoinPruneEntry::wcJoin(f.group, rp2), JoinPruneEntry::wcJoin(f.group, f.rp)},
+         none,
+         {JoinPruneEntry::wcJoin(f.group, f.rp)},
+         {JoinPruneEntry::wcJoin(f.group, rp2)},
+         Set::periodic},
+        // Deleting (*,G) with no RP takes every RP's entry, Join or Prune.
+        {{JoinPruneEntry::wcPrune(f.group, rp2), JoinPruneEntry::wcJoin(f.group, f.rp),
+          sgE(Kind::joined)},
+         JoinPruneEntry::wcAny(f.group),
+         {sgE(Kind::joined)},
+         {JoinPruneEntry::wcAny(f.group)}},
+    };
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE("case " + std::to_string(i));
+        const Case& c = cases[i];
+        for (const auto& e : c.writes) f.writer.entryIs(f.nbr(), c.set, e);
+        f.writer.entryDel(f.nbr(), c.set, c.del);
+        for (const auto& e : c.present) EXPECT_TRUE(JoinPruneWriter::has(f.nbr(), c.set, e));
+        for (const auto& e : c.absent) EXPECT_FALSE(JoinPruneWriter::has(f.nbr(), c.set, e));
+        JoinPruneWriter::set(f.nbr(), c.set).joinPruneGroupDataDelAll();
+    }
+}
+
+// A triggered or override (*,G) Join refers to the periodic record of its
+// group while both exist, whichever was written first.
+TEST(JoinPruneWriter, PendingJoinFollowsThePeriodicRecord) {
+    WriterFixture f;
+    const auto prune = JoinPruneEntry::of(Kind::rptPruned, f.sg);
+    const auto join = JoinPruneEntry::wcJoin(f.group, f.rp);
+    for (Set s : {Set::triggered, Set::override_}) {
+        SCOPED_TRACE(static_cast<int>(s));
+        f.writer.entryIs(f.nbr(), s, join);
+        EXPECT_EQ(f.ref(s), nullptr);  // nothing periodic yet
+        f.writer.entryIs(f.nbr(), Set::periodic, prune);
+        const JoinPruneGroupData* periodic =
+            JoinPruneWriter::groupData(f.nbr(), Set::periodic, f.group);
+        ASSERT_NE(periodic, nullptr);
+        EXPECT_EQ(f.ref(s), periodic);
+        EXPECT_TRUE(periodic->prunedRptSourceHas(f.sg.source()));
+        // A Prune carries no (S,G,rpt) prunes; a Join again does.
+        f.writer.entryIs(f.nbr(), s, JoinPruneEntry::wcPrune(f.group, f.rp));
+        EXPECT_EQ(f.ref(s), nullptr);
+        f.writer.entryIs(f.nbr(), s, join);
+        EXPECT_EQ(f.ref(s), periodic);
+        // The periodic record empties and goes: nothing is referred to.
+        f.writer.entryDel(f.nbr(), Set::periodic, prune);
+        EXPECT_EQ(JoinPruneWriter::groupData(f.nbr(), Set::periodic, f.group), nullptr);
+        EXPECT_EQ(f.ref(s), nullptr);
+        f.writer.entryWithdraw(f.nbr(), join);
+        EXPECT_EQ(f.records(), 0u);
+    }
+}
+
+TEST(JoinPruneWriter, StartUpSweepRemovesStaleEntriesAndKeepsLiveOnes) {
+    WriterFixture f;
+    const auto g2 = ip("239.2.2.2");
+    const RouteKey live = f.sg, gone{ip("10.1.1.2"), f.group};
+    f.writer.entryIs(f.nbr(), Set::periodic, JoinPruneEntry::wcJoin(f.group, f.rp));
+    f.writer.entryIs(f.nbr(f.n2), Set::periodic, JoinPruneEntry::wcJoin(g2, f.rp));
+    f.writer.entryIs(f.nbr(f.n2), Set::triggered, JoinPruneEntry::wcJoin(g2, f.rp));
+    for (const auto& k : {live, gone}) {
+        f.writer.entryIs(f.nbr(), Set::periodic, JoinPruneEntry::of(Kind::joined, k));
+        f.writer.entryIs(f.nbr(), Set::periodic, JoinPruneEntry::of(Kind::rptPruned, k));
+    }
+    f.writer.entryIs(f.nbr(), Set::periodic, JoinPruneEntry::of(Kind::joinSuppressed, gone));
+
+    // (*,G): only g2's route is gone.
+    auto removed = f.writer.periodicSweep(
+        Kind::wc, [&](const NeighborKey&, const JoinPruneEntry& e) { return e.group() == g2; });
+    ASSERT_EQ(removed.size(), 1u);
+    EXPECT_EQ(removed[0].first, f.n2);
+    EXPECT_EQ(removed[0].second, JoinPruneEntry::wcJoin(g2, f.rp));
+    EXPECT_EQ(JoinPruneWriter::groupData(f.nbr(f.n2), Set::periodic, g2), nullptr);
+    // The triggered Join stays but no longer refers to a removed record.
+    const auto* trig = JoinPruneWriter::groupData(f.nbr(f.n2), Set::triggered, g2);
+    ASSERT_NE(trig, nullptr);
+    EXPECT_EQ(trig->periodicPrunedRptGroupData(), nullptr);
+    EXPECT_TRUE(
+        JoinPruneWriter::has(f.nbr(), Set::periodic, JoinPruneEntry::wcJoin(f.group, f.rp)));
+
+    // (S,G) Joins and (S,G,rpt) Prunes of the route that is gone; its
+    // suppression goes with its Join.
+    auto stale = [&](const NeighborKey&, const JoinPruneEntry& e) { return e.key == gone; };
+    EXPECT_EQ(f.writer.periodicSweep(Kind::joined, stale).size(), 1u);
+    EXPECT_EQ(f.writer.periodicSweep(Kind::rptPruned, stale).size(), 1u);
+    for (Kind k : {Kind::joined, Kind::rptPruned, Kind::joinSuppressed}) {
+        EXPECT_FALSE(JoinPruneWriter::has(f.nbr(), Set::periodic, JoinPruneEntry::of(k, gone)));
+    }
+    for (Kind k : {Kind::joined, Kind::rptPruned}) {
+        EXPECT_TRUE(JoinPruneWriter::has(f.nbr(), Set::periodic, JoinPruneEntry::of(k, live)));
+    }
+    // Everything stale: the records go.
+    auto all = [](const NeighborKey&, const JoinPruneEntry&) { return true; };
+    for (Kind k : {Kind::wc, Kind::joined, Kind::rptPruned}) f.writer.periodicSweep(k, all);
+    EXPECT_EQ(f.nbr().periodic().joinPruneGroupDataSize(), 0u);
+}
+
+TEST(JoinPruneWriterDeathTest, RpfNeighborWithoutEntryIsFatal) {
+    WriterFixture f;
+    EXPECT_EQ(&f.writer.rpfNeighbor(f.n1.intf, f.n1.address), &f.nbr());
+    EXPECT_DEATH(f.writer.rpfNeighbor(f.n1.intf, ip("10.0.1.77")), "jpNeighbor");
+}
+
+TEST(JoinPruneStatus, SentEmptiesPendingSetsKeepsPeriodicAndShowsLastSent) {
+    WriterFixture f;
+    const auto join = JoinPruneEntry::wcJoin(f.group, f.rp);
+    const auto rptJoin = JoinPruneEntry::of(Kind::rptJoined, f.sg);
+    f.writer.entryIs(f.nbr(), Set::periodic, join);
+    f.writer.entryIs(f.nbr(), Set::triggered, join);
+    f.writer.entryIs(f.nbr(f.n2), Set::override_, rptJoin);
+    f.jp->pendingSent();
+    for (const auto& k : {f.n1, f.n2}) {
+        EXPECT_EQ(f.nbr(k).pendingTriggered().joinPruneGroupDataSize(), 0u);
+        EXPECT_EQ(f.nbr(k).pendingOverride().joinPruneGroupDataSize(), 0u);
+    }
+    EXPECT_TRUE(JoinPruneWriter::has(f.nbr(), Set::periodic, join));
+    const auto* sent = f.nbr().sentTriggered().joinPruneGroupData(f.group);
+    ASSERT_NE(sent, nullptr);
+    EXPECT_TRUE(sent->wcSourceData(f.rp).join);
+    EXPECT_EQ(f.nbr().sentOverride().joinPruneGroupDataSize(), 0u);
+    ASSERT_NE(f.nbr(f.n2).sentOverride().joinPruneGroupData(f.group), nullptr);
+    EXPECT_TRUE(
+        f.nbr(f.n2).sentOverride().joinPruneGroupData(f.group)->joinedRptSourceHas(f.sg.source()));
+
+    // A copy: later writes do not change what was sent; nothing pending
+    // keeps it; new pending contents replace it.
+    f.writer.entryIs(f.nbr(), Set::triggered, JoinPruneEntry::wcPrune(f.group, f.rp));
+    EXPECT_TRUE(f.nbr().sentTriggered().joinPruneGroupData(f.group)->wcSourceData(f.rp).join);
+    f.jp->pendingSent();
+    f.jp->pendingSent();
+    EXPECT_FALSE(f.nbr().sentTriggered().joinPruneGroupData(f.group)->wcSourceData(f.rp).join);
+    EXPECT_EQ(f.nbr(f.n2).sentOverride().joinPruneGroupDataSize(), 1u);
+}
+
+TEST(JoinPruneRecords, RemembersReceivedPrunesAndDecodesWholeMessages) {
+    struct Watcher : JoinPruneStatus::Notifiee, JoinPruneRxStatus::Notifiee {
+        using RouteIntfKey = Routing::Gmp::Tidal::RouteIntfKey;
+        void handleRxPrune(const RouteIntfKey& k) override { rxPrunes.push_back(k); }
+        void handleJoinPruneMessage() override { ++messages; }
+        std::vector<RouteIntfKey> rxPrunes;
+        int messages = 0;
+    } w;
+    auto jp = Cask::make<JoinPruneStatus>();
+    auto rx = Cask::make<JoinPruneRxStatus>();
+    w.JoinPruneStatus::Notifiee::notifierIs(jp.get());
+    w.JoinPruneRxStatus::Notifiee::notifierIs(rx.get());
+
+    JoinPruneMessageInfo m;
+    m.riKey = RouteKey(ip("10.1.1.1"), ip("239.1.1.1"));
+    m.upstreamNeighbor = ip("10.0.1.1");
+    m.sender = ip("10.0.1.9");
+    const Routing::Gmp::Tidal::RouteIntfKey k{m.riKey, Wirl::IntfId("e1")};
+    jp->rxPruneIs(k, RxPruneInfo(m));
+    EXPECT_EQ(jp->rxPrune(k).upstreamNeighbor, m.upstreamNeighbor);
+    EXPECT_EQ(jp->rxPrune(k).riKey, m.riKey);
+    jp->rxPruneDel(k);
+    EXPECT_FALSE(jp->rxPruneHas(k));
+    EXPECT_EQ(w.rxPrunes.size(), 2u);
+
+    JoinPruneMessage msg;
+    msg.sender = ip("10.0.1.9");
+    msg.intf = Wirl::IntfId("e1");
+    msg.upstreamNeighbor = ip("10.0.1.1");
+    msg.holdTime = 90;
+    auto& g = msg.data->joinPruneGroupDataIs(ip("239.1.1.1"));
+    g.wcSourceDataIs(ip("10.9.9.9"), true);
+    g.joinedSourceIs(ip("10.1.1.1"));
+    g.prunedSourceIs(ip("10.1.1.2"));
+    g.joinedRptSourceIs(ip("10.1.1.3"));
+    g.prunedRptSourceIs(ip("10.1.1.4"));
+    msg.data->joinPruneGroupDataIs(ip("239.2.2.2")).wcSourceDataIs(ip("10.9.9.9"), false);
+    rx->joinPruneMessageIs(msg);
+    rx->joinPruneMessageIs(msg);  // the same message again is a new event
+    EXPECT_EQ(w.messages, 2);
+
+    std::vector<std::string> got;
+    rx->joinPruneMessage().forEachEntry([&](bool join, const JoinPruneMessageInfo& e) {
+        EXPECT_EQ(e.holdTime, 90);
+        EXPECT_EQ(e.upstreamNeighbor, msg.upstreamNeighbor);
+        got.push_back(fmt::format("{} {} wc={} rpt={} rp={}", join ? "J" : "P", e.riKey,
+                                  e.sourceFlags.wildcard, e.sourceFlags.rpt,
+                                  e.sourceFlags.isStarG() ? e.wcSource.str() : "-"));
+    });
+    const std::vector<std::string> want = {
+        "J (*, 239.1.1.1) wc=true rpt=true rp=10.9.9.9",
+        "J (10.1.1.1, 239.1.1.1) wc=false rpt=false rp=-",
+        "P (10.1.1.2, 239.1.1.1) wc=false rpt=false rp=-",
+        "J (10.1.1.3, 239.1.1.1) wc=false rpt=true rp=-",
+        "P (10.1.1.4, 239.1.1.1) wc=false rpt=true rp=-",
+        "P (*, 239.2.2.2) wc=true rpt=true rp=10.9.9.9",
+    };
+    EXPECT_EQ(got, want);
+}
+
+}  // namespace
+}  // namespace Routing::Pim
