@@ -365,9 +365,13 @@ void MfibSm::setNoRpfFlag(Wirl::IntfId iif, TMF::Route::RouteFlags& flags) {
 // --- reactors ----------------------------------------------------------------------------
 
 void MfibSm::RhoLocalStatus::handleSgRoute(const Routing::Pim::RouteKey& key) {
-    if (RhoSgRoute* rho = sm_.sgRho_.update(key, sm_.localStatus_->sgRoute().raw(key), sm_)) {
-        rho->handleRoute();
+    Route* route = sm_.localStatus_->sgRoute().raw(key);
+    if (route) {
+        sm_.sgKeys_.insert(key);
+    } else {
+        sm_.sgKeys_.erase(key);
     }
+    if (RhoSgRoute* rho = sm_.sgRho_.update(key, route, sm_)) rho->handleRoute();
 }
 
 void MfibSm::RhoLocalStatus::handleWcRoute(const Routing::Pim::RouteKey& key) {
@@ -379,21 +383,13 @@ void MfibSm::RhoLocalStatus::handleWcRoute(const Routing::Pim::RouteKey& key) {
 }
 
 void MfibSm::handleInheritedWcIntf(const Routing::Pim::RouteKey& wcKey) {
-    const Wirl::IpGenAddr& group = wcKey.group();
-    if (routeStatus_) {
-        const AddrSet* sources = routeStatus_->groupSource().raw(group);
-        if (!sources) return;
-        for (const Wirl::IpGenAddr& source : sources->member()) {
-            const Routing::Pim::RouteKey key(source, group);
-            if (sgRho_.has(key)) doMarkDirty(key);
-        }
-        return;
+    const Routing::Pim::RouteKey first(Wirl::IpGenAddr::zero(wcKey.family()), wcKey.group());
+    std::vector<Routing::Pim::RouteKey> group;
+    for (auto it = sgKeys_.upper_bound(first); it != sgKeys_.end(); ++it) {
+        if (it->group() != wcKey.group()) break;
+        group.push_back(*it);
     }
-    std::vector<Routing::Pim::RouteKey> keys;
-    sgRho_.forEach([&](RhoSgRoute* rho) {
-        if (rho->reactorKey().group() == group) keys.push_back(rho->reactorKey());
-    });
-    for (const auto& key : keys) doMarkDirty(key);
+    for (const auto& key : group) doMarkDirty(key);
 }
 
 MfibSm::RhoRoute* MfibSm::rho(const Routing::Pim::RouteKey& key) const {

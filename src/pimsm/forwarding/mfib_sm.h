@@ -263,6 +263,9 @@ private:
     Cask::EventLoop* loop_ = nullptr;
     RhoLocalStatus rhoLocalStatus_{*this};
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoSgRoute> sgRho_;
+    // The (S,G) keys ordered by group then source, so that a group's (S,G)
+    // routes are adjacent.
+    std::set<Routing::Pim::RouteKey> sgKeys_;
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoWcRoute> wcRho_;
     std::set<Routing::Pim::RouteKey> dirty_;
     bool buildScheduled_ = false;
