@@ -170,6 +170,9 @@ int run(std::size_t n) {
         r->umh()->doUpdateRpf(Routing::Pim::Rpf{up, ip(0x0a020002u), 1, 1});
         r->routeIntfIs(host)->localReceiverIncludeIs(true);
         r->initializedIs(true);
+        // The host's membership, so that membership keeps the receiver it finds.
+        const Routing::Gmp::Tidal::RouteIntfKey k{r->key(), host};
+        vrf.membership->membershipIs(k, {k, Routing::Gmp::Tidal::FilterMode::include});
     }
     std::vector<Row> rows;
     // Takes up the routes with one more machine and measures what it added.
@@ -180,9 +183,10 @@ int run(std::size_t n) {
         make();
         vrf.loop.runUntilIdle(vrf.clock.now() + 1);
         Row row{name};
-        row.blocks = double(blocks() - blocks0) / double(n);
+        row.blocks = (double(blocks()) - double(blocks0)) / double(n);
         row.index = double(index()) / double(n);
-        row.slots = double(registrations(*vrf.status) - slots0) * sizeof(void*) / double(n);
+        row.slots =
+            (double(registrations(*vrf.status)) - double(slots0)) * sizeof(void*) / double(n);
         row.reactor = row.blocks + row.index + row.slots;
         row.allocated = double(liveBytes - bytes0) / double(n);
         rows.push_back(row);
