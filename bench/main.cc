@@ -1,6 +1,7 @@
 // pimsm-bench: `pimsm-bench end-to-end [--routes N] [--json]` runs the whole-agent scale
-// benchmark; any other arguments go to the Google Benchmark suite (so `--benchmark_filter=...`
-// and a bare `pimsm-bench` work as usual).
+// benchmark; `pimsm-bench reactors [--routes N]` the per-route reactor footprint; any other
+// arguments go to the Google Benchmark suite (so `--benchmark_filter=...` and a bare `pimsm-bench`
+// work as usual).
 
 #include <benchmark/benchmark.h>
 
@@ -8,10 +9,16 @@
 
 #include "end_to_end.h"
 
+namespace Bench {
+int reactorsMain(int argc, char** argv);  // reactor_bench.cc
+}
+
 int main(int argc, char** argv) {
     if (argc > 1 && std::string_view(argv[1]) == "end-to-end") {
         return Bench::endToEndMain(argc - 1, argv + 1);
     }
+    if (argc > 1 && std::string_view(argv[1]) == "reactors")
+        return Bench::reactorsMain(argc - 1, argv + 1);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     benchmark::RunSpecifiedBenchmarks();

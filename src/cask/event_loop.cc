@@ -35,6 +35,21 @@ void EventLoop::post(std::function<void()> work) {
     posted_.push_back(std::move(work));
 }
 
+void EventLoop::atEndOfTurn(std::function<void()> work) {
+    CASK_ASSERT(work, "end-of-turn work empty");
+    endOfTurn_.push_back(std::move(work));
+}
+
+bool EventLoop::runEndOfTurn() {
+    if (endOfTurn_.empty()) return false;
+    while (!endOfTurn_.empty()) {
+        std::function<void()> work = std::move(endOfTurn_.front());
+        endOfTurn_.pop_front();
+        work();
+    }
+    return true;
+}
+
 Seconds EventLoop::nextExpiry() const {
     Seconds next = heap_.empty() ? never : heap_.front().at;
     for (const Entry& e : deferred_) next = std::min(next, e.at);
@@ -46,7 +61,8 @@ bool EventLoop::runOnce() {
     inTurn_ = true;
     OnExit leave{[this] { inTurn_ = false; }};
     const Seconds start = clock_.now();
-    bool ran = runPosted();
+    bool ran = runEndOfTurn();
+    ran = runPosted() || ran;
     ran = fireDue() || ran;
     if (ran) {
         ++turns_;
@@ -86,6 +102,7 @@ bool EventLoop::runPosted() {
         std::function<void()> work = std::move(posted_.front());
         posted_.pop_front();
         work();
+        runEndOfTurn();
     }
     return true;
 }
@@ -104,6 +121,7 @@ bool EventLoop::fireDue() {
         timer.where_ = Timer::Where::none;
         timer.timeMin_ = never;
         fire(timer);
+        runEndOfTurn();
     }
     return true;
 }

@@ -5,10 +5,17 @@
 // on virtual time (VirtualClock) in tests and scenarios.
 //
 // Turn order, which is what makes runs reproducible:
-// 1. run the posted work that was queued before this turn began, FIFO; work posted meanwhile waits
+// 1. run the end-of-turn work queued from outside the loop (by code that changed records between
+//    runs), FIFO;
+// 2. run the posted work that was queued before this turn began, FIFO; work posted meanwhile waits
 //    for the next turn;
-// 2. then read the clock once (call it T) and fire every timer whose expiry <= T, in order of
-//    (expiry, arming sequence number). Every arm or re-arm takes a new sequence number. A timer is
+// 3. then read the clock once (call it T) and fire every timer whose expiry <= T, in order of
+//    (expiry, arming sequence number).
+// After every posted item and every timer callback, the end-of-turn work that the callback's
+// handler chain queued (`atEndOfTurn`) runs, FIFO, including work queued by that work, before the
+// next item or timer: so a machine that marks records dirty in its handlers builds them once, when
+// the chain has settled, and before anything of a later time happens. Every arm or re-arm takes a
+// new sequence number. A timer is
 //    disarmed before its callback runs, so the callback may re-arm it. A timer armed during this
 //    phase for a time <= T fires on the NEXT turn, not this one: a timer that re-arms itself "now"
 //    lets posted work in between, and a turn always ends.
@@ -43,6 +50,9 @@ public:
 
     // Runs `work` on a later turn, after everything posted before it.
     void post(std::function<void()> work);
+    // Runs `work` once the current callback's handler chain has returned (see above); from outside
+    // a callback, at the start of the next turn.
+    void atEndOfTurn(std::function<void()> work);
 
     // One turn (see above). Returns whether any work or timer callback ran. Not re-entrant: a
     // callback must not run the loop.
@@ -61,6 +71,7 @@ public:
 
     std::size_t armedTimers() const { return heap_.size() + deferred_.size(); }
     std::size_t postedWork() const { return posted_.size(); }
+    std::size_t endOfTurnWork() const { return endOfTurn_.size(); }
     Seconds nextExpiry() const;                           // `never` when no timer is armed
     std::uint64_t turns() const { return turns_; }        // turns in which something ran
     Seconds longestTurn() const { return longestTurn_; }  // measured on the loop's clock
@@ -81,6 +92,7 @@ private:
 
     void drive(Seconds limit);
     bool runPosted();
+    bool runEndOfTurn();
     bool fireDue();
     void fire(Timer& timer);
     void endTimerPhase();
@@ -99,6 +111,7 @@ private:
 
     Clock& clock_;
     std::deque<std::function<void()>> posted_;
+    std::deque<std::function<void()>> endOfTurn_;
     std::vector<Entry> heap_;
     // Timers armed during the timer phase for a time already due: they join the heap when the
     // phase ends, so that the phase fires only timers armed before it.

@@ -217,5 +217,37 @@ TEST(EventLoopTest, LongestTurnIsMeasuredOnTheLoopClock) {
     EXPECT_DOUBLE_EQ(f.loop.longestTurn(), 2.5);
 }
 
+TEST(EventLoopTest, EndOfTurnWorkRunsWhenEachCallbackHasReturned) {
+    // Work queued at end of turn runs after the callback that queued it (and after the work it
+    // queued in turn), before the next posted item, the next due timer and later timers.
+    Fixture f;
+    auto mark = [&f](char c) { return [&f, c] { f.log += c; }; };
+    f.loop.atEndOfTurn(mark('0'));  // from outside: first thing of the next turn
+    f.loop.post([&] {
+        f.log += 'p';
+        f.loop.atEndOfTurn([&] {
+            f.log += 'e';
+            f.loop.atEndOfTurn(mark('E'));
+        });
+        f.log += 'P';
+    });
+    f.loop.post(mark('q'));
+    auto t1 = std::make_unique<Timer>(f.loop, [&] {
+        f.log += 't';
+        f.loop.atEndOfTurn(mark('x'));
+    });
+    auto t2 = f.timer('u');
+    auto t3 = f.timer('v');
+    t1->timeMinIs(1);
+    t2->timeMinIs(1);
+    t3->timeMinIs(2);
+    EXPECT_EQ(f.loop.endOfTurnWork(), 1u);
+    f.loop.runUntil(1);
+    EXPECT_EQ(f.log, "0pPeEqtxu");
+    EXPECT_EQ(f.loop.endOfTurnWork(), 0u);
+    f.loop.runUntilIdle();
+    EXPECT_EQ(f.log, "0pPeEqtxuv");
+}
+
 }  // namespace
 }  // namespace Cask

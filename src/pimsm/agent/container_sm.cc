@@ -206,7 +206,7 @@ void ContainerSm::handleInitialized() {
     gmpSm_ = gmpSmFactory(gmp);
 
     // Forwarding entries.
-    mfibSm_ = mfibSmFactory(vrf_, mfibTidal_, status_, localStatus_, nullptr);
+    mfibSm_ = mfibSmFactory(vrf_, mfibTidal_, status_, localStatus_, nullptr, &pc_.loop);
 
     // (*,G) programming support of the hardware.
     agentStatus_ = Cask::make<AgentStatus>();

@@ -70,25 +70,23 @@ TMF::OifIndex delTidalRouteOif(MfibSm& mfibSm, TMF::Route& route, Wirl::IntfId i
 
 // --- RhoRoute ------------------------------------------------------------------------
 
-MfibSm::RhoRoute::RhoRoute(MfibSm& sm, Cask::Ptr<Route> route) : sm_(sm), route_(std::move(route)) {
+MfibSm::RhoRoute::RhoRoute(MfibSm& sm, Route& route) : sm_(sm), route_(&route) {
     notifierIs(route_.get());
     umh_.notifierIs(route_->umh());
     umhFrr_.notifierIs(route_->umhFrr());
-    for (const auto& [id, intf] : route_->routeIntf()) {
-        intf_.emplace(id, std::make_unique<IntfWatcher>(*intf, *this));
-    }
+    for (const auto& [id, intf] : route_->routeIntf()) intf_.update(id, intf.get(), *this);
+}
+
+void MfibSm::RhoRoute::handleDelete() {
+    const Routing::Pim::RouteKey key = route_->key();
+    sm_.dirty_.erase(key);
+    sm_.handleDelete(key);
 }
 
 MfibSm::RhoRoute::~RhoRoute() = default;
 
 void MfibSm::RhoRoute::handleRouteIntf(Wirl::IntfId intfId) {
-    Intf* intf = route_->routeIntfRaw(intfId);
-    auto it = intf_.find(intfId);
-    if (!intf) {
-        if (it != intf_.end()) intf_.erase(it);
-    } else if (it == intf_.end() || it->second->notifier() != intf) {
-        intf_[intfId] = std::make_unique<IntfWatcher>(*intf, *this);
-    }
+    intf_.update(intfId, route_->routeIntfRaw(intfId), *this);
     handleIntfChanged(intfId);
 }
 
@@ -229,7 +227,8 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
 
 // --- RhoSgRoute / RhoWcRoute -------------------------------------------------------------
 
-void MfibSm::RhoSgRoute::handleRoute() {
+void MfibSm::RhoSgRoute::doBuildRecord() {
+    ++sm_.builds_;
     CASK_TRACE(6, "<Vrf:{}>MfibSm::RhoSgRoute::handleRoute({}) rpf: {}", sm_.vrfName(),
                route_->key(), route_->rpf().str());
     if (!sm_.isProgrammableRoute(route_->key())) {
@@ -239,7 +238,8 @@ void MfibSm::RhoSgRoute::handleRoute() {
     doBuild(true);
 }
 
-void MfibSm::RhoWcRoute::handleWcRoute() {
+void MfibSm::RhoWcRoute::doBuildRecord() {
+    ++sm_.builds_;
     CASK_TRACE(6, "<Vrf:{}>MfibSm::RhoWcRoute::handleWcRoute({}) rpf: {}", sm_.vrfName(),
                route_->key(), route_->rpf().str());
     if (!sm_.isProgrammableRoute(route_->key())) {
@@ -250,7 +250,7 @@ void MfibSm::RhoWcRoute::handleWcRoute() {
 }
 
 void MfibSm::RhoWcRoute::handleIntfChanged(Wirl::IntfId intfId) {
-    handleWcRoute();
+    handleRoute();
     CASK_TRACE(7, "<Vrf:{}>MfibSm::handleInheritedWcIntf({}, {})", sm_.vrfName(), route_->key(),
                intfId);
     sm_.handleInheritedWcIntf(route_->key());

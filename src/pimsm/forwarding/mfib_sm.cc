@@ -16,12 +16,13 @@ using Routing::Multicast::Fib::IpGenRouteKey;
 
 MfibSm::MfibSm(L3::VrfName vrfName, Cask::Ptr<TMF::Status> mfibTidal, Cask::Ptr<Status> routeStatus,
                Cask::Ptr<LocalStatus> localStatus,
-               Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig)
+               Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig, Cask::EventLoop* loop)
     : vrfName_(std::move(vrfName)),
       mfibTidal_(std::move(mfibTidal)),
       routeStatus_(std::move(routeStatus)),
       localStatus_(std::move(localStatus)),
-      mfibConfig_(std::move(mfibConfig)) {
+      mfibConfig_(std::move(mfibConfig)),
+      loop_(loop) {
     CASK_ASSERT(mfibTidal_ && localStatus_, "MfibSm inputs");
     notifierIs(mfibConfig_.get());
 }
@@ -53,16 +54,10 @@ void MfibSm::handleInit() {
         handleDelete(convertKey(key));
     }
     rhoLocalStatus_.notifierIs(localStatus_.get());
-    std::vector<Routing::Pim::RouteKey> keys;
-    for (const auto& [key, route] : localStatus_->wcRoute()) keys.push_back(key);
-    for (const auto& [key, route] : localStatus_->sgRoute()) keys.push_back(key);
-    for (const auto& key : keys) {
-        if (key.isWc()) {
-            rhoLocalStatus_.handleWcRoute(key);
-        } else {
-            rhoLocalStatus_.handleSgRoute(key);
-        }
-    }
+    wcRho_.sweep(localStatus_->wcRoute(),
+                 [this](const Routing::Pim::RouteKey& k) { rhoLocalStatus_.handleWcRoute(k); });
+    sgRho_.sweep(localStatus_->sgRoute(),
+                 [this](const Routing::Pim::RouteKey& k) { rhoLocalStatus_.handleSgRoute(k); });
 }
 
 bool MfibSm::routeHeld(const Routing::Pim::RouteKey& key) const {
@@ -370,29 +365,18 @@ void MfibSm::setNoRpfFlag(Wirl::IntfId iif, TMF::Route::RouteFlags& flags) {
 // --- reactors ----------------------------------------------------------------------------
 
 void MfibSm::RhoLocalStatus::handleSgRoute(const Routing::Pim::RouteKey& key) {
-    Cask::Ptr<Route> route = sm_.localStatus_->sgRoute(key);
-    auto it = sm_.sgRho_.find(key);
-    if (it != sm_.sgRho_.end() && (!route || it->second->route() != route.get())) {
-        sm_.sgRho_.erase(it);
-        sm_.handleDelete(key);
+    Route* route = sm_.localStatus_->sgRoute().raw(key);
+    if (route) {
+        sm_.sgKeys_.insert(key);
+    } else {
+        sm_.sgKeys_.erase(key);
     }
-    if (!route || sm_.sgRho_.contains(key)) return;
-    auto* rho =
-        sm_.sgRho_.emplace(key, std::make_unique<RhoSgRoute>(sm_, route)).first->second.get();
-    rho->handleRoute();
+    if (RhoSgRoute* rho = sm_.sgRho_.update(key, route, sm_)) rho->handleRoute();
 }
 
 void MfibSm::RhoLocalStatus::handleWcRoute(const Routing::Pim::RouteKey& key) {
-    Cask::Ptr<Route> route = sm_.localStatus_->wcRoute(key);
-    auto it = sm_.wcRho_.find(key);
-    if (it != sm_.wcRho_.end() && (!route || it->second->route() != route.get())) {
-        sm_.wcRho_.erase(it);
-        sm_.handleDelete(key);
-    }
-    if (route && !sm_.wcRho_.contains(key)) {
-        auto* rho =
-            sm_.wcRho_.emplace(key, std::make_unique<RhoWcRoute>(sm_, route)).first->second.get();
-        rho->handleWcRoute();
+    if (RhoWcRoute* rho = sm_.wcRho_.update(key, sm_.localStatus_->wcRoute().raw(key), sm_)) {
+        rho->handleRoute();
     }
     // The group's (S,G) routes inherit from it and drop packets arriving on it.
     sm_.handleInheritedWcIntf(key);
@@ -400,30 +384,49 @@ void MfibSm::RhoLocalStatus::handleWcRoute(const Routing::Pim::RouteKey& key) {
 
 void MfibSm::handleInheritedWcIntf(const Routing::Pim::RouteKey& wcKey) {
     const Routing::Pim::RouteKey first(Wirl::IpGenAddr::zero(wcKey.family()), wcKey.group());
-    std::vector<RhoSgRoute*> group;
-    for (auto it = sgRho_.upper_bound(first); it != sgRho_.end(); ++it) {
-        if (it->first.group() != wcKey.group()) break;
-        group.push_back(it->second.get());
+    std::vector<Routing::Pim::RouteKey> group;
+    for (auto it = sgKeys_.upper_bound(first); it != sgKeys_.end(); ++it) {
+        if (it->group() != wcKey.group()) break;
+        group.push_back(*it);
     }
-    for (auto* rho : group) rho->handleRoute();
+    for (const auto& key : group) doMarkDirty(key);
 }
 
 MfibSm::RhoRoute* MfibSm::rho(const Routing::Pim::RouteKey& key) const {
-    if (key.isWc()) {
-        auto it = wcRho_.find(key);
-        return it == wcRho_.end() ? nullptr : it->second.get();
+    if (key.isWc()) return wcRho_.get(key);
+    return sgRho_.get(key);
+}
+
+void MfibSm::doMarkDirty(const Routing::Pim::RouteKey& key) {
+    if (!loop_) {
+        if (RhoRoute* r = rho(key)) r->doBuildRecord();
+        return;
     }
-    auto it = sgRho_.find(key);
-    return it == sgRho_.end() ? nullptr : it->second.get();
+    dirty_.insert(key);
+    if (buildScheduled_) return;
+    buildScheduled_ = true;
+    loop_->atEndOfTurn([weak = std::weak_ptr<MfibSm*>(self_)] {
+        if (auto self = weak.lock()) (*self)->doBuildDirty();
+    });
+}
+
+void MfibSm::doBuildDirty() {
+    buildScheduled_ = false;
+    while (!dirty_.empty()) {
+        const Routing::Pim::RouteKey key = *dirty_.begin();
+        dirty_.erase(dirty_.begin());
+        if (RhoRoute* r = rho(key)) r->doBuildRecord();
+    }
 }
 
 std::unique_ptr<MfibSm> mfibSmFactory(L3::VrfName vrfName, Cask::Ptr<TMF::Status> mfibTidal,
                                       Cask::Ptr<Status> routeStatus,
                                       Cask::Ptr<LocalStatus> localStatus,
-                                      Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig) {
+                                      Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig,
+                                      Cask::EventLoop* loop) {
     auto sm =
         std::make_unique<MfibSm>(std::move(vrfName), std::move(mfibTidal), std::move(routeStatus),
-                                 std::move(localStatus), std::move(mfibConfig));
+                                 std::move(localStatus), std::move(mfibConfig), loop);
     sm->handleInit();
     return sm;
 }

@@ -13,9 +13,13 @@
 // `routeWaitlist`; every commit hands a freed index to the oldest waiting
 // route by raising a change on it.
 //
-// Per route it keeps one reactor (RhoSgRoute, RhoWcRoute) that rebuilds the
-// record whenever the route, its upstream or one of its interfaces changes;
-// RhoLocalStatus creates and removes the reactors as routes come and go.
+// Per route it keeps one reactor (RhoSgRoute, RhoWcRoute) that marks the
+// route dirty whenever the route, its upstream or one of its interfaces
+// changes; RhoLocalStatus creates and removes the reactors as routes come
+// and go. Dirty routes are built once each when the event loop's current
+// handler chain has settled (`atEndOfTurn`), so a burst of changes to a
+// route in one turn costs one build and commits no transient record.
+// Without a loop (unit tests of the build) every mark builds at once.
 // Records left in the table by an earlier run are kept when the agent still
 // holds their route (so forwarding continues across a restart) and removed
 // otherwise.
@@ -28,8 +32,10 @@
 #include <unordered_set>
 #include <vector>
 
-#include <boost/container/flat_map.hpp>
+#include <set>
 
+#include "cask/event_loop.h"
+#include "cask/reactor_map.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/status.h"
 #include "platform/mfib_records.h"
@@ -56,16 +62,24 @@ public:
     // or its interfaces. Shared by both kinds of route.
     class RhoRoute : public Route::Notifiee {
     public:
-        RhoRoute(MfibSm& sm, Cask::Ptr<Route> route);
+        RhoRoute(MfibSm& sm, Route& route);
         ~RhoRoute() override;
         RhoRoute(const RhoRoute&) = delete;
         RhoRoute& operator=(const RhoRoute&) = delete;
 
         Route* route() const { return route_.get(); }
+        const Routing::Pim::RouteKey& reactorKey() const { return route_->key(); }
+        const Route* reactorRecord() const { return route_.get(); }
         // A record was built at least once.
         bool initialized() const { return initialized_; }
 
-        virtual void handleRoute() = 0;
+        // Any change of the route: marks it dirty.
+        void handleRoute() { sm_.doMarkDirty(route_->key()); }
+        // Builds the route's record (or removes it when the route is not
+        // programmable); run for a dirty route.
+        virtual void doBuildRecord() = 0;
+        // The route left the collection: its record goes.
+        void handleDelete();
         void handleRouteIntf(Wirl::IntfId intfId) override;
         virtual void handleRpf() { handleRoute(); }
         void handleChangeFlags() override { handleRoute(); }
@@ -97,9 +111,14 @@ public:
         private:
             RhoRoute& owner_;
         };
+
+    public:
+        // Watches one interface of the route (public for measurements).
         class IntfWatcher : public Intf::Notifiee {
         public:
-            IntfWatcher(Intf& intf, RhoRoute& owner) : Intf::Notifiee(&intf), owner_(owner) {}
+            IntfWatcher(RhoRoute& owner, Intf& intf) : Intf::Notifiee(&intf), owner_(owner) {}
+            Wirl::IntfId reactorKey() const { return notifier()->intfId(); }
+            const Intf* reactorRecord() const { return notifier(); }
             void handleLocalMembership() override { changed(); }
             void handleLocalReceiverInclude() override { changed(); }
             void handleLocalReceiverExclude() override { changed(); }
@@ -113,24 +132,25 @@ public:
             void changed() { owner_.handleIntfChanged(notifier()->intfId()); }
             RhoRoute& owner_;
         };
+        using IntfReactor = IntfWatcher;
 
+    private:
         UpstreamWatcher umh_{*this};
         UpstreamWatcher umhFrr_{*this};
-        boost::container::flat_map<Wirl::IntfId, std::unique_ptr<IntfWatcher>> intf_;
+        Cask::ReactorMap<Wirl::IntfId, IntfWatcher, Cask::SmallIndex> intf_;
     };
 
     class RhoSgRoute : public RhoRoute {
     public:
         using RhoRoute::RhoRoute;
-        void handleRoute() override;
+        void doBuildRecord() override;
         void handleWcRouteChanged() override { handleRoute(); }
     };
 
     class RhoWcRoute : public RhoRoute {
     public:
         using RhoRoute::RhoRoute;
-        void handleRoute() override { handleWcRoute(); }
-        void handleWcRoute();
+        void doBuildRecord() override;
         // Changes the group's (S,G) routes see: their inherited interfaces
         // and their fast-drop interface.
         void handleRpf() override { handleIntfChanged(Wirl::IntfId()); }
@@ -157,7 +177,7 @@ public:
     // requests) may be null.
     MfibSm(L3::VrfName vrfName, Cask::Ptr<TMF::Status> mfibTidal, Cask::Ptr<Status> routeStatus,
            Cask::Ptr<LocalStatus> localStatus,
-           Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig);
+           Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig, Cask::EventLoop* loop = nullptr);
     ~MfibSm() override;
 
     const L3::VrfName& vrfName() const { return vrfName_; }
@@ -211,6 +231,18 @@ public:
 
     // The reactor of a route, for tests; null when there is none.
     RhoRoute* rho(const Routing::Pim::RouteKey& key) const;
+    RhoWcRoute* rhoWcRoute(const Routing::Pim::RouteKey& key) const { return wcRho_.get(key); }
+    const Cask::ReactorMap<Routing::Pim::RouteKey, RhoWcRoute>& wcRhoMap() const { return wcRho_; }
+
+    // --- deferred builds ------------------------------------------------------
+    // Marks a route dirty; it is built when the turn's handler chain settles.
+    void doMarkDirty(const Routing::Pim::RouteKey& key);
+    // Builds every dirty route once, in key order (and routes marked dirty
+    // by those builds).
+    void doBuildDirty();
+    std::size_t dirtyRoutes() const { return dirty_.size(); }
+    // Records built so far.
+    std::uint64_t builds() const { return builds_; }
 
 private:
     friend TMF::OifIndex addTidalRouteOif(MfibSm&, TMF::Route&, Wirl::IntfId);
@@ -228,10 +260,18 @@ private:
     Cask::Ptr<Status> routeStatus_;
     Cask::Ptr<LocalStatus> localStatus_;
     Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig_;
+    Cask::EventLoop* loop_ = nullptr;
     RhoLocalStatus rhoLocalStatus_{*this};
-    // Ordered by group then source, so a group's (S,G) routes are adjacent.
-    std::map<Routing::Pim::RouteKey, std::unique_ptr<RhoSgRoute>> sgRho_;
-    std::unordered_map<Routing::Pim::RouteKey, std::unique_ptr<RhoWcRoute>, Cask::KeyHash> wcRho_;
+    Cask::ReactorMap<Routing::Pim::RouteKey, RhoSgRoute> sgRho_;
+    // The (S,G) keys ordered by group then source, so that a group's (S,G)
+    // routes are adjacent.
+    std::set<Routing::Pim::RouteKey> sgKeys_;
+    Cask::ReactorMap<Routing::Pim::RouteKey, RhoWcRoute> wcRho_;
+    std::set<Routing::Pim::RouteKey> dirty_;
+    bool buildScheduled_ = false;
+    std::uint64_t builds_ = 0;
+    // Lets a scheduled build see that the machine is gone.
+    std::shared_ptr<MfibSm*> self_ = std::make_shared<MfibSm*>(this);
 
     std::unordered_map<Wirl::IntfId, TMF::OifIndex> intfOifIndex_;
     std::deque<TMF::OifIndex> oifIndexFreePool_;
@@ -249,6 +289,7 @@ private:
 std::unique_ptr<MfibSm> mfibSmFactory(L3::VrfName vrfName, Cask::Ptr<TMF::Status> mfibTidal,
                                       Cask::Ptr<Status> routeStatus,
                                       Cask::Ptr<LocalStatus> localStatus,
-                                      Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig);
+                                      Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig,
+                                      Cask::EventLoop* loop = nullptr);
 
 }  // namespace Routing::Pim::SparseMode

@@ -129,8 +129,8 @@ GmpSm::~GmpSm() {
     groupFilterWatcher_.reset();
     configWatcher_.reset();
     notifierIs(nullptr);
-    sgRouteDelAll();
-    wcRouteDelAll();
+    sgRoute_.clear();
+    wcRoute_.clear();
 }
 
 void GmpSm::handleInit() {
@@ -146,8 +146,8 @@ void GmpSm::handleInit() {
         rhoSsmConvertConfig_ = std::make_unique<RhoSsmConvertConfig>(*this, *in_.ssmConvertConfig);
     }
     notifierIs(in_.localStatus);
-    for (const auto& [key, route] : in_.localStatus->sgRoute()) handleSgRoute(key);
-    for (const auto& [key, route] : in_.localStatus->wcRoute()) handleWcRoute(key);
+    RouteMap::sweep(in_.localStatus->sgRoute(), [this](const RouteKey& k) { handleSgRoute(k); });
+    RouteMap::sweep(in_.localStatus->wcRoute(), [this](const RouteKey& k) { handleWcRoute(k); });
 }
 
 bool GmpSm::groupPermitted(const Wirl::IpGenAddr& group) const {
@@ -207,36 +207,46 @@ void GmpSm::doUpdateMembership(const RouteIntfKey& key) {
                vrf, key.routeKey, key.intf, include, exclude, ssmConvert);
 
     const bool wanted = include || exclude || ssmConvert;
-    Cask::Ptr<Route> route = in_.status->route(key.routeKey);
-    if (!route) {
-        if (!wanted) return;  // nothing to withdraw
-        CASK_TRACE(4, "<Vrf:{}>GmpSm:doUpdateMembership(), Create route {}", vrf, key.routeKey);
-        CASK_EVENT("GmpSm: Create route{}", key.routeKey);
-        route = in_.status->routeIs(key.routeKey);
-        if (!route) return;  // over the agent's route limit (traced there)
-    }
     const bool newInclude = include || ssmConvert;
-    Cask::Ptr<Intf> intf = route->routeIntf(key.intf);
-    if (!intf) {
-        if (!wanted) return;
-        CASK_TRACE(6, "<Vrf:{}>GmpSm:doUpdateMembership(), Add interface {} to route {}", vrf,
-                   key.intf, key.routeKey);
-        CASK_EVENT("GmpSm: Add interface {} to route{}, include: {}, exclude: {}, ssmConvert: {}",
-                   key.intf, key.routeKey, include, exclude, ssmConvert);
-        intf = route->routeIntfIs(key.intf);
-        if (!intf) return;  // over the agent's interface limit (traced there)
-    } else {
-        CASK_EVENT("GmpSm: Interface {}, Route: {}, include: {} --> {}, exclude: {} --> {}",
-                   key.intf, key.routeKey, intf->localReceiverInclude(), newInclude,
-                   intf->localReceiverExclude(), exclude);
+    // Writes the decision to the route's Intf, creating the Intf if needed.
+    auto decide = [&](Route& route) {
+        Cask::Ptr<Intf> intf = route.routeIntf(key.intf);
+        if (!intf) {
+            if (!wanted) return;
+            CASK_TRACE(6, "<Vrf:{}>GmpSm:doUpdateMembership(), Add interface {} to route {}", vrf,
+                       key.intf, key.routeKey);
+            CASK_EVENT(
+                "GmpSm: Add interface {} to route{}, include: {}, exclude: {}, ssmConvert: {}",
+                key.intf, key.routeKey, include, exclude, ssmConvert);
+            intf = route.routeIntfIs(key.intf);
+            if (!intf) return;  // over the agent's interface limit (traced there)
+        } else {
+            CASK_EVENT("GmpSm: Interface {}, Route: {}, include: {} --> {}, exclude: {} --> {}",
+                       key.intf, key.routeKey, intf->localReceiverInclude(), newInclude,
+                       intf->localReceiverExclude(), exclude);
+        }
+        const RouteIntfKey outer = deciding_;
+        deciding_ = key;
+        intf->localReceiverIncludeIs(newInclude);
+        intf->localReceiverExcludeIs(exclude);
+        intf->initializedIs(true);
+        route.initializedIs(true);
+        deciding_ = outer;
+    };
+    if (Cask::Ptr<Route> route = in_.status->route(key.routeKey)) {
+        decide(*route);
+        return;
     }
-
+    if (!wanted) return;  // nothing to withdraw
+    CASK_TRACE(4, "<Vrf:{}>GmpSm:doUpdateMembership(), Create route {}", vrf, key.routeKey);
+    CASK_EVENT("GmpSm: Create route{}", key.routeKey);
+    // The receiver is written before the route is inserted, so the other
+    // machines meet the route with its receiver: none of them acts on a route
+    // without outgoing interface (no transient forwarding record). The route
+    // reactor woken by the insertion must not decide this membership again.
     const RouteIntfKey outer = deciding_;
     deciding_ = key;
-    intf->localReceiverIncludeIs(newInclude);
-    intf->localReceiverExcludeIs(exclude);
-    intf->initializedIs(true);
-    route->initializedIs(true);
+    in_.status->routeIs(key.routeKey, decide);  // null over the route limit (traced there)
     deciding_ = outer;
 }
 
@@ -311,29 +321,17 @@ void GmpSm::handleSsmConvertSource(const Wirl::IpGenAddr& group, const Wirl::IpG
     }
 }
 
-template <class Add, class Del>
-void GmpSm::doTrackRoute(const RouteKey& key, Route* route, const RouteMap& reactors, Add add,
-                         Del del) {
-    RhoRoute* rho = reactors.raw(key);
-    if (rho && rho->notifier() != route) {
-        del();  // the route went, or was replaced by a new record
-        rho = nullptr;
-    }
-    if (!route || rho) return;
-    add(Cask::make<RhoRoute>(*this, *route));
-    if (route->initialized()) handleRouteInit(*route);
+void GmpSm::doTrackRoute(const RouteKey& key, Route* route, RouteMap& reactors) {
+    // A new or replaced route may come with receivers already decided.
+    if (reactors.update(key, route, *this) && route->initialized()) handleRouteInit(*route);
 }
 
 void GmpSm::handleSgRoute(const RouteKey& key) {
-    doTrackRoute(
-        key, in_.localStatus->sgRoute().raw(key), sgRoute_,
-        [&](Cask::Ptr<RhoRoute> r) { sgRouteIs(key, std::move(r)); }, [&] { sgRouteDel(key); });
+    doTrackRoute(key, in_.localStatus->sgRoute().raw(key), sgRoute_);
 }
 
 void GmpSm::handleWcRoute(const RouteKey& key) {
-    doTrackRoute(
-        key, in_.localStatus->wcRoute().raw(key), wcRoute_,
-        [&](Cask::Ptr<RhoRoute> r) { wcRouteIs(key, std::move(r)); }, [&] { wcRouteDel(key); });
+    doTrackRoute(key, in_.localStatus->wcRoute().raw(key), wcRoute_);
 }
 
 Cask::Ptr<GmpSm> gmpSmFactory(const GmpInputs& in) {

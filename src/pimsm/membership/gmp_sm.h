@@ -20,6 +20,7 @@
 #include <unordered_map>
 
 #include "cask/event_loop.h"
+#include "cask/reactor_map.h"
 #include "cask/sliced_review.h"
 #include "pimsm/membership/gmp_change_sm.h"
 #include "pimsm/route/local_status.h"
@@ -62,10 +63,12 @@ public:
     // Re-decides its route's local receivers whenever the route becomes
     // initialized (a route re-created by the route review, say), since its
     // flags may no longer match the membership table.
-    class RhoRoute : public Cask::Record<RhoRoute>, public Route::Notifiee {
+    class RhoRoute : public Route::Notifiee {
     public:
         RhoRoute(GmpSm& gmp, Route& route) : gmp_(gmp) { notifierIs(&route); }
         void handleInitialized() override;
+        const Routing::Pim::RouteKey& reactorKey() const { return notifier()->key(); }
+        const Route* reactorRecord() const { return notifier(); }
 
     private:
         GmpSm& gmp_;
@@ -153,22 +156,24 @@ public:
     // Memberships of link-local groups, which are never routed.
     CASK_COUNTER(std::uint32_t, ignoredLinkLocal, IgnoredLinkLocal)
 
-    CASK_RECORD_MAP(sgRoute, SgRoute, Routing::Pim::RouteKey, RhoRoute,
-                    "Routing::Pim::SparseMode::GmpSm")
-    CASK_RECORD_MAP(wcRoute, WcRoute, Routing::Pim::RouteKey, RhoRoute,
-                    "Routing::Pim::SparseMode::GmpSm")
+    // The route reactors, one per route of LocalStatus's collections.
+    RhoRoute* sgRoute(const Routing::Pim::RouteKey& k) const { return sgRoute_.get(k); }
+    bool sgRouteHas(const Routing::Pim::RouteKey& k) const { return sgRoute_.has(k); }
+    std::size_t sgRouteSize() const { return sgRoute_.size(); }
+    RhoRoute* wcRoute(const Routing::Pim::RouteKey& k) const { return wcRoute_.get(k); }
+    bool wcRouteHas(const Routing::Pim::RouteKey& k) const { return wcRoute_.has(k); }
+    std::size_t wcRouteSize() const { return wcRoute_.size(); }
+    const auto& wcRouteMap() const { return wcRoute_; }
 
 private:
     class ConfigWatcher;
     class GroupFilterWatcher;
     class BoundaryWatcher;
-    using RouteMap = Cask::RecordMap<Routing::Pim::RouteKey, RhoRoute>;
+    using RouteMap = Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute>;
 
     bool ssmConverted(const RouteIntfKey& key) const;
     void doCreateReview();
-    template <class Add, class Del>
-    void doTrackRoute(const Routing::Pim::RouteKey& key, Route* route, const RouteMap& reactors,
-                      Add add, Del del);
+    void doTrackRoute(const Routing::Pim::RouteKey& key, Route* route, RouteMap& reactors);
 
     GmpInputs in_;
     std::uint32_t ignoredLinkLocal_ = 0;

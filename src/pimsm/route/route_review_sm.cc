@@ -230,37 +230,24 @@ void RouteReviewSm::doInitialize() {
     attach(w.failover, *this, in_.failoverIntfs.get());
     attach(w.vxlan, *this, in_.mcastVxlanStatus.get());
     for (const auto& [id, rec] : in_.pimStatus->intf()) doUpdatePimIntfWatchers(id);
-    std::vector<Cask::Ptr<Route>> routes;
-    for (const auto& [key, route] : in_.status->route()) routes.push_back(route);
-    for (const auto& route : routes) routeSmFactory(*this, route);
+    routeSm_.sweep(in_.status->route(), [this](const RouteKey& key) {
+        if (auto route = in_.status->route(key)) routeSmFactory(*this, route);
+    });
     initialized_ = true;
 }
 
-RouteSm* RouteReviewSm::routeSm(const RouteKey& k) const {
-    auto it = routeSm_.find(k);
-    return it == routeSm_.end() ? nullptr : it->second.get();
-}
-
-RouteSm* RouteReviewSm::routeSmIs(const RouteKey& k, std::unique_ptr<RouteSm> sm) {
-    auto& slot = routeSm_[k];
-    slot = std::move(sm);
-    return slot.get();
-}
-
 void RouteReviewSm::handleRoute(const RouteKey& key) {
-    if (auto route = in_.status->route(key)) {
-        if (routeSm(key)) return;
-        REVIEW_TRACE(6, "RouteReviewSm::handleRoute({}), Route added", key);
-        routeSmFactory(*this, route);
+    Route* route = in_.status->route().raw(key);
+    RouteSm* old = routeSm(key);
+    if (old && old->route() == route) return;
+    if (old) REVIEW_TRACE(6, "RouteReviewSm::handleRoute({}), Route deleted", key);
+    if (!route) {
+        routeSm_.del(key);
         return;
     }
-    auto it = routeSm_.find(key);
-    if (it == routeSm_.end()) return;
-    // Out of the map first: the route may be created again while it unwinds.
-    auto sm = std::move(it->second);
-    routeSm_.erase(it);
-    REVIEW_TRACE(6, "RouteReviewSm::handleRoute({}), Route deleted", key);
-    sm->handleDelete();
+    REVIEW_TRACE(6, "RouteReviewSm::handleRoute({}), Route added", key);
+    // A replaced route's reactor goes (handleDelete) before the new one comes.
+    if (RouteSm* sm = routeSm_.update(key, route, *this)) sm->handleInitialized();
 }
 
 // --- input handlers ------------------------------------------------------------

@@ -31,6 +31,7 @@
 #include "cask/clock.h"
 #include "cask/collection.h"
 #include "cask/event_loop.h"
+#include "cask/reactor_map.h"
 #include "cask/sliced_review.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/route_sm.h"
@@ -112,9 +113,12 @@ public:
     Cask::ReviewTimer* reviewTimer() const { return review_ ? &review_->timer() : nullptr; }
 
     // The per-route reactors.
-    RouteSm* routeSm(const Routing::Pim::RouteKey& k) const;
+    RouteSm* routeSm(const Routing::Pim::RouteKey& k) const { return routeSm_.get(k); }
     std::size_t routeSmSize() const { return routeSm_.size(); }
-    RouteSm* routeSmIs(const Routing::Pim::RouteKey& k, std::unique_ptr<RouteSm> sm);
+    const Cask::ReactorMap<Routing::Pim::RouteKey, RouteSm>& routeSmMap() const { return routeSm_; }
+    // Creates the reactor of `route` (not yet initialized) when its key has
+    // none; returns it, or null when the key has one.
+    RouteSm* routeSmCreate(Route& route) { return routeSm_.update(route.key(), &route, *this); }
 
     // --- handlers -----------------------------------------------------------
     // Machine created (first call), or the route status became initialized.
@@ -182,7 +186,7 @@ private:
     std::unique_ptr<Watchers> watchers_;
     std::map<Wirl::IntfId, std::unique_ptr<PimIntfWatcher>> pimIntf_;
     std::map<Wirl::IntfId, std::unique_ptr<BoundaryWatcher>> intfBoundaryStatus_;
-    std::unordered_map<Routing::Pim::RouteKey, std::unique_ptr<RouteSm>, Cask::KeyHash> routeSm_;
+    Cask::ReactorMap<Routing::Pim::RouteKey, RouteSm> routeSm_;
 };
 
 // Creates the review and initializes it (watchers, reactors for the routes

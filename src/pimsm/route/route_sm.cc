@@ -11,21 +11,12 @@ namespace Routing::Pim::SparseMode {
 #define ROUTE_SM_TRACE(lvl, f, ...) \
     CASK_TRACE(lvl, "<Vrf:{}>" f, review_.vrfName() __VA_OPT__(, ) __VA_ARGS__)
 
-RouteSm::RouteSm(Cask::Ptr<Route> route, RouteReviewSm& review)
-    : Route::Notifiee(route.get()), route_(std::move(route)), review_(review) {
+RouteSm::RouteSm(RouteReviewSm& review, Route& route)
+    : Route::Notifiee(&route), route_(&route), review_(review) {
     upstream_.notifierIs(route_->umh());
 }
 
 RouteSm::~RouteSm() = default;
-
-void RouteSm::intfIs(Wirl::IntfId i, std::unique_ptr<IntfSm> sm) {
-    if (!sm) {
-        throw Cask::NullInsertError(
-            "null _intf parameter to mutator for Routing::Pim::SparseMode::RouteSm::intf not "
-            "allowed");
-    }
-    intf_[i] = std::move(sm);
-}
 
 bool RouteSm::intfCarriesState(const Intf& intf) {
     return intf.localMembership() || intf.localReceiverInclude() || intf.localReceiverExclude() ||
@@ -36,9 +27,7 @@ bool RouteSm::intfCarriesState(const Intf& intf) {
 void RouteSm::handleInitialized() {
     handleRouteInitialized();
     if (intf_.size() == route_->routeIntfSize()) return;
-    for (const auto& [id, intf] : route_->routeIntf()) {
-        if (!intfHas(id)) intfIs(id, std::make_unique<IntfSm>(*intf, *this));
-    }
+    for (const auto& [id, intf] : route_->routeIntf()) intf_.update(id, intf.get(), *this);
 }
 
 void RouteSm::handleRouteInitialized() {
@@ -70,13 +59,12 @@ void RouteSm::handleRouteInitialized() {
 
 void RouteSm::handleIntf(Wirl::IntfId intf) {
     Route& r = *route_;
-    if (r.routeIntfHas(intf)) {
-        if (!intfHas(intf)) intfIs(intf, std::make_unique<IntfSm>(*r.routeIntfRaw(intf), *this));
-    } else if (intfHas(intf)) {
+    Intf* record = r.routeIntfRaw(intf);
+    if (!record && intfHas(intf)) {
         ROUTE_SM_TRACE(6, "RouteSm::handleIntf({}, {}), interface deleted", r.key(), intf);
         ROUTE_SM_TRACE(7, "RouteSm: Interface {} on route{} deleted", intf, r.key());
-        intfDel(intf);
     }
+    intf_.update(intf, record, *this);
     if (r.routeIntfSize() != 0) return;
     ROUTE_SM_TRACE(7, "RouteSm: no interface in  route{}, flags: {}", r.key(), r.routeFlagsStr());
     if (!r.wildCard() || r.markedForDeletion()) return;
@@ -177,8 +165,8 @@ RouteSm* routeSmFactory(RouteReviewSm& review, const Cask::Ptr<Route>& route) {
             "has a different value of {} than the current value of {} not allowed",
             fmt::ptr(route.get()), fmt::ptr(existing->route())));
     }
-    RouteSm* sm = review.routeSmIs(route->key(), std::make_unique<RouteSm>(route, review));
-    sm->handleInitialized();
+    RouteSm* sm = review.routeSmCreate(*route);
+    if (sm) sm->handleInitialized();
     return sm;
 }
 

@@ -20,8 +20,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include <boost/container/flat_map.hpp>
-
+#include "cask/reactor_map.h"
 #include "pimsm/route/route.h"
 #include "pimsm/route/unicast_routing_status.h"
 #include "platform/rpf_resolver.h"
@@ -41,7 +40,9 @@ public:
     // Watches one interface record of the route.
     class IntfSm : public Intf::Notifiee {
     public:
-        IntfSm(Intf& intf, RouteSm& owner) : Intf::Notifiee(&intf), owner_(owner) {}
+        IntfSm(RouteSm& owner, Intf& intf) : Intf::Notifiee(&intf), owner_(owner) {}
+        Wirl::IntfId reactorKey() const { return notifier()->intfId(); }
+        const Intf* reactorRecord() const { return notifier(); }
         void handleLocalMembership() override { changed(); }
         void handleLocalReceiverInclude() override { changed(); }
         void handleLocalReceiverExclude() override { changed(); }
@@ -54,21 +55,21 @@ public:
         RouteSm& owner_;
     };
 
-    RouteSm(Cask::Ptr<Route> route, RouteReviewSm& review);
+    RouteSm(RouteReviewSm& review, Route& route);
     ~RouteSm() override;
     RouteSm(const RouteSm&) = delete;
     RouteSm& operator=(const RouteSm&) = delete;
 
     Route* route() const { return route_.get(); }
+    const Routing::Pim::RouteKey& reactorKey() const { return route_->key(); }
+    const Route* reactorRecord() const { return route_.get(); }
     RouteReviewSm& routeReviewSm() const { return review_; }
     // The route is registered (set by the first `handleInitialized`).
     bool initialized() const { return initialized_; }
 
     // The interface watchers, one per interface of the route.
     std::size_t intfSize() const { return intf_.size(); }
-    bool intfHas(Wirl::IntfId i) const { return intf_.contains(i); }
-    void intfIs(Wirl::IntfId i, std::unique_ptr<IntfSm> sm);  // refuses null
-    void intfDel(Wirl::IntfId i) { intf_.erase(i); }
+    bool intfHas(Wirl::IntfId i) const { return intf_.has(i); }
 
     // An interface record keeps itself while any of these holds: local
     // membership or an include / exclude receiver, a downstream join state
@@ -107,7 +108,7 @@ private:
     Cask::Ptr<Route> route_;
     RouteReviewSm& review_;
     UpstreamSm upstream_{*this};
-    boost::container::flat_map<Wirl::IntfId, std::unique_ptr<IntfSm>> intf_;
+    Cask::ReactorMap<Wirl::IntfId, IntfSm, Cask::SmallIndex> intf_;
     bool initialized_ = false;
 };
 

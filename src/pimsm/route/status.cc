@@ -5,6 +5,11 @@
 namespace Routing::Pim::SparseMode {
 
 Cask::Ptr<Route> Status::routeIs(const Routing::Pim::RouteKey& key) {
+    return routeIs(key, {});
+}
+
+Cask::Ptr<Route> Status::routeIs(const Routing::Pim::RouteKey& key,
+                                 const std::function<void(Route&)>& prepare) {
     if (auto existing = route_.get(key)) return existing;
     if (context_.maxRoutes && route_.size() >= context_.maxRoutes) {
         ++context_.routesRefused;
@@ -13,6 +18,7 @@ Cask::Ptr<Route> Status::routeIs(const Routing::Pim::RouteKey& key) {
         return nullptr;
     }
     auto route = Cask::make<Route>(key, &context_, clock_.now());
+    if (prepare) prepare(*route);
     route_.is(*this, key, route, &Notifiee::handleRoute, "");
     return route;
 }

@@ -14,7 +14,9 @@
 
 #include <cstdint>
 
+#include <functional>
 #include "cask/clock.h"
+
 #include "cask/collection.h"
 #include "pimsm/route/route.h"
 #include "platform/route_key.h"
@@ -70,6 +72,10 @@ public:
     // now) when absent; null (traced and counted in the context) when the
     // VRF already holds the most routes the agent allows.
     Cask::Ptr<Route> routeIs(const Routing::Pim::RouteKey& key);
+    // Same, with `prepare` run on a new route before it is inserted (and so
+    // before any watcher hears of it): its creator's state comes with it.
+    Cask::Ptr<Route> routeIs(const Routing::Pim::RouteKey& key,
+                             const std::function<void(Route&)>& prepare);
 
     // Set once the routes of an earlier run have all been read back.
     CASK_ATTR(bool, initialized, Initialized)

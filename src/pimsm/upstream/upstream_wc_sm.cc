@@ -46,8 +46,7 @@ UpstreamWcSm::UpstreamWcSm(const UpstreamWcInputs& in)
 UpstreamWcSm::~UpstreamWcSm() = default;
 
 UpstreamWcSm::RhoRoute* UpstreamWcSm::rhoRoute(const RouteKey& key) const {
-    auto it = route_.find(key);
-    return it == route_.end() ? nullptr : it->second.get();
+    return route_.get(key);
 }
 
 void UpstreamWcSm::handleInitialized() {
@@ -64,26 +63,19 @@ void UpstreamWcSm::handleInitialized() {
         CASK_EVENT("UpstreamWcSm:handleInitialized(): delete *,g join. {} to neighbor: {} on {}",
                    e.key, nk.address, nk.intf);
     }
-    for (const auto& [key, route] : ls.wcRoute()) {
-        if (!route_.contains(key)) handleWcRoute(key);
-    }
+    route_.sweep(ls.wcRoute(), [this](const RouteKey& key) { handleWcRoute(key); });
     initializedIs(true);
 }
 
 void UpstreamWcSm::handleWcRoute(const RouteKey& key) {
-    Cask::Ptr<Route> route = in_.localStatus->wcRoute(key);
-    auto it = route_.find(key);
-    if (it != route_.end() && (!route || &it->second->route() != route.get())) {
-        UP_TRACE(6, "UpstreamWcSm::handleWcRoute({}), route deleted", key);
-        auto gone = std::move(it->second);
-        route_.erase(it);
-        gone->handleDelete();
-        it = route_.end();
+    Route* route = in_.localStatus->wcRoute().raw(key);
+    const RhoRoute* old = route_.get(key);
+    if (old && old->reactorRecord() == route) return;
+    if (old) UP_TRACE(6, "UpstreamWcSm::handleWcRoute({}), route deleted", key);
+    if (RhoRoute* rho = route_.update(key, route, *this)) {
+        UP_TRACE(6, "UpstreamWcSm::handleWcRoute({}), route added", key);
+        rho->handleRouteInit();
     }
-    if (!route || it != route_.end()) return;
-    UP_TRACE(6, "UpstreamWcSm::handleWcRoute({}), route added", key);
-    auto [slot, inserted] = route_.emplace(key, std::make_unique<RhoRoute>(*this, route));
-    slot->second->handleRouteInit();
 }
 
 Wirl::IpGenAddr UpstreamWcSm::rpOf(const Wirl::IpGenAddr& group) const {

@@ -17,9 +17,8 @@
 #include <memory>
 #include <unordered_map>
 
-#include <boost/container/flat_map.hpp>
-
 #include "cask/collection.h"
+#include "cask/reactor_map.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/upstream/rpf_table.h"
 #include "platform/join_prune.h"
@@ -60,6 +59,8 @@ public:
     class RhoIntf : public Intf::Notifiee {
     public:
         RhoIntf(RhoRoute& owner, Intf& intf) : Intf::Notifiee(&intf), owner_(owner) {}
+        Wirl::IntfId reactorKey() const { return notifier()->intfId(); }
+        const Intf* reactorRecord() const { return notifier(); }
         void handleLocalMembership() override { changed(false); }
         void handleLocalReceiverInclude() override { changed(false); }
         void handleJoinState() override { changed(false); }
@@ -73,13 +74,15 @@ public:
 
     class RhoRoute : public Route::Notifiee {
     public:
-        RhoRoute(UpstreamWcSm& sm, Cask::Ptr<Route> route);
+        RhoRoute(UpstreamWcSm& sm, Route& route);
         ~RhoRoute() override;
         RhoRoute(const RhoRoute&) = delete;
         RhoRoute& operator=(const RhoRoute&) = delete;
 
         Route& route() const { return *route_; }
         UpstreamWcSm& sm() const { return sm_; }
+        const Routing::Pim::RouteKey& reactorKey() const { return route_->key(); }
+        const Route* reactorRecord() const { return route_.get(); }
 
         // Reactor created: takes up the route's interfaces and join state.
         void handleRouteInit();
@@ -111,7 +114,7 @@ public:
         // The RPF' this reactor last acted on: where its join went.
         Routing::Pim::Rpf lastRpf_;
         UpstreamWatcher upstream_{*this};
-        boost::container::flat_map<Wirl::IntfId, std::unique_ptr<RhoIntf>> intf_;
+        Cask::ReactorMap<Wirl::IntfId, RhoIntf, Cask::SmallIndex> intf_;
     };
 
     explicit UpstreamWcSm(const UpstreamWcInputs& in);
@@ -126,6 +129,7 @@ public:
 
     RhoRoute* rhoRoute(const Routing::Pim::RouteKey& key) const;
     std::size_t rhoRouteSize() const { return route_.size(); }
+    const Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute>& routeMap() const { return route_; }
 
     // Start-up: drops periodic (*,G) Joins left for routes that are gone,
     // takes up the routes present, then sets `initialized`.
@@ -183,7 +187,7 @@ private:
     std::uint32_t ignoredRxPrunes_ = 0;
     bool initialized_ = false;
     RxWatcher rxWatcher_{*this};
-    std::unordered_map<Routing::Pim::RouteKey, std::unique_ptr<RhoRoute>, Cask::KeyHash> route_;
+    Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute> route_;
 };
 
 // Creates the VRF's UpstreamWcSm and starts it (`handleInitialized`).

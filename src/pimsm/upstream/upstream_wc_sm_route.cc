@@ -16,8 +16,8 @@ void UpstreamWcSm::RhoIntf::changed(bool assertChanged) {
     owner_.handleIntfChange(notifier()->intfId(), assertChanged);
 }
 
-UpstreamWcSm::RhoRoute::RhoRoute(UpstreamWcSm& sm, Cask::Ptr<Route> route)
-    : Route::Notifiee(route.get()), sm_(sm), route_(std::move(route)), lastRpf_(route_->rpf()) {
+UpstreamWcSm::RhoRoute::RhoRoute(UpstreamWcSm& sm, Route& route)
+    : Route::Notifiee(&route), sm_(sm), route_(&route), lastRpf_(route_->rpf()) {
     upstream_.notifierIs(route_->umh());
 }
 
@@ -25,9 +25,7 @@ UpstreamWcSm::RhoRoute::~RhoRoute() = default;
 
 void UpstreamWcSm::RhoRoute::handleRouteInit() {
     Route& r = *route_;
-    for (const auto& [id, intf] : r.routeIntf()) {
-        intf_.emplace(id, std::make_unique<RhoIntf>(*this, *intf));
-    }
+    for (const auto& [id, intf] : r.routeIntf()) intf_.update(id, intf.get(), *this);
     for (const auto& [id, intf] : r.routeIntf()) {
         sm_.doMaybeSetForwardBit(id, r);
         sm_.doMaybeSetFastForwardBit(id, r);
@@ -122,11 +120,7 @@ void UpstreamWcSm::RhoRoute::handleUmhFrr() {
 
 void UpstreamWcSm::RhoRoute::handleIntf(Wirl::IntfId id) {
     Route& r = *route_;
-    if (Intf* intf = r.routeIntfRaw(id)) {
-        if (!intf_.contains(id)) intf_.emplace(id, std::make_unique<RhoIntf>(*this, *intf));
-    } else {
-        intf_.erase(id);
-    }
+    intf_.update(id, r.routeIntfRaw(id), *this);
     sm_.doMaybeSetForwardBit(id, r);
     sm_.doMaybeSetFastForwardBit(id, r);
     sm_.doEvalJoinDesiredWc(r);

@@ -22,7 +22,10 @@ public:
           status_(Cask::make<Status>(clock_, RouteContext{&pim_, ls_.get()})),
           table(Cask::make<TMF::Status>()) {}
 
-    void start() { sm = mfibSmFactory(L3::VrfName("blue"), table, status_, ls_, nullptr); }
+    // With a loop, dirty routes are built at the end of the loop's turn.
+    void start(Cask::EventLoop* loop = nullptr) {
+        sm = mfibSmFactory(L3::VrfName("blue"), table, status_, ls_, nullptr, loop);
+    }
 
     static Wirl::IpGenAddr group(unsigned n) {
         return Wirl::IpGenAddr::v4(0xef010000u + n);  // 239.1.x.y

@@ -251,5 +251,46 @@ TEST_F(MfibSmTest, RandomChurnKeepsReferenceCountsExact) {
     }
 }
 
+// On a loop, a route's changes in one turn are built once, when the turn's
+// handler chain has settled: the route appearing and its receiver arriving
+// in the same turn commit one record, with the receiver's interface.
+TEST_F(MfibSmTest, ChangesOfOneTurnBuildTheRecordOnce) {
+    Cask::VirtualClock clock;
+    Cask::EventLoop loop(clock);
+    f.start(&loop);
+    struct Case {
+        const char* name;
+        int changes;  // receiver toggles after the join, in the same turn
+    };
+    for (const Case& c : {Case{"join", 0}, Case{"burst", 4}}) {
+        SCOPED_TRACE(c.name);
+        const unsigned n = c.changes + 1;
+        const std::uint64_t writes = f.table->routeWriteCount();
+        const std::uint64_t builds = f.sm->builds();
+        loop.post([&] {
+            Route& r = f.wcRoute(n, "up1");
+            f.receiverIs(r, "d1", true);
+            for (int i = 0; i < c.changes; ++i) f.receiverIs(r, "d1", i % 2 == 1);
+            EXPECT_EQ(f.sm->dirtyRoutes(), 1u);
+            EXPECT_EQ(f.record(f.wcKey(n)), nullptr);  // nothing built inside the turn
+        });
+        loop.runOnce();
+        EXPECT_EQ(f.sm->builds() - builds, 1u);
+        EXPECT_EQ(f.table->routeWriteCount() - writes, 1u);
+        EXPECT_TRUE(f.hasOif(f.wcKey(n), "d1"));
+        EXPECT_EQ(f.sm->dirtyRoutes(), 0u);
+    }
+    // Removing a dirty route drops its pending build and its record.
+    loop.post([&] {
+        f.receiverIs(f.wcRoute(1, "up1"), "d1", false);
+        f.forgetRoute(f.wcKey(1));
+    });
+    const std::uint64_t builds = f.sm->builds();
+    loop.runOnce();
+    EXPECT_EQ(f.sm->builds(), builds);
+    EXPECT_EQ(f.record(f.wcKey(1)), nullptr);
+    f.expectConsistent();
+}
+
 }  // namespace
 }  // namespace Routing::Pim::SparseMode::Testing

@@ -92,6 +92,29 @@ TEST(GmpSm, WithdrawClearsFlagsAndKeepsRouteAndInterface) {
     EXPECT_NE(fx.ls->wcRoute(k.routeKey), nullptr);
 }
 
+// A new route is announced with its receiver already written, so no machine
+// ever sees it without an outgoing interface; it is decided once.
+TEST(GmpSm, NewRouteIsAnnouncedWithItsReceiver) {
+    for (bool ssm : {false, true}) {
+        GmpFixture fx(Wirl::AddressFamily::ipv4);
+        struct Seen : Status::Notifiee {
+            std::string flags;
+            GmpFixture* fx;
+            RouteIntfKey key;
+            void handleRoute(const RouteKey&) override { flags = fx->flags(key); }
+        } seen;
+        seen.fx = &fx;
+        seen.key = ssm ? GmpFixture::key(fx.source(), fx.group(true))
+                       : GmpFixture::key(fx.any(), fx.group(false));
+        seen.notifierIs(fx.status.get());
+        fx.join(seen.key);
+        fx.settle();
+        EXPECT_EQ(seen.flags, "include 1 exclude 0") << "ssm " << ssm;
+        EXPECT_EQ(GmpFixture::decisions(seen.key), 1u) << "ssm " << ssm;
+        EXPECT_NE(fx.ls->route(seen.key.routeKey), nullptr);
+    }
+}
+
 TEST(GmpSm, BadInputIsDroppedWithItsTrace) {
     for (auto family : families) {
         GmpFixture fx(family);
@@ -205,10 +228,6 @@ TEST(GmpSm, NullReactorsAreRefused) {
     };
     const RouteKey k = RouteKey::wc(fx.group(false));
     const std::string ns = "parameter to mutator for Routing::Pim::SparseMode::GmpSm::";
-    EXPECT_EQ(refusal([&] { fx.gmp->sgRouteIs(k, nullptr); }),
-              "null _sgRoute " + ns + "sgRoute not allowed");
-    EXPECT_EQ(refusal([&] { fx.gmp->wcRouteIs(k, nullptr); }),
-              "null _wcRoute " + ns + "wcRoute not allowed");
     EXPECT_EQ(refusal([&] { fx.gmp->rhoSsmConvertConfig()->ssmConvertGroupIs(k.group(), {}); }),
               "null _ssmConvertGroup " + ns + "RhoSsmConvertConfig::ssmConvertGroup not allowed");
 }

@@ -170,7 +170,7 @@ TEST(RouteSm, InterfaceRecordWithoutStateIsMarkedAndRemovedByTheReview) {
     }
 }
 
-TEST(RouteSm, RefusesAnotherRouteForItsKeyAndNullInterfaceWatchers) {
+TEST(RouteSm, RefusesAnotherRouteForItsKey) {
     ReviewFixture f;
     const auto key = sg("10.1.0.1", "239.1.1.1");
     Route& r = f.route(key);
@@ -185,14 +185,6 @@ TEST(RouteSm, RefusesAnotherRouteForItsKeyAndNullInterfaceWatchers) {
                               "attribute _route has a different value of {} than the current "
                               "value of {} not allowed",
                               fmt::ptr(other.get()), fmt::ptr(&r)));
-    }
-    try {
-        f.review->routeSm(key)->intfIs(intf("d9"), nullptr);
-        FAIL() << "accepted a null watcher";
-    } catch (const Cask::NullInsertError& e) {
-        EXPECT_STREQ(e.what(),
-                     "null _intf parameter to mutator for Routing::Pim::SparseMode::RouteSm::intf "
-                     "not allowed");
     }
 }
 

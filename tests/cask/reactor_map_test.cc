@@ -1,0 +1,154 @@
+#include "cask/reactor_map.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace Cask {
+namespace {
+
+struct Rec {
+    int key;
+};
+
+// Logs "+k" on creation, "-k" on handleDelete, "~k" on destruction.
+struct Log {
+    std::string text;
+    std::function<void(int)> onDelete;  // run inside handleDelete
+};
+
+template <bool WithDelete>
+class Reactor {
+public:
+    Reactor(Log& log, Rec& rec) : log_(log), rec_(&rec) {
+        log_.text += "+" + std::to_string(rec.key);
+    }
+    ~Reactor() { log_.text += "~" + std::to_string(rec_->key); }
+    int reactorKey() const { return rec_->key; }
+    const Rec* reactorRecord() const { return rec_; }
+    void handleDelete() requires WithDelete {
+        log_.text += "-" + std::to_string(rec_->key);
+        // Runs once: taken out before it runs.
+        if (auto f = std::exchange(log_.onDelete, nullptr)) f(rec_->key);
+    }
+
+private:
+    Log& log_;
+    Rec* rec_;
+};
+
+template <template <class, class> class Index>
+void expectOneRule() {
+    using R = Reactor<true>;
+    Log log;
+    ReactorMap<int, R, Index> map;
+    Rec a{1}, b{2}, a2{1};
+    R* ra = map.update(1, &a, log);
+    ASSERT_NE(ra, nullptr);
+    EXPECT_EQ(map.update(1, &a, log), nullptr);  // unchanged
+    EXPECT_EQ(map.update(3, static_cast<Rec*>(nullptr), log), nullptr);
+    map.update(2, &b, log);
+    EXPECT_EQ(map.get(1), ra);
+    EXPECT_EQ(map.size(), 2u);
+    log.text.clear();
+    // Replaced: the old reactor goes (handleDelete, destroyed), then the new one comes.
+    R* ra2 = map.update(1, &a2, log);
+    EXPECT_EQ(log.text, "-1~1+1");
+    EXPECT_EQ(map.get(1), ra2);
+    EXPECT_EQ(ra2->reactorRecord(), &a2);
+    log.text.clear();
+    map.update(2, static_cast<Rec*>(nullptr), log);
+    EXPECT_EQ(log.text, "-2~2");
+    EXPECT_EQ(map.get(2), nullptr);
+    EXPECT_EQ(map.size(), 1u);
+    log.text.clear();
+    map.clear();  // teardown: no handleDelete
+    EXPECT_EQ(log.text, "~1");
+    EXPECT_EQ(map.size(), 0u);
+}
+
+TEST(ReactorMapTest, OneRuleForNewReplacedAndRemovedRecords) {
+    expectOneRule<HashIndex>();
+    expectOneRule<SmallIndex>();
+}
+
+TEST(ReactorMapTest, HandleDeleteMayRecreateOrDeleteItsOwnKey) {
+    using R = Reactor<true>;
+    Log log;
+    ReactorMap<int, R> map;
+    Rec a{1}, again{1}, later{1};
+    map.update(1, &a, log);
+    // handleDelete re-creates the key with another record: that reactor stays, and the update
+    // that removed the old one creates nothing more.
+    log.onDelete = [&](int k) {
+        map.update(k, &again, log);
+        map.del(k);                  // and deletes it again...
+        map.update(k, &again, log);  // ...and re-creates it
+    };
+    log.text.clear();
+    EXPECT_EQ(map.update(1, &later, log), nullptr);
+    EXPECT_EQ(log.text, "-1+1-1~1+1~1");
+    ASSERT_NE(map.get(1), nullptr);
+    EXPECT_EQ(map.get(1)->reactorRecord(), &again);
+    EXPECT_EQ(map.size(), 1u);
+}
+
+TEST(ReactorMapTest, IndexesFindEveryKeyAcrossGrowthAndShrinking) {
+    // The small index changes representation at one and two entries; the hash index rehashes.
+    auto check = [](auto& map, auto& recs, Log& log) {
+        std::map<int, bool> present;
+        const int steps[] = {1, 2, 3, -2, -1, 4, -3, -4, 5, 1, -5, -1};
+        for (int s : steps) {
+            const int k = s > 0 ? s : -s;
+            map.update(k, s > 0 ? &recs[k] : nullptr, log);
+            present[k] = s > 0;
+            std::size_t n = 0;
+            for (auto [key, in] : present) {
+                EXPECT_EQ(map.has(key), in) << "key " << key << " after step " << s;
+                n += in;
+            }
+            EXPECT_EQ(map.size(), n);
+        }
+    };
+    Log log;
+    std::map<int, Rec> recs;
+    for (int k = 1; k <= 5; ++k) recs[k] = Rec{k};
+    ReactorMap<int, Reactor<false>, SmallIndex> small;
+    check(small, recs, log);
+    ReactorMap<int, Reactor<false>> hashed;
+    check(hashed, recs, log);
+}
+
+TEST(ReactorMapTest, SweepSeesTheKeysPresentWhenItStarts) {
+    std::map<int, Rec> coll{{1, {1}}, {2, {2}}};
+    std::string seen;
+    ReactorMap<int, Reactor<false>>::sweep(coll, [&](int k) {
+        seen += std::to_string(k);
+        coll.erase(2);  // the walk is over a copy of the keys
+        coll.emplace(3, Rec{3});
+    });
+    EXPECT_EQ(seen, "12");
+}
+
+TEST(ReactorMapTest, PoolReusesBlocks) {
+    using R = Reactor<false>;
+    Log log;
+    auto& pool = ReactorPool<R>::instance();
+    const std::size_t before = pool.inUse();
+    Rec a{1}, b{2};
+    {
+        ReactorMap<int, R> map;
+        R* first = map.update(1, &a, log);
+        map.update(1, static_cast<Rec*>(nullptr), log);
+        EXPECT_EQ(map.update(2, &b, log), first);  // the freed block comes back
+        EXPECT_EQ(pool.inUse(), before + 1);
+    }
+    EXPECT_EQ(pool.inUse(), before);
+}
+
+}  // namespace
+}  // namespace Cask
