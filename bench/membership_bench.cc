@@ -64,9 +64,19 @@ struct Vrf {
         Cask::make<Routing::Pim::GroupFilterStatus>(family);
     Cask::Ptr<Routing::Gmp::Tidal::Status> table = Cask::make<Routing::Gmp::Tidal::Status>();
     Registrar registrar{*status, *ls};
-    Cask::Ptr<GmpSm> gmp =
-        gmpSmFactory(GmpInputs{L3::VrfName("default"), &loop, config.get(), status.get(),
-                               table.get(), ls.get(), ssm.get(), filter.get(), nullptr, nullptr});
+    VrfContext ctx = [this] {
+        VrfContext c;
+        c.vrfName = L3::VrfName("default");
+        c.loop = &loop;
+        c.config = config.get();
+        c.status = status.get();
+        c.membership = table.get();
+        c.localStatus = ls.get();
+        c.ssmGroupInfo = ssm.get();
+        c.groupFilterStatus = filter.get();
+        return c;
+    }();
+    Cask::Ptr<GmpSm> gmp = gmpSmFactory(ctx);
 };
 
 void BM_MembershipBurst(benchmark::State& state) {

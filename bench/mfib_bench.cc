@@ -54,7 +54,11 @@ public:
                 ->localReceiverIncludeIs(true);
             routes.push_back(route);
         }
-        sm = mfibSmFactory(L3::VrfName("bench"), table, status, ls, nullptr);
+        ctx.vrfName = L3::VrfName("bench");
+        ctx.mfibTidal = table.get();
+        ctx.status = status.get();
+        ctx.localStatus = ls.get();
+        sm = mfibSmFactory(ctx);
     }
 
 private:
@@ -66,6 +70,7 @@ public:
     Cask::Ptr<Status> status;
     Cask::Ptr<TMF::Status> table;
     std::vector<Cask::Ptr<Route>> routes;
+    VrfContext ctx;
     std::unique_ptr<MfibSm> sm;
 };
 

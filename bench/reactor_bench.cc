@@ -136,6 +136,24 @@ struct Vrf {
     Cask::Ptr<Routing::Pim::GroupFilterStatus> filter =
         Cask::make<Routing::Pim::GroupFilterStatus>(v4);
 
+    // The inputs every machine reads, as the container would hand them over.
+    VrfContext ctx = [this] {
+        VrfContext c;
+        c.vrfName = L3::VrfName("bench");
+        c.loop = &loop;
+        c.config = config.get();
+        c.status = status.get();
+        c.localStatus = ls.get();
+        c.rpfConfig = rpfConfig.get();
+        c.rpfStatus = rpfStatus.get();
+        c.pimStatus = pim.get();
+        c.membership = membership.get();
+        c.joinPruneStatus = jp.get();
+        c.mfibTidal = table.get();
+        c.ssmGroupInfo = ssm.get();
+        c.groupFilterStatus = filter.get();
+        return c;
+    }();
     std::unique_ptr<RouteReviewSm> review;
     Cask::Ptr<UpstreamWcSm> upstream;
     std::unique_ptr<MfibSm> mfib;
@@ -192,45 +210,19 @@ int run(std::size_t n) {
         rows.push_back(row);
     };
     measure(
-        "RouteSm (route review)",
-        [&] {
-            RouteReviewInputs in;
-            in.vrfName = L3::VrfName("bench");
-            in.loop = &vrf.loop;
-            in.config = vrf.config;
-            in.status = vrf.status;
-            in.localStatus = vrf.ls;
-            in.rpfConfig = vrf.rpfConfig;
-            in.rpfStatus = vrf.rpfStatus;
-            in.pimStatus = vrf.pim;
-            in.membership = vrf.membership;
-            vrf.review = routeReviewSmFactory(in);
-        },
+        "RouteSm (route review)", [&] { vrf.review = routeReviewSmFactory(vrf.ctx); },
         [] { return poolBytes<RouteSm, RouteSm::IntfSm>(); },
         [&] { return vrf.review->routeSmMap().indexFootprint(); });
     measure(
-        "UpstreamWcSm",
-        [&] {
-            vrf.upstream = upstreamWcSmFactory(
-                UpstreamWcInputs{L3::VrfName("bench"), vrf.ls.get(), vrf.pim.get(), vrf.jp.get()});
-        },
+        "UpstreamWcSm", [&] { vrf.upstream = upstreamWcSmFactory(vrf.ctx); },
         [] { return poolBytes<UpstreamWcSm::RhoRoute, UpstreamWcSm::RhoIntf>(); },
         [&] { return vrf.upstream->routeMap().indexFootprint(); });
     measure(
-        "MfibSm",
-        [&] {
-            vrf.mfib = mfibSmFactory(L3::VrfName("bench"), vrf.table, vrf.status, vrf.ls, nullptr,
-                                     &vrf.loop);
-        },
+        "MfibSm", [&] { vrf.mfib = mfibSmFactory(vrf.ctx); },
         [] { return poolBytes<MfibSm::RhoWcRoute, MfibSm::RhoRoute::IntfReactor>(); },
         [&] { return vrf.mfib->wcRhoMap().indexFootprint(); });
     measure(
-        "GmpSm",
-        [&] {
-            vrf.gmp = gmpSmFactory(GmpInputs{L3::VrfName("bench"), &vrf.loop, vrf.config.get(),
-                                             vrf.status.get(), vrf.membership.get(), vrf.ls.get(),
-                                             vrf.ssm.get(), vrf.filter.get(), nullptr, nullptr});
-        },
+        "GmpSm", [&] { vrf.gmp = gmpSmFactory(vrf.ctx); },
         [] { return poolBytes<GmpSm::RhoRoute>(); },
         [&] { return vrf.gmp->wcRouteMap().indexFootprint(); });
 

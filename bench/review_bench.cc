@@ -45,17 +45,16 @@ struct World {
         localStatus->groupFilterStatusIs(Cask::make<Routing::Pim::GroupFilterStatus>(v4));
         localStatus->frrFilterStatusIs(Cask::make<FrrFilterStatus>(v4));
         status->initializedIs(true);
-        RouteReviewInputs in;
-        in.vrfName = L3::VrfName("bench");
-        in.loop = &loop;
-        in.config = Cask::make<Config>(v4);
-        in.status = status;
-        in.localStatus = localStatus;
-        in.rpfConfig = Cask::make<Routing::Pim::RpfConfig>();
-        in.rpfStatus = Cask::make<Routing::Pim::RpfStatus>();
-        in.pimStatus = pim;
-        in.membership = Cask::make<Routing::Gmp::Tidal::Status>();
-        review = routeReviewSmFactory(std::move(in));
+        ctx.vrfName = L3::VrfName("bench");
+        ctx.loop = &loop;
+        ctx.config = config.get();
+        ctx.status = status.get();
+        ctx.localStatus = localStatus.get();
+        ctx.rpfConfig = rpfConfig.get();
+        ctx.rpfStatus = rpfStatus.get();
+        ctx.pimStatus = pim.get();
+        ctx.membership = membership.get();
+        review = routeReviewSmFactory(ctx);
         const Routing::Pim::Rpf rpf{Wirl::IntfId("up1"), *Wirl::IpGenAddr::parse("10.0.1.2"), 110,
                                     10};
         const Wirl::IntfId d1("d1");
@@ -86,6 +85,11 @@ struct World {
     Cask::Ptr<LocalStatus> localStatus = localStatusFactory(v4);
     Cask::Ptr<Status> status =
         Cask::make<Status>(clock, RouteContext{pim.get(), localStatus.get()});
+    Cask::Ptr<Config> config = Cask::make<Config>(v4);
+    Cask::Ptr<Routing::Pim::RpfConfig> rpfConfig = Cask::make<Routing::Pim::RpfConfig>();
+    Cask::Ptr<Routing::Pim::RpfStatus> rpfStatus = Cask::make<Routing::Pim::RpfStatus>();
+    Cask::Ptr<Routing::Gmp::Tidal::Status> membership = Cask::make<Routing::Gmp::Tidal::Status>();
+    VrfContext ctx;
     std::unique_ptr<RouteReviewSm> review;
     bool mine = false;
     double bytesPerRoute = 0;

@@ -160,53 +160,22 @@ void ContainerSm::handleInitialized() {
     ctx_.hwMfibStatus = hwMfibStatus_.get();
     ctx_.registerConfig = registerConfig_.get();
     ctx_.pimCounters = pimCounters_.get();
+    ctx_.routeCounts = tidalStatus_.get();
 
     // Route counts; the route review, which makes one route reactor per
     // route.
-    routeCountSm_ = routeCountSmFactory(vrf_, localStatus_, rpfStatus_, tidalStatus_);
-    RouteReviewInputs review;
-    review.vrfName = vrf_;
-    review.loop = &pc_.loop;
-    review.config = db.config(vrf_);
-    review.clearConfig = db.clearConfig(vrf_);
-    review.status = status_;
-    review.localStatus = localStatus_;
-    review.rpfConfig = rpfConfig_;
-    review.rpfStatus = rpfStatus_;
-    review.pimStatus = pimStatus_;
-    review.mcastBoundaryStatus = db.mcastBoundaryStatus();
-    review.membership = gmpTidalStatus_;
-    routeReviewSm_ = routeReviewSmFactory(std::move(review));
+    routeCountSm_ = routeCountSmFactory(ctx_);
+    routeReviewSm_ = routeReviewSmFactory(ctx_);
     routeReviewSm_->pimCountersIs(pimCounters_);
 
     // Upstream (*,G): joins toward the RP.
-    UpstreamWcInputs up;
-    up.vrfName = vrf_;
-    up.localStatus = localStatus_.get();
-    up.pimStatus = pimStatus_.get();
-    up.joinPruneStatus = joinPruneStatus_.get();
-    up.rpMapping = db.staticRpStatus(vrf_).get();
-    up.rpfTable = pimRpfTable_.get();
-    up.rpLocalStatus = rpLocalStatus_.get();
-    up.joinPruneRxStatus = rxJoinPrune_.get();
-    upstreamWcSm_ = upstreamWcSmFactory(up);
+    upstreamWcSm_ = upstreamWcSmFactory(ctx_);
 
     // Local receivers from the membership table.
-    GmpInputs gmp;
-    gmp.vrfName = vrf_;
-    gmp.loop = &pc_.loop;
-    gmp.config = db.config(vrf_).get();
-    gmp.status = status_.get();
-    gmp.membership = gmpTidalStatus_.get();
-    gmp.localStatus = localStatus_.get();
-    gmp.ssmGroupInfo = ssmGroupInfo_.get();
-    gmp.groupFilterStatus = groupFilterStatus_.get();
-    gmp.mcastBoundaryStatus = db.mcastBoundaryStatus().get();
-    gmp.ssmConvertConfig = ssmConvertConfig_.get();
-    gmpSm_ = gmpSmFactory(gmp);
+    gmpSm_ = gmpSmFactory(ctx_);
 
     // Forwarding entries.
-    mfibSm_ = mfibSmFactory(vrf_, mfibTidal_, status_, localStatus_, nullptr, &pc_.loop);
+    mfibSm_ = mfibSmFactory(ctx_);
 
     // (*,G) programming support of the hardware.
     agentStatus_ = Cask::make<AgentStatus>();

@@ -59,6 +59,9 @@ class FrrFilterStatus;
 class SsmGroupInfo;
 class SsmConvertConfig;
 class PimRpfTable;
+namespace Tidal {
+class Status;
+}
 
 struct VrfContext {
     L3::VrfName vrfName;
@@ -102,6 +105,7 @@ struct VrfContext {
     Platform::RegisterConfig* registerConfig = nullptr;
 
     Routing::Pim::Tidal::MessageCounters* pimCounters = nullptr;
+    Tidal::Status* routeCounts = nullptr;  // the route gauges other processes read
 };
 
 }  // namespace Routing::Pim::SparseMode

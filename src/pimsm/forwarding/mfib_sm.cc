@@ -14,15 +14,13 @@ namespace Routing::Pim::SparseMode {
 using Routing::Multicast::Fib::convertKey;
 using Routing::Multicast::Fib::IpGenRouteKey;
 
-MfibSm::MfibSm(L3::VrfName vrfName, Cask::Ptr<TMF::Status> mfibTidal, Cask::Ptr<Status> routeStatus,
-               Cask::Ptr<LocalStatus> localStatus,
-               Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig, Cask::EventLoop* loop)
-    : vrfName_(std::move(vrfName)),
-      mfibTidal_(std::move(mfibTidal)),
-      routeStatus_(std::move(routeStatus)),
-      localStatus_(std::move(localStatus)),
-      mfibConfig_(std::move(mfibConfig)),
-      loop_(loop) {
+MfibSm::MfibSm(const VrfContext& ctx)
+    : vrfName_(ctx.vrfName),
+      mfibTidal_(ctx.mfibTidal),
+      routeStatus_(ctx.status),
+      localStatus_(ctx.localStatus),
+      mfibConfig_(ctx.mfibConfig),
+      loop_(ctx.loop) {
     CASK_ASSERT(mfibTidal_ && localStatus_, "MfibSm inputs");
     notifierIs(mfibConfig_.get());
 }
@@ -419,14 +417,8 @@ void MfibSm::doBuildDirty() {
     }
 }
 
-std::unique_ptr<MfibSm> mfibSmFactory(L3::VrfName vrfName, Cask::Ptr<TMF::Status> mfibTidal,
-                                      Cask::Ptr<Status> routeStatus,
-                                      Cask::Ptr<LocalStatus> localStatus,
-                                      Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig,
-                                      Cask::EventLoop* loop) {
-    auto sm =
-        std::make_unique<MfibSm>(std::move(vrfName), std::move(mfibTidal), std::move(routeStatus),
-                                 std::move(localStatus), std::move(mfibConfig), loop);
+std::unique_ptr<MfibSm> mfibSmFactory(const VrfContext& ctx) {
+    auto sm = std::make_unique<MfibSm>(ctx);
     sm->handleInit();
     return sm;
 }

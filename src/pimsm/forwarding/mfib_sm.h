@@ -36,6 +36,7 @@
 
 #include "cask/event_loop.h"
 #include "cask/reactor_map.h"
+#include "pimsm/common/vrf_context.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/status.h"
 #include "platform/mfib_records.h"
@@ -172,12 +173,11 @@ public:
         MfibSm& sm_;
     };
 
-    // `mfibTidal` and `localStatus` are required; `routeStatus` (the routes
-    // the agent holds, for the restart check) and `mfibConfig` (clear
-    // requests) may be null.
-    MfibSm(L3::VrfName vrfName, Cask::Ptr<TMF::Status> mfibTidal, Cask::Ptr<Status> routeStatus,
-           Cask::Ptr<LocalStatus> localStatus,
-           Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig, Cask::EventLoop* loop = nullptr);
+    // Reads from the context: mfibTidal and localStatus (required); status
+    // (the routes the agent holds, for the restart check), mfibConfig (clear
+    // requests) and loop (without one, records are built at once) may be
+    // absent.
+    explicit MfibSm(const VrfContext& ctx);
     ~MfibSm() override;
 
     const L3::VrfName& vrfName() const { return vrfName_; }
@@ -286,10 +286,6 @@ private:
 
 // Creates the machine, initializes it against the table's current contents
 // and builds the records of the routes already present.
-std::unique_ptr<MfibSm> mfibSmFactory(L3::VrfName vrfName, Cask::Ptr<TMF::Status> mfibTidal,
-                                      Cask::Ptr<Status> routeStatus,
-                                      Cask::Ptr<LocalStatus> localStatus,
-                                      Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig,
-                                      Cask::EventLoop* loop = nullptr);
+std::unique_ptr<MfibSm> mfibSmFactory(const VrfContext& ctx);
 
 }  // namespace Routing::Pim::SparseMode

@@ -114,7 +114,7 @@ void GmpSm::RhoRoute::handleInitialized() {
 
 // --- GmpSm -------------------------------------------------------------------
 
-GmpSm::GmpSm(const GmpInputs& in) : in_(in) {
+GmpSm::GmpSm(const VrfContext& in) : in_(in) {
     CASK_ASSERT(in.loop && in.config && in.status && in.membership && in.localStatus &&
                     in.ssmGroupInfo && in.groupFilterStatus,
                 "GmpSm created without its inputs");
@@ -334,7 +334,7 @@ void GmpSm::handleWcRoute(const RouteKey& key) {
     doTrackRoute(key, in_.localStatus->wcRoute().raw(key), wcRoute_);
 }
 
-Cask::Ptr<GmpSm> gmpSmFactory(const GmpInputs& in) {
+Cask::Ptr<GmpSm> gmpSmFactory(const VrfContext& in) {
     auto gmp = Cask::make<GmpSm>(in);
     gmp->handleInit();
     return gmp;

@@ -22,6 +22,7 @@
 #include "cask/event_loop.h"
 #include "cask/reactor_map.h"
 #include "cask/sliced_review.h"
+#include "pimsm/common/vrf_context.h"
 #include "pimsm/membership/gmp_change_sm.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/status.h"
@@ -31,22 +32,6 @@
 #include "wirl/vrf_name.h"
 
 namespace Routing::Pim::SparseMode {
-
-// Everything GmpSm reads and writes, as the per-VRF root holds it. The
-// records must outlive the machine; the boundary status and the SSM
-// conversion configuration may be absent.
-struct GmpInputs {
-    L3::VrfName vrfName;
-    Cask::EventLoop* loop = nullptr;
-    Config* config = nullptr;
-    Status* status = nullptr;
-    Routing::Gmp::Tidal::Status* membership = nullptr;
-    LocalStatus* localStatus = nullptr;
-    const SsmGroupInfo* ssmGroupInfo = nullptr;
-    Routing::Pim::GroupFilterStatus* groupFilterStatus = nullptr;
-    Routing::McastBoundary::Status* mcastBoundaryStatus = nullptr;
-    SsmConvertConfig* ssmConvertConfig = nullptr;
-};
 
 class GmpSm : public Cask::Record<GmpSm>, public LocalStatus::Notifiee {
 public:
@@ -113,11 +98,14 @@ public:
     static constexpr Cask::Seconds reviewMinDelay = 0.1;
     static constexpr Cask::Seconds reviewMaxDelay = 1.0;
 
-    explicit GmpSm(const GmpInputs& in);
+    // Reads from the context: loop, config, status, membership, localStatus,
+    // ssmGroupInfo, groupFilterStatus (required); mcastBoundaryStatus and
+    // ssmConvertConfig (may be absent).
+    explicit GmpSm(const VrfContext& ctx);
     ~GmpSm() override;
 
     const L3::VrfName& vrfName() const { return in_.vrfName; }
-    const GmpInputs& inputs() const { return in_; }
+    const VrfContext& inputs() const { return in_; }
     SsmConvertConfig* ssmConvertConfig() const { return in_.ssmConvertConfig; }
     GmpChangeSm* gmpChangeSm() const { return gmpChangeSm_.get(); }
 
@@ -175,7 +163,7 @@ private:
     void doCreateReview();
     void doTrackRoute(const Routing::Pim::RouteKey& key, Route* route, RouteMap& reactors);
 
-    GmpInputs in_;
+    const VrfContext& in_;
     std::uint32_t ignoredLinkLocal_ = 0;
     // The membership being decided, so that the route reactor it wakes does
     // not decide it a second time.
@@ -192,6 +180,6 @@ private:
 };
 
 // Creates the VRF's GmpSm and its child, and starts them.
-Cask::Ptr<GmpSm> gmpSmFactory(const GmpInputs& in);
+Cask::Ptr<GmpSm> gmpSmFactory(const VrfContext& ctx);
 
 }  // namespace Routing::Pim::SparseMode

@@ -7,13 +7,11 @@
 
 namespace Routing::Pim::SparseMode {
 
-RouteCountSm::RouteCountSm(L3::VrfName vrfName, Cask::Ptr<LocalStatus> localStatus,
-                           Cask::Ptr<Routing::Pim::RpfStatus> rpfStatus,
-                           Cask::Ptr<Tidal::Status> tidalStatus)
-    : vrfName_(std::move(vrfName)),
-      localStatus_(std::move(localStatus)),
-      rpfStatus_(std::move(rpfStatus)),
-      tidalStatus_(std::move(tidalStatus)) {
+RouteCountSm::RouteCountSm(const VrfContext& ctx)
+    : vrfName_(ctx.vrfName),
+      localStatus_(ctx.localStatus),
+      rpfStatus_(ctx.rpfStatus),
+      tidalStatus_(ctx.routeCounts) {
     CASK_ASSERT(localStatus_ && rpfStatus_ && tidalStatus_, "RouteCountSm inputs");
     notifierIs(localStatus_.get());
     rpfStatusWatcher_.notifierIs(rpfStatus_.get());
@@ -46,12 +44,8 @@ void RouteCountSm::doWrite(Tidal::RouteCounterKind kind, std::size_t count) {
     tidalStatus_->routeCounterIs(Tidal::RouteCounter{key, static_cast<std::uint32_t>(count)});
 }
 
-std::unique_ptr<RouteCountSm> routeCountSmFactory(L3::VrfName vrfName,
-                                                  Cask::Ptr<LocalStatus> localStatus,
-                                                  Cask::Ptr<Routing::Pim::RpfStatus> rpfStatus,
-                                                  Cask::Ptr<Tidal::Status> tidalStatus) {
-    auto sm = std::make_unique<RouteCountSm>(std::move(vrfName), std::move(localStatus),
-                                             std::move(rpfStatus), std::move(tidalStatus));
+std::unique_ptr<RouteCountSm> routeCountSmFactory(const VrfContext& ctx) {
+    auto sm = std::make_unique<RouteCountSm>(ctx);
     sm->handleInitialized();
     return sm;
 }

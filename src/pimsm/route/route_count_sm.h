@@ -8,6 +8,7 @@
 
 #include <memory>
 
+#include "pimsm/common/vrf_context.h"
 #include "pimsm/route/local_status.h"
 #include "platform/route_counters.h"
 #include "platform/rpf_status.h"
@@ -17,10 +18,8 @@ namespace Routing::Pim::SparseMode {
 
 class RouteCountSm : public LocalStatus::Notifiee {
 public:
-    // All three records must outlive the machine.
-    RouteCountSm(L3::VrfName vrfName, Cask::Ptr<LocalStatus> localStatus,
-                 Cask::Ptr<Routing::Pim::RpfStatus> rpfStatus,
-                 Cask::Ptr<Tidal::Status> tidalStatus);
+    // Reads localStatus and rpfStatus, writes routeCounts (all required).
+    explicit RouteCountSm(const VrfContext& ctx);
 
     // Machine created (or LocalStatus initialized): writes all three counts.
     void handleInitialized() override;
@@ -50,9 +49,6 @@ private:
 };
 
 // Creates the machine and writes the initial counts.
-std::unique_ptr<RouteCountSm> routeCountSmFactory(L3::VrfName vrfName,
-                                                  Cask::Ptr<LocalStatus> localStatus,
-                                                  Cask::Ptr<Routing::Pim::RpfStatus> rpfStatus,
-                                                  Cask::Ptr<Tidal::Status> tidalStatus);
+std::unique_ptr<RouteCountSm> routeCountSmFactory(const VrfContext& ctx);
 
 }  // namespace Routing::Pim::SparseMode

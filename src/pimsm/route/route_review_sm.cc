@@ -185,7 +185,7 @@ private:
 
 // --- life cycle --------------------------------------------------------------
 
-RouteReviewSm::RouteReviewSm(RouteReviewInputs inputs) : in_(std::move(inputs)) {
+RouteReviewSm::RouteReviewSm(const VrfContext& ctx) : in_(ctx) {
     CASK_ASSERT(in_.loop && in_.config && in_.status && in_.localStatus && in_.rpfConfig &&
                     in_.rpfStatus && in_.pimStatus,
                 "RouteReviewSm inputs");
@@ -196,8 +196,8 @@ RouteReviewSm::~RouteReviewSm() {
     routeSm_.clear();
 }
 
-std::unique_ptr<RouteReviewSm> routeReviewSmFactory(RouteReviewInputs inputs) {
-    auto sm = std::make_unique<RouteReviewSm>(std::move(inputs));
+std::unique_ptr<RouteReviewSm> routeReviewSmFactory(const VrfContext& ctx) {
+    auto sm = std::make_unique<RouteReviewSm>(ctx);
     sm->handleInitialized();
     return sm;
 }
@@ -214,21 +214,21 @@ void RouteReviewSm::doInitialize() {
     ssmSeen_->ssmRangeIs(in_.config->ssmRange());
     watchers_ = std::make_unique<Watchers>();
     Watchers& w = *watchers_;
-    notifierIs(in_.status.get());
+    notifierIs(in_.status);
     w.changeSet = std::make_unique<ChangeSetWatcher>(*this);
     w.changeSet->notifierIs(in_.localStatus->changeSet());
     w.localStatus = std::make_unique<LocalStatusWatcher>(*this, *w.changeSet);
-    w.localStatus->notifierIs(in_.localStatus.get());
-    attach(w.config, *this, in_.config.get());
+    w.localStatus->notifierIs(in_.localStatus);
+    attach(w.config, *this, in_.config);
     attach(w.groupFilter, *this, in_.localStatus->groupFilterStatus());
     attach(w.frrFilter, *this, in_.localStatus->frrFilterStatus());
-    attach(w.mfibConfig, *this, in_.mfibConfig.get());
-    attach(w.clearConfig, *this, in_.clearConfig.get());
-    attach(w.rpfStatus, *this, in_.rpfStatus.get());
-    attach(w.pimStatus, *this, in_.pimStatus.get());
-    attach(w.boundary, *this, in_.mcastBoundaryStatus.get());
-    attach(w.failover, *this, in_.failoverIntfs.get());
-    attach(w.vxlan, *this, in_.mcastVxlanStatus.get());
+    attach(w.mfibConfig, *this, in_.mfibConfig);
+    attach(w.clearConfig, *this, in_.clearConfig);
+    attach(w.rpfStatus, *this, in_.rpfStatus);
+    attach(w.pimStatus, *this, in_.pimStatus);
+    attach(w.boundary, *this, in_.mcastBoundaryStatus);
+    attach(w.failover, *this, in_.failoverIntfs);
+    attach(w.vxlan, *this, in_.mcastVxlanStatus);
     for (const auto& [id, rec] : in_.pimStatus->intf()) doUpdatePimIntfWatchers(id);
     routeSm_.sweep(in_.status->route(), [this](const RouteKey& key) {
         if (auto route = in_.status->route(key)) routeSmFactory(*this, route);

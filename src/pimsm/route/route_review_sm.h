@@ -33,6 +33,7 @@
 #include "cask/event_loop.h"
 #include "cask/reactor_map.h"
 #include "cask/sliced_review.h"
+#include "pimsm/common/vrf_context.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/route_sm.h"
 #include "pimsm/route/status.h"
@@ -49,34 +50,16 @@
 
 namespace Routing::Pim::SparseMode {
 
-// What the review reads and writes. `loop`, `config`, `status`,
-// `localStatus`, `rpfConfig`, `rpfStatus` and `pimStatus` are required; the
-// others may be null while the VRF has no such input.
-struct RouteReviewInputs {
-    L3::VrfName vrfName;
-    Cask::EventLoop* loop = nullptr;
-    Cask::Ptr<Config> config;
-    Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig;
-    Cask::Ptr<Routing::Pim::ClearMrouteConfig> clearConfig;
-    Cask::Ptr<Status> status;
-    Cask::Ptr<LocalStatus> localStatus;
-    Cask::Ptr<Routing::Pim::RpfConfig> rpfConfig;
-    Cask::Ptr<Routing::Pim::RpfStatus> rpfStatus;
-    Cask::Ptr<Routing::Pim::Status> pimStatus;
-    Cask::Ptr<Routing::McastBoundary::Status> mcastBoundaryStatus;
-    Cask::Ptr<Routing::Multicast::Fib::SparseModeStatus> failoverIntfs;
-    Cask::Ptr<Routing::Multicast::VxlanStatus> mcastVxlanStatus;
-    // The membership table a deleted route's include members are read from.
-    Cask::Ptr<Routing::Gmp::Tidal::Status> membership;
-};
-
 class RouteReviewSm : public Status::Notifiee {
 public:
     static constexpr Cask::Seconds defaultMinDelay = 0.01;
     static constexpr Cask::Seconds defaultMaxDelay = 0.05;
     static constexpr Cask::Seconds defaultReviewQuantum = 0.1;
 
-    explicit RouteReviewSm(RouteReviewInputs inputs);
+    // Reads from the context: loop, config, status, localStatus, rpfConfig,
+    // rpfStatus and pimStatus (required); the others may be absent while the
+    // VRF has no such input.
+    explicit RouteReviewSm(const VrfContext& ctx);
     ~RouteReviewSm() override;
     RouteReviewSm(const RouteReviewSm&) = delete;
     RouteReviewSm& operator=(const RouteReviewSm&) = delete;
@@ -171,7 +154,7 @@ private:
     void doMaybeDeleteRoute(Route& route);
     void doUpdatePimIntfWatchers(Wirl::IntfId intf);
 
-    RouteReviewInputs in_;
+    const VrfContext& in_;
     Cask::Ptr<Routing::Pim::Tidal::MessageCounters> pimCounters_;
     Cask::Seconds minDelay_ = defaultMinDelay;
     Cask::Seconds maxDelay_ = defaultMaxDelay;
@@ -191,6 +174,6 @@ private:
 
 // Creates the review and initializes it (watchers, reactors for the routes
 // already in the status, the review timer).
-std::unique_ptr<RouteReviewSm> routeReviewSmFactory(RouteReviewInputs inputs);
+std::unique_ptr<RouteReviewSm> routeReviewSmFactory(const VrfContext& ctx);
 
 }  // namespace Routing::Pim::SparseMode

@@ -28,7 +28,7 @@ bool validAddr(const Wirl::IpGenAddr& a) {
     return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
 }
 
-Routing::Pim::JoinPruneStatus& checkedJoinPruneStatus(const UpstreamWcInputs& in) {
+Routing::Pim::JoinPruneStatus& checkedJoinPruneStatus(const VrfContext& in) {
     CASK_ASSERT(in.localStatus && in.pimStatus && in.joinPruneStatus, "upstreamWcInputs");
     return *in.joinPruneStatus;
 }
@@ -37,7 +37,7 @@ Routing::Pim::JoinPruneStatus& checkedJoinPruneStatus(const UpstreamWcInputs& in
 
 // --- UpstreamWcSm ------------------------------------------------------------
 
-UpstreamWcSm::UpstreamWcSm(const UpstreamWcInputs& in)
+UpstreamWcSm::UpstreamWcSm(const VrfContext& in)
     : in_(in), writer_(checkedJoinPruneStatus(in), in.vrfName) {
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
     if (in_.joinPruneRxStatus) rxWatcher_.notifierIs(in_.joinPruneRxStatus);
@@ -405,7 +405,7 @@ void UpstreamWcSm::handleRxPrune() {
     writer_.entryIs(*nbr, JoinPruneSet::override_, JoinPruneEntry::wcJoin(group, rp));
 }
 
-Cask::Ptr<UpstreamWcSm> upstreamWcSmFactory(const UpstreamWcInputs& in) {
+Cask::Ptr<UpstreamWcSm> upstreamWcSmFactory(const VrfContext& in) {
     auto sm = Cask::make<UpstreamWcSm>(in);
     sm->handleInitialized();
     return sm;

@@ -19,6 +19,7 @@
 
 #include "cask/collection.h"
 #include "cask/reactor_map.h"
+#include "pimsm/common/vrf_context.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/upstream/rpf_table.h"
 #include "platform/join_prune.h"
@@ -29,19 +30,6 @@
 #include "wirl/vrf_name.h"
 
 namespace Routing::Pim::SparseMode {
-
-// What the machine reads and writes. Records must outlive it; the optional
-// ones read as "nothing" when absent (no RP, no RPF, not an RP, no message).
-struct UpstreamWcInputs {
-    L3::VrfName vrfName;
-    LocalStatus* localStatus = nullptr;
-    const Routing::Pim::Status* pimStatus = nullptr;
-    Routing::Pim::JoinPruneStatus* joinPruneStatus = nullptr;
-    const Platform::RpMapping* rpMapping = nullptr;
-    const PimRpfTable* rpfTable = nullptr;
-    const Routing::Pim::RpLocalStatus* rpLocalStatus = nullptr;
-    Routing::Pim::JoinPruneRxStatus* joinPruneRxStatus = nullptr;
-};
 
 class UpstreamWcSm : public Cask::Record<UpstreamWcSm>, public LocalStatus::Notifiee {
 public:
@@ -117,11 +105,14 @@ public:
         Cask::ReactorMap<Wirl::IntfId, RhoIntf, Cask::SmallIndex> intf_;
     };
 
-    explicit UpstreamWcSm(const UpstreamWcInputs& in);
+    // Reads from the context: localStatus, pimStatus and joinPruneStatus
+    // (required); rpMapping, rpfTable, rpLocalStatus, joinPruneRxStatus (each
+    // read as "nothing" when absent: no RP, no RPF, not an RP, no message).
+    explicit UpstreamWcSm(const VrfContext& ctx);
     ~UpstreamWcSm() override;
 
     const L3::VrfName& vrfName() const { return in_.vrfName; }
-    const UpstreamWcInputs& inputs() const { return in_; }
+    const VrfContext& inputs() const { return in_; }
 
     CASK_COUNTER(std::uint32_t, ignoredRxJoins, IgnoredRxJoins)
     CASK_COUNTER(std::uint32_t, ignoredRxPrunes, IgnoredRxPrunes)
@@ -180,7 +171,7 @@ private:
     const Routing::Pim::Rpf* rxRpf(const Route& route,
                                    const Routing::Pim::JoinPruneMessageInfo& m) const;
 
-    UpstreamWcInputs in_;
+    const VrfContext& in_;
     // Every change to the outgoing Join/Prune contents goes through it.
     Routing::Pim::JoinPruneWriter writer_;
     std::uint32_t ignoredRxJoins_ = 0;
@@ -191,7 +182,7 @@ private:
 };
 
 // Creates the VRF's UpstreamWcSm and starts it (`handleInitialized`).
-Cask::Ptr<UpstreamWcSm> upstreamWcSmFactory(const UpstreamWcInputs& in);
+Cask::Ptr<UpstreamWcSm> upstreamWcSmFactory(const VrfContext& ctx);
 
 // RFC 7761 compares RPF neighbours by interface and address.
 inline bool sameNeighbor(const Routing::Pim::Rpf& a, const Routing::Pim::Rpf& b) {

@@ -24,7 +24,12 @@ public:
 
     // With a loop, dirty routes are built at the end of the loop's turn.
     void start(Cask::EventLoop* loop = nullptr) {
-        sm = mfibSmFactory(L3::VrfName("blue"), table, status_, ls_, nullptr, loop);
+        ctx_.vrfName = L3::VrfName("blue");
+        ctx_.mfibTidal = table.get();
+        ctx_.status = status_.get();
+        ctx_.localStatus = ls_.get();
+        ctx_.loop = loop;
+        sm = mfibSmFactory(ctx_);
     }
 
     static Wirl::IpGenAddr group(unsigned n) {
@@ -110,6 +115,7 @@ private:
 
 public:
     Cask::Ptr<TMF::Status> table;
+    VrfContext ctx_;
     std::unique_ptr<MfibSm> sm;
 };
 

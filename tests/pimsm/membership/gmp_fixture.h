@@ -41,8 +41,17 @@ public:
         Cask::eventLog().levelIs(4);
         Cask::trace().clear();
         Cask::eventLog().clear();
-        gmp = gmpSmFactory({L3::VrfName("red"), &loop, config.get(), status.get(), table.get(),
-                            ls.get(), ssmInfo.get(), filter.get(), boundary.get(), convert.get()});
+        ctx.vrfName = L3::VrfName("red");
+        ctx.loop = &loop;
+        ctx.config = config.get();
+        ctx.status = status.get();
+        ctx.membership = table.get();
+        ctx.localStatus = ls.get();
+        ctx.ssmGroupInfo = ssmInfo.get();
+        ctx.groupFilterStatus = filter.get();
+        ctx.mcastBoundaryStatus = boundary.get();
+        ctx.ssmConvertConfig = convert.get();
+        gmp = gmpSmFactory(ctx);
     }
     ~GmpFixture() { Cask::trace().levelIs(4); }
 
@@ -93,6 +102,7 @@ public:
     Cask::Ptr<SsmConvertConfig> convert = Cask::make<SsmConvertConfig>();
     Cask::Ptr<Routing::Gmp::Tidal::Status> table = Cask::make<Routing::Gmp::Tidal::Status>();
     RouteRegistrar registrar;
+    VrfContext ctx;
     Cask::Ptr<GmpSm> gmp;
 };
 

@@ -53,22 +53,22 @@ public:
     }
     ~ReviewFixture() { review.reset(); }
 
-    RouteReviewInputs inputs() {
-        RouteReviewInputs in;
+    const VrfContext& inputs() {
+        VrfContext& in = ctx;
         in.vrfName = L3::VrfName("red");
         in.loop = &loop;
-        in.config = config;
-        in.mfibConfig = mfibConfig;
-        in.clearConfig = clearConfig;
-        in.status = status;
-        in.localStatus = localStatus;
-        in.rpfConfig = rpfConfig;
-        in.rpfStatus = rpfStatus;
-        in.pimStatus = pim;
-        in.mcastBoundaryStatus = boundary;
-        in.failoverIntfs = failoverIntfs;
-        in.mcastVxlanStatus = vxlan;
-        in.membership = membership;
+        in.config = config.get();
+        in.mfibConfig = mfibConfig.get();
+        in.clearConfig = clearConfig.get();
+        in.status = status.get();
+        in.localStatus = localStatus.get();
+        in.rpfConfig = rpfConfig.get();
+        in.rpfStatus = rpfStatus.get();
+        in.pimStatus = pim.get();
+        in.mcastBoundaryStatus = boundary.get();
+        in.failoverIntfs = failoverIntfs.get();
+        in.mcastVxlanStatus = vxlan.get();
+        in.membership = membership.get();
         return in;
     }
 
@@ -126,6 +126,7 @@ public:
     Cask::Ptr<Routing::Multicast::VxlanStatus> vxlan =
         Cask::make<Routing::Multicast::VxlanStatus>();
     Cask::Ptr<Routing::Gmp::Tidal::Status> membership = Cask::make<Routing::Gmp::Tidal::Status>();
+    VrfContext ctx;
     std::unique_ptr<RouteReviewSm> review;
 };
 

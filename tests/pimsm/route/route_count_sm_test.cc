@@ -21,7 +21,12 @@ TEST(RouteCountSm, CountersStartAtZeroAndFollowTheirSets) {
     auto rpf = Cask::make<Routing::Pim::RpfStatus>();
     auto tidal = Cask::make<Tidal::Status>();
     ls->switchingRouteIs(key(9));  // present before the machine starts
-    auto sm = routeCountSmFactory(L3::VrfName("red"), ls, rpf, tidal);
+    VrfContext ctx;
+    ctx.vrfName = L3::VrfName("red");
+    ctx.localStatus = ls.get();
+    ctx.rpfStatus = rpf.get();
+    ctx.routeCounts = tidal.get();
+    auto sm = routeCountSmFactory(ctx);
     const auto count = [&](Tidal::RouteCounterKind kind) {
         const Tidal::RouteCounterKey k{kind, 0};
         EXPECT_TRUE(tidal->routeCounterHas(k));

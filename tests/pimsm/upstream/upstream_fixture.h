@@ -71,10 +71,18 @@ public:
     }
 
     void start() { sm = upstreamWcSmFactory(inputs()); }
-    UpstreamWcInputs inputs() {
-        return UpstreamWcInputs{L3::VrfName("red"), ls.get(),  pim.get(),     jp.get(),
-                                rpMapping.get(),    &rpfTable, rpLocal.get(), rx.get()};
+    const VrfContext& inputs() {
+        ctx.vrfName = L3::VrfName("red");
+        ctx.localStatus = ls.get();
+        ctx.pimStatus = pim.get();
+        ctx.joinPruneStatus = jp.get();
+        ctx.rpMapping = rpMapping.get();
+        ctx.rpfTable = &rpfTable;
+        ctx.rpLocalStatus = rpLocal.get();
+        ctx.joinPruneRxStatus = rx.get();
+        return ctx;
     }
+    VrfContext ctx;
 
     void unicastVia(IntfId intf, const IpGenAddr& nextHop) {
         table->routeIs({*Wirl::IpGenPrefix::parse("10.9.9.0/24"), intf, nextHop, 110, 20, false});
