@@ -14,18 +14,23 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include "alloc_count.h"
 #include "cask/trace.h"
 #include "driver/runner.h"
 #include "driver/scenario.h"
+#include "pimsm/route/local_status.h"
+#include "pimsm/route/status.h"
 #include "platform/membership.h"
 #include "platform/mfib_table.h"
 #include "platform/state_db.h"
+#include "skipping_clock.h"
 
 namespace Bench {
 
 namespace {
 
 namespace TMF = ::Tidal::Multicast::Fib;
+namespace SM = ::Routing::Pim::SparseMode;
 using WallClock = std::chrono::steady_clock;
 
 // Groups 239.0.0.1, 239.0.0.2, ...: administratively scoped (RFC 2365), so outside the default
@@ -169,17 +174,65 @@ double floorSeconds(const std::vector<TMF::Route>& records) {
     return best;
 }
 
+double heapBytes() {
+    return double(heapBytesInUse());
+}
+
+// What the agent's own records of N routes weigh on the heap: the same records built alone,
+// one kind after the other, each measured as the heap growth it caused. The rest of the agent's
+// heap is the machines' per-route state (reactors, watchers, queues, Join/Prune contents).
+std::vector<HeapShare> heapShares(std::size_t routes, const std::vector<TMF::Route>& records,
+                                  double agentBytes) {
+    std::vector<HeapShare> out;
+    const double n = double(routes);
+    double accounted = 0;
+    auto share = [&](std::string what, double before) {
+        const double perRoute = (heapBytes() - before) / n;
+        accounted += perRoute;
+        out.push_back({std::move(what), perRoute});
+    };
+    const Wirl::IntfId host("Ethernet1");
+    {
+        Cask::VirtualClock clock;
+        auto ls = SM::localStatusFactory(Wirl::AddressFamily::ipv4);
+        auto status = Cask::make<SM::Status>(clock, SM::RouteContext{nullptr, ls.get()});
+        auto key = [](std::size_t i) { return Routing::Pim::RouteKey::wc(group(i)); };
+        double h = heapBytes();
+        for (std::size_t i = 0; i < routes; ++i) status->routeIs(key(i));
+        share("route records and route status", h);
+        h = heapBytes();
+        for (std::size_t i = 0; i < routes; ++i) status->route(key(i))->routeIntfIs(host);
+        share("interface records", h);
+        h = heapBytes();
+        for (std::size_t i = 0; i < routes; ++i) ls->wcRouteIs(key(i), status->route(key(i)));
+        share("(*,G) route index", h);
+        h = heapBytes();
+        for (std::size_t i = 0; i < routes; ++i) status->groupIs(group(i));
+        share("routes-per-group index", h);
+    }
+    {
+        auto table = Cask::make<TMF::Status>();
+        const double h = heapBytes();
+        for (const auto& r : records) table->routeIs(r);
+        share("forwarding records", h);
+    }
+    out.push_back({"machines (the rest)", agentBytes / n - accounted});
+    return out;
+}
+
 }  // namespace
 
-EndToEndResult runEndToEnd(std::size_t routes, const Progress& progress) {
+EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& progress) {
     if (routes == 0 || routes > maxRoutes) {
         throw std::invalid_argument(fmt::format("routes must be 1 to {}", maxRoutes));
     }
     const Wirl::IntfId host("Ethernet1");
     const Wirl::IntfId upstream("Ethernet2");
     const auto scenario = lastHopScenario();
+    SkippingClock steady;
     Driver::RunOptions options;
     options.traceLevel = 0;
+    if (realTime) options.clock = &steady;
     Driver::Runner runner(scenario, options);
     Cask::eventLog().levelIs(0);
     auto& loop = runner.loop();
@@ -193,13 +246,16 @@ EndToEndResult runEndToEnd(std::size_t routes, const Progress& progress) {
 
     EndToEndResult res;
     res.routes = routes;
+    res.realTime = realTime;
     const double rssBefore = residentBytes();
+    const double heapBefore = heapBytes();
     if (progress) progress(0, routes);
     const auto start = WallClock::now();
     for (std::size_t i = 0; i < routes; ++i) {
         const Routing::Gmp::Tidal::RouteIntfKey key{Routing::Pim::RouteKey::wc(group(i)), host};
         members->membershipIs(key, {key, Routing::Gmp::Tidal::FilterMode::include});
     }
+    const double heapMembers = heapBytes();
     while (watch.committed() < routes) {
         const auto t0 = WallClock::now();
         const bool ran = loop.runOnce();
@@ -221,8 +277,11 @@ EndToEndResult runEndToEnd(std::size_t routes, const Progress& progress) {
         }
     }
     res.agentSeconds = seconds(watch.completedAt() - start);
+    const double heapDone = heapBytes();
     res.peakRssKiB = peakRssKiB();
     res.rssGrowthBytes = residentBytes() - rssBefore;
+    res.heapMembershipPerRoute = (heapMembers - heapBefore) / double(routes);
+    res.heapAgentPerRoute = (heapDone - heapMembers) / double(routes);
     res.virtualSeconds = loop.now() - joinsAt;
     if (progress) progress(routes, routes);
 
@@ -244,6 +303,7 @@ EndToEndResult runEndToEnd(std::size_t routes, const Progress& progress) {
             fmt::format("{} forwarding records for {} groups", table->routeSize(), routes));
     }
     res.floorSeconds = floorSeconds(records);
+    res.heapBreakdown = heapShares(routes, records, heapDone - heapMembers);
     res.routesPerSecond = double(routes) / res.agentSeconds;
     res.bytesPerRoute = res.rssGrowthBytes / double(routes);
     res.floorRatio = res.floorSeconds > 0 ? res.agentSeconds / res.floorSeconds : 0;
@@ -253,11 +313,17 @@ EndToEndResult runEndToEnd(std::size_t routes, const Progress& progress) {
 nlohmann::ordered_json toJson(const EndToEndResult& r) {
     nlohmann::ordered_json j;
     j["routes"] = r.routes;
+    j["real_time"] = r.realTime;
     j["routes_per_second"] = r.routesPerSecond;
     j["agent_seconds"] = r.agentSeconds;
     j["peak_rss_kib"] = r.peakRssKiB;
     j["rss_growth_bytes"] = r.rssGrowthBytes;
     j["bytes_per_route"] = r.bytesPerRoute;
+    j["heap_membership_bytes_per_route"] = r.heapMembershipPerRoute;
+    j["heap_agent_bytes_per_route"] = r.heapAgentPerRoute;
+    auto& shares = j["heap_agent_breakdown"];
+    shares = nlohmann::ordered_json::object();
+    for (const auto& s : r.heapBreakdown) shares[s.what] = s.bytesPerRoute;
     j["longest_turn_seconds"] = r.longestTurnSeconds;
     j["turns"] = r.turns;
     j["virtual_seconds"] = r.virtualSeconds;
@@ -266,32 +332,74 @@ nlohmann::ordered_json toJson(const EndToEndResult& r) {
     return j;
 }
 
-std::string toTable(const EndToEndResult& r) {
-    const std::pair<std::string, std::string> rows[] = {
-        {"routes (host joins)", fmt::format("{}", r.routes)},
-        {"routes/s", fmt::format("{:.0f}", r.routesPerSecond)},
-        {"agent time", fmt::format("{:.3f} s", r.agentSeconds)},
-        {"peak memory (maxrss)", fmt::format("{:.1f} MiB", double(r.peakRssKiB) / 1024)},
-        {"RSS growth", fmt::format("{:.1f} MiB", r.rssGrowthBytes / (1024 * 1024))},
-        {"bytes/route", fmt::format("{:.0f}", r.bytesPerRoute)},
-        {"longest event-loop turn", fmt::format("{:.3f} ms", r.longestTurnSeconds * 1e3)},
-        {"event-loop turns", fmt::format("{}", r.turns)},
-        {"loop (virtual) time", fmt::format("{:.3f} s", r.virtualSeconds)},
-        {"floor (records into table)", fmt::format("{:.3f} ms", r.floorSeconds * 1e3)},
-        {"agent time / floor", fmt::format("{:.1f}x", r.floorRatio)},
+std::string toTable(const std::vector<EndToEndResult>& results) {
+    using Row = std::pair<std::string, std::function<std::string(const EndToEndResult&)>>;
+    const double firstRate = results.empty() ? 0 : results.front().routesPerSecond;
+    std::vector<Row> rows = {
+        {"routes (host joins)", [](auto& r) { return fmt::format("{}", r.routes); }},
+        {"clock", [](auto& r) { return std::string(r.realTime ? "real" : "virtual"); }},
+        {"routes/s", [](auto& r) { return fmt::format("{:.0f}", r.routesPerSecond); }},
+        {"agent time", [](auto& r) { return fmt::format("{:.3f} s", r.agentSeconds); }},
+        {"floor (records into table)",
+         [](auto& r) { return fmt::format("{:.3f} ms", r.floorSeconds * 1e3); }},
+        {"agent time / floor", [](auto& r) { return fmt::format("{:.1f}x", r.floorRatio); }},
     };
+    if (results.size() > 1) {
+        rows.push_back({"routes/s, first / this", [firstRate](auto& r) {
+                            return fmt::format("{:.2f}x", firstRate / r.routesPerSecond);
+                        }});
+    }
+    const std::vector<Row> rest = {
+        {"peak memory (maxrss)",
+         [](auto& r) { return fmt::format("{:.1f} MiB", double(r.peakRssKiB) / 1024); }},
+        {"RSS growth",
+         [](auto& r) { return fmt::format("{:.1f} MiB", r.rssGrowthBytes / (1024 * 1024)); }},
+        {"bytes/route (RSS)", [](auto& r) { return fmt::format("{:.0f}", r.bytesPerRoute); }},
+        {"heap bytes/route, agent",
+         [](auto& r) { return fmt::format("{:.0f}", r.heapAgentPerRoute); }},
+        {"heap bytes/route, membership",
+         [](auto& r) { return fmt::format("{:.0f}", r.heapMembershipPerRoute); }},
+    };
+    rows.insert(rows.end(), rest.begin(), rest.end());
+    if (!results.empty()) {
+        for (std::size_t k = 0; k < results.front().heapBreakdown.size(); ++k) {
+            rows.push_back({"  " + results.front().heapBreakdown[k].what, [k](auto& r) {
+                                return k < r.heapBreakdown.size()
+                                           ? fmt::format("{:.0f}", r.heapBreakdown[k].bytesPerRoute)
+                                           : std::string("-");
+                            }});
+        }
+    }
+    const std::vector<Row> loopRows = {
+        {"longest event-loop turn",
+         [](auto& r) { return fmt::format("{:.3f} ms", r.longestTurnSeconds * 1e3); }},
+        {"event-loop turns", [](auto& r) { return fmt::format("{}", r.turns); }},
+        {"loop time", [](auto& r) { return fmt::format("{:.3f} s", r.virtualSeconds); }},
+    };
+    rows.insert(rows.end(), loopRows.begin(), loopRows.end());
+    std::size_t nameWidth = 0;
+    for (const auto& [name, value] : rows) nameWidth = std::max(nameWidth, name.size());
     std::string out;
-    for (const auto& [name, value] : rows) out += fmt::format("{:<28}{:>16}\n", name, value);
+    for (const auto& [name, value] : rows) {
+        out += fmt::format("{:<{}}", name, nameWidth + 2);
+        for (const auto& r : results) out += fmt::format("{:>16}", value(r));
+        out += '\n';
+    }
     return out;
 }
 
 int endToEndMain(int argc, char** argv) {
     CLI::App app{"N host joins applied at once, run until every group has its forwarding record",
                  "pimsm-bench end-to-end"};
-    std::size_t routes = 10000;
+    std::vector<std::size_t> routes{10000};
     bool json = false;
-    app.add_option("--routes", routes, "host joins (one group each) to apply")
+    bool realTime = false;
+    app.add_option("--routes", routes,
+                   "host joins (one group each) to apply; several values run one after the other")
         ->check(CLI::Range(std::size_t(1), maxRoutes));
+    app.add_flag("--real-time", realTime,
+                 "run the loop on the steady clock (idle waits skipped), so reviews slice their "
+                 "work as in a real run");
     app.add_flag("--json", json, "print the figures as JSON");
     CLI11_PARSE(app, argc, argv);
 
@@ -303,16 +411,24 @@ int endToEndMain(int argc, char** argv) {
             std::fflush(stderr);
         };
     }
-    EndToEndResult result;
-    try {
-        result = runEndToEnd(routes, progress);
-    } catch (const std::exception& e) {
+    std::vector<EndToEndResult> results;
+    for (const std::size_t n : routes) {
+        try {
+            results.push_back(runEndToEnd(n, realTime, progress));
+        } catch (const std::exception& e) {
+            if (tty) fmt::print(stderr, "\n");
+            fmt::print(stderr, "end-to-end FAILED: {}\n", e.what());
+            return 1;
+        }
         if (tty) fmt::print(stderr, "\n");
-        fmt::print(stderr, "end-to-end FAILED: {}\n", e.what());
-        return 1;
     }
-    if (tty) fmt::print(stderr, "\n");
-    fmt::print("{}", json ? toJson(result).dump(2) + "\n" : toTable(result));
+    if (json) {
+        auto out = nlohmann::ordered_json::array();
+        for (const auto& r : results) out.push_back(toJson(r));
+        fmt::print("{}\n", (results.size() == 1 ? out.front() : out).dump(2));
+    } else {
+        fmt::print("{}", toTable(results));
+    }
     return 0;
 }
 

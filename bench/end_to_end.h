@@ -1,30 +1,50 @@
 #pragma once
-// The whole-agent scale benchmark, `pimsm-bench end-to-end --routes N [--json]`: one IPv4 VRF
-// of a last-hop router (host interface Ethernet1, RP 10.0.0.1 behind a neighbour on Ethernet2)
-// gets N host joins for N distinct groups at once, and the agent's event loop runs until every
-// group has a committed (*,G) forwarding record carrying Ethernet1's bit. It reports how fast
-// that went, what it cost in memory, the longest single event-loop turn, and how it compares
-// with the bare cost of writing the same records into a forwarding table (the floor).
+// The whole-agent scale benchmark, `pimsm-bench end-to-end --routes N [--routes M ...]
+// [--real-time] [--json]`: one IPv4 VRF of a last-hop router (host interface Ethernet1, RP
+// 10.0.0.1 behind a neighbour on Ethernet2) gets N host joins for N distinct groups at once, and
+// the agent's event loop runs until every group has a committed (*,G) forwarding record carrying
+// Ethernet1's bit. It reports how fast that went, what it cost in memory (resident set growth and
+// heap bytes, with a breakdown by kind of record), the longest single event-loop turn, and how it
+// compares with the bare cost of writing the same records into a forwarding table (the floor).
+// Several `--routes` values run one after the other and print side by side.
 //
-// Time is virtual (the agent runs on the scenario driver's Runner), so timers cost no waiting
-// and every figure below is wall time spent working.
+// By default time is virtual (the agent runs on the scenario driver's virtual clock), so timers
+// cost no waiting and every figure is wall time spent working; but then the loop's clock does
+// not move while work runs, so time-sliced reviews never suspend. With `--real-time` the loop
+// reads the steady clock (idle waits are skipped), so the reviews slice their work as in a real
+// run and the longest turn shows how well they do.
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
 namespace Bench {
 
+// Heap bytes per route kept by one kind of record, measured by building the same records alone.
+struct HeapShare {
+    std::string what;
+    double bytesPerRoute = 0;
+};
+
 struct EndToEndResult {
     std::size_t routes = 0;
+    bool realTime = false;
     double agentSeconds = 0;  // wall, first membership write to last record committed
     double routesPerSecond = 0;
     long peakRssKiB = 0;        // getrusage ru_maxrss at the end of the agent run
     double rssGrowthBytes = 0;  // resident set growth over the agent run
-    double bytesPerRoute = 0;
+    double bytesPerRoute = 0;   // rssGrowthBytes / routes
+    // Heap bytes per route still held once every record is committed: the membership table,
+    // and everything the agent built from it.
+    double heapMembershipPerRoute = 0;
+    double heapAgentPerRoute = 0;
+    // The agent's share split by kind: records built alone, then what remains (the machines).
+    std::vector<HeapShare> heapBreakdown;
     double longestTurnSeconds = 0;  // wall time of the longest EventLoop::runOnce()
     std::uint64_t turns = 0;        // runOnce() calls that did something
     double virtualSeconds = 0;      // loop time the run took
@@ -37,11 +57,12 @@ using Progress = std::function<void(std::size_t committed, std::size_t total)>;
 
 // Runs the benchmark once. Throws std::runtime_error when the agent does not commit a correct
 // record for every group (or the VRF never comes up).
-EndToEndResult runEndToEnd(std::size_t routes, const Progress& progress = {});
+EndToEndResult runEndToEnd(std::size_t routes, bool realTime = false,
+                           const Progress& progress = {});
 
 nlohmann::ordered_json toJson(const EndToEndResult& r);
-// An aligned two-column table, one figure per line.
-std::string toTable(const EndToEndResult& r);
+// An aligned table, one figure per line and one column per result.
+std::string toTable(const std::vector<EndToEndResult>& results);
 
 // The `end-to-end` subcommand; argv[0] is the subcommand's name. Returns the exit status.
 int endToEndMain(int argc, char** argv);

@@ -16,6 +16,7 @@
 #include "cask/event_loop.h"
 #include "pimsm/membership/gmp_sm.h"
 #include "platform/pim_status.h"
+#include "skipping_clock.h"
 
 namespace {
 
@@ -24,20 +25,6 @@ using Routing::Gmp::Tidal::FilterMode;
 using Routing::Gmp::Tidal::Membership;
 using Routing::Gmp::Tidal::RouteIntfKey;
 using Routing::Pim::RouteKey;
-
-// Steady time that skips the idle waits.
-class SkippingClock final : public Cask::Clock {
-public:
-    Cask::Seconds now() const override { return steady_.now() + skipped_; }
-    void waitUntil(Cask::Seconds t) override {
-        const Cask::Seconds n = now();
-        if (t > n) skipped_ += t - n;
-    }
-
-private:
-    Cask::SteadyClock steady_;
-    Cask::Seconds skipped_ = 0;
-};
 
 // Registers new routes in LocalStatus, as the route reactor does.
 class Registrar : public Status::Notifiee {
@@ -53,7 +40,7 @@ private:
 
 struct Vrf {
     static constexpr auto family = Wirl::AddressFamily::ipv4;
-    SkippingClock clock;
+    Bench::SkippingClock clock;
     Cask::EventLoop loop{clock};
     Routing::Pim::Status pim;
     Cask::Ptr<Config> config = Cask::make<Config>(family);

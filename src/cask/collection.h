@@ -23,15 +23,17 @@
 // instead (see OrderedRecordMap, whose walks can resume at `lowerBound`).
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
+
+#include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
 
 #include "cask/record.h"
 
@@ -54,6 +56,20 @@ struct KeyHash {
         } else {
             return std::hash<K>{}(k);
         }
+    }
+};
+
+// The hash the open-addressing maps index by. They take the slot from the high
+// bits and a tag from the low seven, so a key hash that is only well spread in
+// part (an interface id, a bitmap index) would crowd a few slots: fold a
+// 64x64->128 multiply of it, which spreads every input bit over the whole word.
+struct FlatKeyHash {
+    template <class K>
+    std::size_t operator()(const K& k) const {
+        const unsigned __int128 m =
+            static_cast<unsigned __int128>(KeyHash{}(k)) * 0x9e3779b97f4a7c15ULL;
+        return static_cast<std::size_t>(static_cast<std::uint64_t>(m) ^
+                                        static_cast<std::uint64_t>(m >> 64));
     }
 };
 
@@ -83,6 +99,9 @@ public:
     // suspended at `k` resumes correctly even if `k` was removed meanwhile.
     auto lowerBound(const Key& k) const { return map_.lower_bound(k); }
     auto upperBound(const Key& k) const { return map_.upper_bound(k); }
+    // Hashed collections only: room for `n` entries, so growing to that many
+    // never rehashes.
+    void reserve(std::size_t n) { map_.reserve(n); }
 
     // Removes `k`; announces it only if it was there.
     template <class N, class H>
@@ -118,8 +137,17 @@ protected:
     Map map_;
 };
 
+// Hashed collections are open-addressing maps: a lookup touches one group of
+// slots, and growing moves slots instead of relinking a node per entry. An
+// insert may move every entry, so no one keeps a reference or iterator into
+// one across an insert (records themselves stay put: entries hold pointers).
+template <class K, class V>
+using HashMap = absl::flat_hash_map<K, V, FlatKeyHash>;
+template <class K>
+using HashSet = absl::flat_hash_set<K, FlatKeyHash>;
+
 // Key -> shared record. Null records are refused.
-template <class K, class V, class Map = std::unordered_map<K, Ptr<V>, KeyHash>>
+template <class K, class V, class Map = HashMap<K, Ptr<V>>>
 class RecordMapOf : public KeyedCollection<Map> {
 public:
     Ptr<V> get(const K& k) const {
@@ -152,7 +180,7 @@ template <class K, class V>
 using OrderedRecordMap = RecordMapOf<K, V, std::map<K, Ptr<V>>>;
 
 // Key -> plain value.
-template <class K, class V, class Map = std::unordered_map<K, V, KeyHash>>
+template <class K, class V, class Map = HashMap<K, V>>
 class ValueMap : public KeyedCollection<Map> {
 public:
     // The value under `k`, or a default value when absent.
@@ -172,7 +200,7 @@ public:
 };
 
 // A set of keys.
-template <class K, class Set = std::unordered_set<K, KeyHash>>
+template <class K, class Set = HashSet<K>>
 class KeySet : public KeyedCollection<Set> {
 public:
     template <class N, class H>

@@ -25,7 +25,11 @@ void pendingSent(Agent& agent) {
 }  // namespace
 
 Runner::Runner(const Scenario& scenario, RunOptions options)
-    : scenario_(scenario), options_(options), loop_(clock_), db_(scenario.family) {
+    : scenario_(scenario),
+      options_(options),
+      clock_(options.clock ? *options.clock : virtualClock_),
+      loop_(clock_),
+      db_(scenario.family) {
     Cask::random().seedIs(options.seed);
     Cask::trace().clear();
     Cask::trace().levelIs(options.traceLevel);

@@ -23,6 +23,8 @@ struct RunOptions {
     int traceLevel = 4;  // lines kept in the trace ring
     std::uint64_t seed = 1;
     double until = -1;  // run at least until here (< 0: the scenario's)
+    // The loop's clock; null: the runner's own virtual clock. Must outlive the runner.
+    Cask::Clock* clock = nullptr;
 };
 
 // Receives what the scenario asks to see or to check, in time order.
@@ -59,7 +61,8 @@ private:
 
     const Scenario& scenario_;
     RunOptions options_;
-    Cask::VirtualClock clock_;
+    Cask::VirtualClock virtualClock_;
+    Cask::Clock& clock_;
     Cask::EventLoop loop_;
     Platform::StateDb db_;
     std::unique_ptr<Routing::Pim::SparseMode::Agent> agent_;

@@ -4,11 +4,6 @@
 
 namespace Routing::Multicast::Fib {
 
-std::size_t IpGenRouteKey::hash() const {
-    const std::size_t h = group_.hash();
-    return h ^ (source_.hash() + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2)) ^ wildcard_;
-}
-
 std::string IpGenRouteKey::str() const {
     if (wildcard_) return fmt::format("(*, {})", group_);
     return fmt::format("({}, {})", source_, group_);

@@ -18,6 +18,7 @@
 #include <iterator>
 #include <string>
 
+#include <absl/container/node_hash_map.h>
 #include <fmt/format.h>
 
 #include "cask/collection.h"
@@ -39,7 +40,10 @@ public:
     const Wirl::IpGenAddr& group() const { return group_; }
     bool wildcard() const { return wildcard_; }
 
-    std::size_t hash() const;
+    std::size_t hash() const {
+        const std::size_t h = group_.hash();
+        return h ^ (source_.hash() + 0x9e3779b97f4a7c15ull + (h << 6) + (h >> 2)) ^ wildcard_;
+    }
     bool operator==(const IpGenRouteKey&) const = default;
     std::strong_ordering operator<=>(const IpGenRouteKey&) const = default;
     std::string str() const;
@@ -217,7 +221,11 @@ public:
     std::uint32_t corruptionCount() const { return corruptionCount_; }
 
 private:
-    Cask::ValueMap<IpGenRouteKey, Route> route_;
+    // Records stay where they are while others are written: `route(key)`
+    // hands out pointers, and a record is too large to move on every growth.
+    Cask::ValueMap<IpGenRouteKey, Route,
+                   absl::node_hash_map<IpGenRouteKey, Route, Cask::FlatKeyHash>>
+        route_;
     Cask::ValueMap<OifIndex, OifIndexIntf> oifIndexIntf_;
     std::uint64_t routeWriteCount_ = 0;
     std::uint32_t corruptionCount_ = 0;

@@ -168,17 +168,6 @@ std::string formatV6(const IpGenAddr::Bytes& b) {
     return std::string(buf, p);
 }
 
-// fmix64 from MurmurHash3: a cheap full avalanche, so the low bits that bucket indexing
-// uses depend on every input bit.
-std::uint64_t fmix64(std::uint64_t k) {
-    k ^= k >> 33;
-    k *= 0xff51afd7ed558ccdULL;
-    k ^= k >> 33;
-    k *= 0xc4ceb9fe1a85ec53ULL;
-    k ^= k >> 33;
-    return k;
-}
-
 }  // namespace
 
 IpGenAddr IpGenAddr::v4(std::uint32_t hostOrder) {
@@ -214,12 +203,6 @@ IpGenAddr IpGenAddr::zero(AddressFamily family) {
     IpGenAddr a;
     a.family_ = family;
     return a;
-}
-
-std::uint32_t IpGenAddr::v4HostOrder() const {
-    if (family_ != AddressFamily::ipv4) return 0;
-    return std::uint32_t{bytes_[0]} << 24 | std::uint32_t{bytes_[1]} << 16 |
-           std::uint32_t{bytes_[2]} << 8 | std::uint32_t{bytes_[3]};
 }
 
 std::string IpGenAddr::str() const {
@@ -290,27 +273,6 @@ bool IpGenAddr::isLoopback() const {
             break;
     }
     return false;
-}
-
-std::strong_ordering IpGenAddr::operator<=>(const IpGenAddr& other) const {
-    if (family_ != other.family_) return family_ <=> other.family_;
-    int c = std::memcmp(bytes_.data(), other.bytes_.data(), bytes_.size());
-    return c <=> 0;
-}
-
-bool IpGenAddr::operator==(const IpGenAddr& other) const {
-    return family_ == other.family_ &&
-           std::memcmp(bytes_.data(), other.bytes_.data(), bytes_.size()) == 0;
-}
-
-std::size_t IpGenAddr::hash() const {
-    std::uint64_t lo;
-    std::uint64_t hi;
-    std::memcpy(&lo, bytes_.data(), 8);
-    std::memcpy(&hi, bytes_.data() + 8, 8);
-    // Seeding with the family keeps 0.0.0.0 and :: (equal bytes) from colliding.
-    std::uint64_t seed = 0x9e3779b97f4a7c15ULL * (static_cast<std::uint64_t>(family_) + 1);
-    return static_cast<std::size_t>(fmix64(lo ^ fmix64(hi ^ seed)));
 }
 
 std::ostream& operator<<(std::ostream& os, const IpGenAddr& addr) {

@@ -6,9 +6,11 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <iosfwd>
 #include <optional>
 #include <span>
@@ -41,7 +43,11 @@ public:
     // Network-order bytes: 4 for IPv4, 16 for IPv6, none for ipunknown.
     std::span<const std::uint8_t> bytes() const { return {bytes_.data(), familyBits(family_) / 8}; }
     // The IPv4 address as a host-order integer; 0 for any other family.
-    std::uint32_t v4HostOrder() const;
+    std::uint32_t v4HostOrder() const {
+        if (family_ != AddressFamily::ipv4) return 0;
+        return std::uint32_t{bytes_[0]} << 24 | std::uint32_t{bytes_[1]} << 16 |
+               std::uint32_t{bytes_[2]} << 8 | std::uint32_t{bytes_[3]};
+    }
 
     // Dotted quad for IPv4; RFC 5952 canonical text for IPv6 (IPv4-mapped addresses in
     // mixed notation, "::ffff:1.2.3.4"); "<unknown>" for ipunknown.
@@ -53,13 +59,52 @@ public:
     bool isLinkLocalMulticast() const;  // 224.0.0.0/24; ff01::/16, ff02::/16 (any flags)
     bool isLoopback() const;            // 127.0.0.0/8, ::1
 
-    // Family first, then the bytes, i.e. numeric order within a family.
-    std::strong_ordering operator<=>(const IpGenAddr& other) const;
-    bool operator==(const IpGenAddr& other) const;
+    // Family first, then the bytes, i.e. numeric order within a family. Addresses key every
+    // route table, so comparison and hashing are inline: two 64-bit words each.
+    std::strong_ordering operator<=>(const IpGenAddr& other) const {
+        if (family_ != other.family_) return family_ <=> other.family_;
+        // Network-order bytes compare as big-endian words.
+        const std::uint64_t a0 = bigEndianWord(0), b0 = other.bigEndianWord(0);
+        if (a0 != b0) return a0 <=> b0;
+        return bigEndianWord(8) <=> other.bigEndianWord(8);
+    }
+    bool operator==(const IpGenAddr& other) const {
+        return family_ == other.family_ && word(0) == other.word(0) && word(8) == other.word(8);
+    }
 
-    std::size_t hash() const;
+    std::size_t hash() const {
+        // Seeding with the family keeps 0.0.0.0 and :: (equal bytes) from colliding.
+        const std::uint64_t seed =
+            0x9e3779b97f4a7c15ULL * (static_cast<std::uint64_t>(family_) + 1);
+        return static_cast<std::size_t>(fmix64(word(0) ^ fmix64(word(8) ^ seed)));
+    }
 
 private:
+    // fmix64 from MurmurHash3: a cheap full avalanche, so the low bits that bucket indexing
+    // uses depend on every input bit.
+    static constexpr std::uint64_t fmix64(std::uint64_t k) {
+        k ^= k >> 33;
+        k *= 0xff51afd7ed558ccdULL;
+        k ^= k >> 33;
+        k *= 0xc4ceb9fe1a85ec53ULL;
+        k ^= k >> 33;
+        return k;
+    }
+    // Eight bytes from `at`, in memory order and in network order.
+    std::uint64_t word(std::size_t at) const {
+        std::uint64_t w;
+        std::memcpy(&w, bytes_.data() + at, sizeof w);
+        return w;
+    }
+    std::uint64_t bigEndianWord(std::size_t at) const {
+        const std::uint64_t w = word(at);
+        if constexpr (std::endian::native == std::endian::little) {
+            return __builtin_bswap64(w);
+        } else {
+            return w;
+        }
+    }
+
     AddressFamily family_ = AddressFamily::ipunknown;
     Bytes bytes_{};
 };

@@ -225,3 +225,34 @@ TEST(Notifier, NestedDeliveryOnTheSameRecord) {
 }
 
 }  // namespace
+
+// Hashed collections move their entries as they grow: entries must survive
+// growth, including growth caused by a handler during an announcement, and
+// keys with a poorly spread hash (small ints hash to themselves) must still
+// all be found.
+TEST(Notifier, HashedCollectionsKeepEveryEntryThroughGrowth) {
+    auto t = Cask::make<Thing>();
+    Calls calls;
+    Log w(t.get(), calls);
+    constexpr int n = 5000;
+    // Each announcement of a key below n adds its mirror key and removes the
+    // previous one, so the map grows and shrinks while announcing.
+    w.hook = [&] {
+        const int k = std::stoi(calls.back().substr(std::string("w:weight ").size()));
+        if (k < n) {
+            t->weightIs(k + n, double(k));
+            if (k > 0) t->weightDel(k - 1);
+        }
+    };
+    for (int k = 0; k < n; ++k) t->weightIs(k, double(k) / 2);
+    EXPECT_EQ(t->weightSize(), std::size_t(n) + 1);  // n mirrors and the last key
+    EXPECT_EQ(t->weight(n - 1), double(n - 1) / 2);
+    for (int k = 0; k < n; ++k) {
+        ASSERT_EQ(t->weight(k + n), double(k)) << k;
+        ASSERT_EQ(t->weightHas(k), k == n - 1) << k;
+    }
+
+    for (int k = 0; k < n; ++k) t->memberIs(k * 64);
+    for (int k = 0; k < n; ++k) ASSERT_TRUE(t->memberHas(k * 64)) << k;
+    EXPECT_FALSE(t->memberHas(1));
+}
