@@ -81,7 +81,10 @@ public:
             ms += gap();
             if (ms != batchMs) {
                 if (batchMs >= 0) checkpoint(batchMs, false);  // after the previous batch
-                if (batchMs >= 0 && ms - batchMs >= quietGapMs) checkpoint(ms, true);
+                if (batchMs >= 0 && ms - batchMs >= quietGapMs) {
+                    checkpoint(ms, true);
+                    settledMs_ = ms;
+                }
                 batchMs = ms;
             }
             event(ms);
@@ -233,7 +236,11 @@ private:
             const auto& g = pick(p_->groups);
             std::string src = chance(50) ? "" : pick(p_->sources);
             const bool include = src.empty() || chance(70);
-            m.members[{src, g, name}] = {include, false};
+            auto it = m.members.find({src, g, name});
+            // Reporting the same membership again changes nothing in the table.
+            if (it == m.members.end() || it->second.include != include) {
+                m.members[{src, g, name}] = {include, false, lastClearMs_ >= settledMs_, ms};
+            }
             add(ms, fmt::format("join: {{interface: {}, group: {}{}{}}}", name, g,
                                 src.empty() ? "" : ", source: " + src,
                                 include ? "" : ", mode: exclude"));
@@ -311,8 +318,15 @@ private:
             for (auto& [key, mem] : m.members) {
                 const auto& [ks, kg, ki] = key;
                 const bool covered = kind == 0 || (kg == g && (kind == 1 || ks == s));
-                if (covered && !mem.include && !ks.empty()) mem.excludeLost = true;
+                if (!covered || mem.include || ks.empty()) continue;
+                if (mem.sinceMs < settledMs_) {
+                    mem.excludeLost = true;
+                    mem.uncertain = false;
+                } else {
+                    mem.uncertain = true;
+                }
             }
+            lastClearMs_ = ms;
             if (kind == 0) {
                 add(ms, "clear: {}");
             } else if (kind == 1) {
@@ -346,6 +360,8 @@ private:
     std::mt19937_64 rng_;
     const Pool* p_ = nullptr;
     int intfs_ = 2;
+    std::int64_t settledMs_ = 0;     // every change before this had been applied
+    std::int64_t lastClearMs_ = -1;  // the last clear command
     Model model_;
     RandomScenario out_;
 };
