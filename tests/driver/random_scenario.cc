@@ -93,7 +93,6 @@ public:
         const std::int64_t end = batchMs + settleMs;
         checkpoint(end, true, true);
         out_.until = static_cast<double>(end) / 1000;
-        out_.eventCount = events;
         return std::move(out_);
     }
 

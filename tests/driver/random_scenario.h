@@ -82,7 +82,6 @@ struct RandomScenario {
     std::vector<Line> lines;
     std::vector<Checkpoint> checkpoints;
     double until = 0;
-    int eventCount = 0;
 
     // The YAML with a `show` at every checkpoint (what the test runs), or
     // with the single `show` of checkpoint `only` (what a person replays).
