@@ -31,8 +31,11 @@ using PimsmTest::Checkpoint;
 using PimsmTest::Model;
 
 // Checks that fail on the current code because of a known defect. They are
-// still evaluated and their failures printed, but do not fail the test.
-// Each entry names the defect; remove it when the defect is fixed.
+// still evaluated and their failures counted and listed at the end, but do
+// not fail the test. Each entry names the defect; remove it when the defect
+// is fixed. The "/rp-changed" checks are the RPF'(*,G) and periodic Join
+// checks for a group whose RP(G) changed during the run; for every other
+// group the same checks stay in force.
 const std::string rpChangeDefect =
     "an RP mapping change is not applied to existing (*,G) routes: UpstreamWcSm does not watch "
     "the RP mapping, so RPF'(*,G) and the periodic (*,G) Join keep the old RP and its upstream "
