@@ -64,6 +64,9 @@ void GmpChangeSm::handleMembership(const RouteIntfKey& key) {
     if (!parent_.groupPermitted(group)) {
         CASK_TRACE(7, "<Vrf:{}>GmpSm:handleMembership({}), ignoring bidirectional group",
                    parent_.vrfName(), group);
+        // Kept, so that the change (a leave, say) is decided once the
+        // filter lifts: the table alone no longer shows a removed key.
+        filtered_.insert(key);
         return;
     }
     gmpChangeStatus_->changedRouteIntfIs(key);
@@ -78,6 +81,17 @@ void GmpChangeSm::handleMembership(const RouteIntfKey& key) {
     for (const Wirl::IpGenAddr& source : sources->source()) {
         gmpChangeStatus_->changedRouteIntfIs(
             RouteIntfKey{Routing::Pim::RouteKey(source, group), key.intf});
+    }
+}
+
+void GmpChangeSm::handleGroupFilterChanged() {
+    for (auto it = filtered_.begin(); it != filtered_.end();) {
+        if (!parent_.groupPermitted(it->routeKey.group())) {
+            ++it;
+            continue;
+        }
+        gmpChangeStatus_->changedRouteIntfIs(*it);
+        it = filtered_.erase(it);
     }
 }
 

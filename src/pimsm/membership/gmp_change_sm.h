@@ -10,6 +10,7 @@
 // review runs gather in the fresh set and start the next review.
 
 #include <memory>
+#include <set>
 
 #include "cask/event_loop.h"
 #include "cask/sliced_review.h"
@@ -37,6 +38,9 @@ public:
     void handleMembership(const RouteIntfKey& key) override;
     // Creates the review and the first, empty, change set.
     void handleInitialized();
+    // The group filter changed: keys that changed while their group was
+    // filtered, and whose group is permitted now, are decided again.
+    void handleGroupFilterChanged();
     // Schedules a review unless one is pending or nothing has changed.
     void doUpdateReviewTimer();
 
@@ -58,6 +62,8 @@ private:
     Cask::Ptr<GmpChangeStatus> gmpChangeStatus_;
     Cask::Ptr<GmpChangeStatus> reviewChangeStatus_;
     std::unique_ptr<ChangeWatcher> changeWatcher_;
+    // Keys changed while their group was filtered (bidirectional).
+    std::set<RouteIntfKey> filtered_;
     std::unique_ptr<Cask::SlicedReview<RouteIntfKey>> review_;
 };
 

@@ -280,6 +280,7 @@ void GmpSm::handleBoundary(Wirl::IntfId intf) {
 
 void GmpSm::handleGroupFilterStatus() {
     CASK_TRACE(6, "<Vrf:{}>GmpSm:handleGroupFilterStatus()", vrfName());
+    if (gmpChangeSm_) gmpChangeSm_->handleGroupFilterChanged();
     doUpdateReviewTimer();
 }
 
@@ -322,8 +323,29 @@ void GmpSm::handleSsmConvertSource(const Wirl::IpGenAddr& group, const Wirl::IpG
 }
 
 void GmpSm::doTrackRoute(const RouteKey& key, Route* route, RouteMap& reactors) {
+    // The route review removed a route (a clear, a deletion) that the
+    // membership table may still ask for: decide its memberships again, so
+    // that every receiver comes back, exclude ones included, and not only
+    // those the review re-creates itself.
+    if (!route && reactors.has(key)) doRequeueMemberships(key);
     // A new or replaced route may come with receivers already decided.
     if (reactors.update(key, route, *this) && route->initialized()) handleRouteInit(*route);
+}
+
+void GmpSm::doRequeueMemberships(const RouteKey& key) {
+    if (!gmpChangeSm_) return;
+    const auto& table = in_.membership->membership();
+    GmpChangeStatus& changes = *gmpChangeSm_->gmpChangeStatus();
+    for (auto it = table.lowerBound(RouteIntfKey{key, Wirl::IntfId()});
+         it != table.end() && it->first.routeKey == key; ++it) {
+        changes.changedRouteIntfIs(it->first);
+    }
+    // An (S,G) route that SSM conversion derives from (*,G) memberships.
+    const SsmConvertGroup* sources =
+        in_.ssmConvertConfig ? in_.ssmConvertConfig->group().raw(key.group()) : nullptr;
+    if (!key.isWc() && sources && sources->sourceHas(key.source())) {
+        handleSsmConvertSource(key.group(), key.source());
+    }
 }
 
 void GmpSm::handleSgRoute(const RouteKey& key) {

@@ -161,6 +161,7 @@ private:
 
     bool ssmConverted(const RouteIntfKey& key) const;
     void doCreateReview();
+    void doRequeueMemberships(const Routing::Pim::RouteKey& key);
     void doTrackRoute(const Routing::Pim::RouteKey& key, Route* route, RouteMap& reactors);
 
     const VrfContext& in_;

@@ -179,6 +179,23 @@ TEST(GmpSm, ConfigurationChangesRedecideEveryMembership) {
     }
 }
 
+// A leave while the group is filtered is decided when the filter lifts: the
+// table no longer holds the key, so a full review alone would miss it.
+TEST(GmpSm, LeaveDuringABidirectionalFilterIsDecidedWhenItLifts) {
+    GmpFixture fx(Wirl::AddressFamily::ipv4);
+    const auto k = GmpFixture::key(fx.any(), fx.group(false));
+    fx.join(k);
+    fx.settle();
+    ASSERT_EQ(fx.flags(k), "include 1 exclude 0");
+    fx.filter->bidirRangeIs(rangeOf(k.routeKey.group()));
+    fx.settle();
+    fx.leave(k);
+    fx.settle();
+    fx.filter->bidirRangeIs(Wirl::AddressRangeSet(Wirl::AddressFamily::ipv4));
+    fx.settle();
+    EXPECT_EQ(fx.flags(k), "include 0 exclude 0");
+}
+
 TEST(GmpSm, ConversionSourcesComeAndGo) {
     GmpFixture fx(Wirl::AddressFamily::ipv6);
     const auto g = fx.group(true);
