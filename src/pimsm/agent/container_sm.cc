@@ -190,6 +190,9 @@ void ContainerSm::handleInitialized() {
     up.rpLocalStatus = rpLocalStatus_.get();
     up.joinPruneRxStatus = rxJoinPrune_.get();
     upstreamWcSm_ = upstreamWcSmFactory(up);
+    // RP mapping changes reach the (*,G) routes through a sliced review.
+    wcRouteReviewSm_ =
+        std::make_unique<WcRouteReviewSm>(pc_.loop, *upstreamWcSm_, rpMapping_.get());
 
     // Local receivers from the membership table.
     GmpInputs gmp;
