@@ -2,8 +2,7 @@
 // WcRouteReviewSm: applies changes of the group-to-RP mapping to the (*,G)
 // routes of one VRF (RFC 7761 4.5.4: RPF'(*,G) follows RP(G)).
 // Watches: Platform::RpMapping (each changed group range), LocalStatus.wcRoute.
-// Writes:  nothing itself; hands each route whose RP changed to
-//          `UpstreamWcSm::handleRpChange`, which owns RPF'(*,G) and the Joins.
+// Writes:  only through UpstreamWcSm::handleRpChange (RPF'(*,G), the Joins).
 //
 // A mapping change may concern many routes, so it is applied by a sliced
 // review that visits only the groups inside the changed ranges, in group
