@@ -170,6 +170,8 @@ void ContainerSm::handleInitialized() {
 
     // Upstream (*,G): joins toward the RP.
     upstreamWcSm_ = upstreamWcSmFactory(ctx_);
+    // RP mapping changes reach the (*,G) routes through a sliced review.
+    wcRouteReviewSm_ = std::make_unique<WcRouteReviewSm>(ctx_, *upstreamWcSm_);
 
     // Local receivers from the membership table.
     gmpSm_ = gmpSmFactory(ctx_);

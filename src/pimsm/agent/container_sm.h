@@ -22,6 +22,7 @@
 #include "pimsm/upstream/pimsm_wc_sm.h"
 #include "pimsm/upstream/rpf_table.h"
 #include "pimsm/upstream/upstream_wc_sm.h"
+#include "pimsm/upstream/wc_route_review_sm.h"
 #include "platform/group_ranges.h"
 #include "platform/join_prune.h"
 #include "platform/join_prune_neighbor_sm.h"
@@ -70,6 +71,7 @@ public:
     Routing::Pim::JoinPruneStatus* joinPruneStatus() const { return joinPruneStatus_.get(); }
     Routing::Pim::JoinPruneRxStatus* rxJoinPrune() const { return rxJoinPrune_.get(); }
     UpstreamWcSm* upstreamWcSm() const { return upstreamWcSm_.get(); }
+    WcRouteReviewSm* wcRouteReviewSm() const { return wcRouteReviewSm_.get(); }
     MfibSm* mfibSm() const { return mfibSm_.get(); }
     AgentStatus* agentStatus() const { return agentStatus_.get(); }
 
@@ -127,6 +129,7 @@ private:
     std::unique_ptr<RouteReviewSm> routeReviewSm_;
     Cask::Ptr<SsmConvertConfig> ssmConvertConfig_;
     Cask::Ptr<UpstreamWcSm> upstreamWcSm_;
+    std::unique_ptr<WcRouteReviewSm> wcRouteReviewSm_;
     Cask::Ptr<GmpSm> gmpSm_;
     std::unique_ptr<MfibSm> mfibSm_;
     Cask::Ptr<AgentStatus> agentStatus_;

@@ -73,7 +73,7 @@ struct VrfContext {
     Routing::Pim::ClearMrouteConfig* clearConfig = nullptr;
     Routing::Multicast::Fib::Config* mfibConfig = nullptr;  // null: no forwarding config
     SsmConvertConfig* ssmConvertConfig = nullptr;           // null: no SSM conversion
-    const Platform::RpMapping* rpMapping = nullptr;         // null: no RP mapping
+    Platform::RpMapping* rpMapping = nullptr;               // null: no RP mapping
 
     // The route table.
     Status* status = nullptr;

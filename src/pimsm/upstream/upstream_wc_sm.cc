@@ -217,9 +217,74 @@ void UpstreamWcSm::doWriteJoin(JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& gr
     UP_TRACE(8,
              "UpstreamWcSm::doRpfNeighborJoin(), RPF change: Sending triggered join to neighbor {}",
              neighbor);
+    doDropFormerRpJoins(nbr, group, rp);
     // It refers to the periodic record, so it carries the group's (S,G,rpt)
     // prunes.
     writer_.entryIs(nbr, JoinPruneSet::triggered, JoinPruneEntry::wcJoin(group, rp));
+}
+
+void UpstreamWcSm::doDropFormerRpJoins(JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
+                                       const Wirl::IpGenAddr& rp) {
+    // A Join not yet sent toward a former RP of the group must not go out
+    // beside the one toward the RP now: the neighbour would be joined to two
+    // shared trees of one group.
+    for (JoinPruneSet set : {JoinPruneSet::triggered, JoinPruneSet::override_}) {
+        const JoinPruneGroupData* gd = writer_.groupData(nbr, set, group);
+        if (!gd) continue;
+        std::vector<Wirl::IpGenAddr> former;
+        for (const auto& [other, d] : gd->wcSourceData()) {
+            if (d.join && other != rp) former.push_back(other);
+        }
+        for (const auto& other : former) {
+            UP_TRACE(8,
+                     "UpstreamWcSm::doDropFormerRpJoins(), Deleting pending join for group {} "
+                     "toward former RP {} for neighbor {}",
+                     group, other, nbr.key().address);
+            writer_.entryDel(nbr, set, JoinPruneEntry::wcJoin(group, other));
+        }
+    }
+}
+
+bool UpstreamWcSm::rpChanged(const Route& route) const {
+    const Wirl::IpGenAddr& group = route.key().group();
+    const Wirl::IpGenAddr rp = rpOf(group);
+    if (route.umh()->rp() != rp) return true;
+    // The RP may have been taken up by another re-evaluation of RPF' (a
+    // change-flag review) that left the Join naming the former RP.
+    const Rpf& rpf = route.rpf();
+    if (route.upJoinState() != UpJoinState::upJoined || !rpf.hasNeighbor() || !validAddr(rp)) {
+        return false;
+    }
+    const JoinPruneNeighbor* nbr = writer_.neighbor(rpf.intf, rpf.neighbor);
+    return nbr &&
+           JoinPruneWriter::has(*nbr, JoinPruneSet::periodic, JoinPruneEntry::wcAny(group)) &&
+           !JoinPruneWriter::has(*nbr, JoinPruneSet::periodic, JoinPruneEntry::wcJoin(group, rp));
+}
+
+void UpstreamWcSm::handleRpChange(Route& route) {
+    const RouteKey key = route.key();
+    const Wirl::IpGenAddr rp = rpOf(key.group());
+    UP_TRACE(6, "UpstreamWcSm::handleRpChange({}) rp: {} previous rp: {}", key, rp,
+             route.umh()->rp());
+    CASK_EVENT("UpstreamWcSm: Route {}, RP changed to {}", key, rp);
+    // rpfPrimeWc stores only an RP it finds: a withdrawn mapping leaves none.
+    if (!validAddr(rp)) route.umh()->rpIs(Wirl::IpGenAddr());
+    // A new RPF' announces itself: handleRpf joins the new neighbour, naming
+    // the new RP, and cleans up the old one.
+    if (!doEvalRpfPrimeWc(route) && route.upJoinState() == UpJoinState::upJoined) {
+        const Rpf rpf = route.rpf();
+        const JoinPruneNeighbor* nbr =
+            rpf.hasNeighbor() ? writer_.neighbor(rpf.intf, rpf.neighbor) : nullptr;
+        if (nbr && validAddr(rp) &&
+            !JoinPruneWriter::has(*nbr, JoinPruneSet::periodic,
+                                  JoinPruneEntry::wcJoin(key.group(), rp))) {
+            UP_TRACE(
+                7, "UpstreamWcSm::handleRpChange({}), same neighbor {}: sending join toward RP {}",
+                key, rpf.neighbor, rp);
+            doRpfNeighborJoin(key, rpf.intf, rpf.neighbor);
+        }
+    }
+    doEvalJoinDesiredWc(route);
 }
 
 void UpstreamWcSm::doPrevRpfNeighborCleanup(const RouteKey& key, const Rpf& prevRpf) {

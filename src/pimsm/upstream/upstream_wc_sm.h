@@ -144,6 +144,13 @@ public:
     // sends it a triggered Prune while it is still an active neighbour.
     void doPrevRpfNeighborCleanup(const Routing::Pim::RouteKey& key,
                                   const Routing::Pim::Rpf& prevRpf);
+    // The group's RP mapping changed (WcRouteReviewSm): re-evaluates
+    // RPF'(*,G) and the join state, and makes the Join name the new RP even
+    // when RPF' stays the same neighbour (RFC 7761 4.5.4).
+    void handleRpChange(Route& route);
+    // The route's RP, or the RP its periodic Join names, is not the group's
+    // RP now.
+    bool rpChanged(const Route& route) const;
     void doMaybeSetForwardBit(Wirl::IntfId intf, Route& route);
     void doMaybeSetFastForwardBit(Wirl::IntfId intf, Route& route);
     // True (traced) for a received entry that does not concern a joined
@@ -164,6 +171,10 @@ private:
     Wirl::IpGenAddr rpOf(const Wirl::IpGenAddr& group) const;
     // The neighbour of `rpf` holds a periodic (*,G) entry for the group.
     bool joinWrittenAt(const Routing::Pim::Rpf& rpf, const Wirl::IpGenAddr& group) const;
+    // Drops from the pending triggered and override sets of the neighbour
+    // the group's (*,G) Joins toward any RP other than `rp`.
+    void doDropFormerRpJoins(Routing::Pim::JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
+                             const Wirl::IpGenAddr& rp);
     // Writes the (*,G) Join toward `rp` into the periodic and triggered sets.
     void doWriteJoin(Routing::Pim::JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
                      const Wirl::IpGenAddr& rp);
