@@ -81,10 +81,7 @@ public:
             ms += gap();
             if (ms != batchMs) {
                 if (batchMs >= 0) checkpoint(batchMs, false);  // after the previous batch
-                if (batchMs >= 0 && ms - batchMs >= quietGapMs) {
-                    checkpoint(ms, true);
-                    settledMs_ = ms;
-                }
+                if (batchMs >= 0 && ms - batchMs >= quietGapMs) checkpoint(ms, true);
                 batchMs = ms;
             }
             event(ms);
@@ -238,7 +235,7 @@ private:
             auto it = m.members.find({src, g, name});
             // Reporting the same membership again changes nothing in the table.
             if (it == m.members.end() || it->second.include != include) {
-                m.members[{src, g, name}] = {include, false, lastClearMs_ >= settledMs_, ms};
+                m.members[{src, g, name}] = {include, ms};
             }
             add(ms, fmt::format("join: {{interface: {}, group: {}{}{}}}", name, g,
                                 src.empty() ? "" : ", source: " + src,
@@ -314,18 +311,8 @@ private:
             const auto kind = below(3);
             const auto& g = pick(p_->groups);
             const auto& s = pick(p_->sources);
-            for (auto& [key, mem] : m.members) {
-                const auto& [ks, kg, ki] = key;
-                const bool covered = kind == 0 || (kg == g && (kind == 1 || ks == s));
-                if (!covered || mem.include || ks.empty()) continue;
-                if (mem.sinceMs < settledMs_) {
-                    mem.excludeLost = true;
-                    mem.uncertain = false;
-                } else {
-                    mem.uncertain = true;
-                }
-            }
-            lastClearMs_ = ms;
+            // A clear changes no input: the routes come back from the
+            // membership table, every receiver included.
             if (kind == 0) {
                 add(ms, "clear: {}");
             } else if (kind == 1) {
@@ -359,8 +346,6 @@ private:
     std::mt19937_64 rng_;
     const Pool* p_ = nullptr;
     int intfs_ = 2;
-    std::int64_t settledMs_ = 0;     // every change before this had been applied
-    std::int64_t lastClearMs_ = -1;  // the last clear command
     Model model_;
     RandomScenario out_;
 };

@@ -23,14 +23,6 @@ namespace PimsmTest {
 struct Model {
     struct Membership {
         bool include = true;
-        // An exclude membership whose route was cleared: the route is
-        // re-created from include memberships only, so the exclude flag is
-        // gone until the membership changes.
-        bool excludeLost = false;
-        // A clear and a change of this membership were both pending at one
-        // moment: either may be applied first, so whether the exclude flag
-        // survived is not known.
-        bool uncertain = false;
         std::int64_t sinceMs = 0;  // when the membership table last changed
     };
     struct UnicastRoute {

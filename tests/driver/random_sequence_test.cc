@@ -33,17 +33,9 @@ using PimsmTest::Model;
 // Checks that fail on the current code because of a known defect. They are
 // still evaluated and their failures counted and listed at the end, but do
 // not fail the test. Each entry names the defect; remove it when the defect
-// is fixed. The "/rp-changed" checks are the RPF'(*,G) and periodic Join
-// checks for a group whose RP(G) changed during the run; for every other
-// group the same checks stay in force.
-const std::string rpChangeDefect =
-    "an RP mapping change is not applied to existing (*,G) routes: UpstreamWcSm does not watch "
-    "the RP mapping, so RPF'(*,G) and the periodic (*,G) Join keep the old RP and its upstream "
-    "neighbour (RFC 7761 4.5.4: a change of RP(G) changes RPF'(*,G))";
-const std::map<std::string, std::string> knownDefects = {
-    {"rpf-wc/rp-changed", rpChangeDefect},
-    {"wc-periodic-join/rp-changed", rpChangeDefect},
-};
+// is fixed. None is known now. (The "/rp-changed" checks are the RPF'(*,G)
+// and periodic Join checks for a group whose RP(G) changed during the run.)
+const std::map<std::string, std::string> knownDefects = {};
 
 struct Problem {
     std::string check;  // the rule's name
@@ -116,16 +108,7 @@ private:
     }
     bool excludeSg(const std::string& s, const std::string& g, const std::string& i) const {
         auto it = m_.members.find({s, g, i});
-        return m_.dr.at(i) && !m_.ssm(g) && it != m_.members.end() && !it->second.include &&
-               !it->second.excludeLost;
-    }
-
-    bool excludeUncertain(const std::string& s, const std::string& g) const {
-        for (const auto& [i, dr] : m_.dr) {
-            auto it = m_.members.find({s, g, i});
-            if (it != m_.members.end() && it->second.uncertain) return true;
-        }
-        return false;
+        return m_.dr.at(i) && !m_.ssm(g) && it != m_.members.end() && !it->second.include;
     }
 
     // Rules that hold at every moment, even right after a burst of changes.
@@ -208,7 +191,7 @@ private:
             const auto& [s, g, i] = key;
             if (m_.linkLocal(g)) continue;
             const bool wanted = s.empty() ? !m_.ssm(g) : (mem.include || !m_.ssm(g));
-            if (!wanted || (!mem.include && (mem.excludeLost || mem.uncertain))) continue;
+            if (!wanted) continue;
             if (!route(s, g))
                 fail("member-route", "{} membership ({}, {}) on {} has no route",
                      mem.include ? "include" : "exclude", s.empty() ? "*" : s, g, i);
@@ -225,7 +208,7 @@ private:
                     want.insert(i);
             }
             const auto got = strings((*r)["oifs"]);
-            if (got != want && !excludeUncertain(s, g))
+            if (got != want)
                 fail("olist", "route {} has outgoing interfaces [{}], expected [{}]", key,
                      fmt::join(got, ", "), fmt::join(want, ", "));
             if (s.empty()) wcUpstream(g, *r, want.empty());
