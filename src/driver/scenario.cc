@@ -1,17 +1,106 @@
 #include "driver/scenario.h"
 
-#include <fstream>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstring>
 #include <map>
 #include <set>
 #include <sstream>
+#include <string_view>
 
 #include <fmt/format.h>
+#include <yaml-cpp/eventhandler.h>
 #include <yaml-cpp/yaml.h>
 #include <nlohmann/json.hpp>
 
 namespace Driver {
 
 namespace {
+
+std::string placed(const std::string& file, int line, int column, const std::string& message) {
+    if (line <= 0) return fmt::format("{}: {}", file, message);
+    return fmt::format("{}:{}:{}: {}", file, line, column, message);
+}
+
+ScenarioError errorAt(const std::string& file, const YAML::Mark& m, const std::string& message) {
+    if (m.is_null() || m.line < 0) return ScenarioError(file, 0, 0, message);
+    return ScenarioError(file, m.line + 1, m.column + 1, message);
+}
+
+// Walks the YAML event stream once before any node tree is built, refusing
+// what the tree would hide or blow up: aliases (a few hundred bytes of
+// nested aliases expand to gigabytes), duplicate keys (the tree keeps the
+// first silently), keys that are not plain names, more than one document,
+// deep nesting and too many nodes.
+class StructureCheck : public YAML::EventHandler {
+public:
+    explicit StructureCheck(const std::string& file) : file_(file) {}
+
+    void OnDocumentStart(const YAML::Mark& m) override {
+        if (documents_++ > 0) throw errorAt(file_, m, "only one YAML document per file");
+    }
+    void OnDocumentEnd() override {}
+    void OnNull(const YAML::Mark& m, YAML::anchor_t) override { node(m, nullptr); }
+    void OnAlias(const YAML::Mark& m, YAML::anchor_t) override {
+        throw errorAt(file_, m, "YAML aliases (*name) are not supported; write the value out");
+    }
+    void OnScalar(const YAML::Mark& m, const std::string&, YAML::anchor_t,
+                  const std::string& value) override {
+        node(m, &value);
+    }
+    void OnSequenceStart(const YAML::Mark& m, const std::string&, YAML::anchor_t,
+                         YAML::EmitterStyle::value) override {
+        open(m, false);
+    }
+    void OnSequenceEnd() override { frames_.pop_back(); }
+    void OnMapStart(const YAML::Mark& m, const std::string&, YAML::anchor_t,
+                    YAML::EmitterStyle::value) override {
+        open(m, true);
+    }
+    void OnMapEnd() override { frames_.pop_back(); }
+
+private:
+    struct Frame {
+        bool map = false;
+        bool expectKey = true;
+        std::set<std::string, std::less<>> keys;
+    };
+
+    // `scalar` is the text of a scalar node, null for anything else.
+    void node(const YAML::Mark& m, const std::string* scalar) {
+        if (++nodes_ > maxScenarioNodes) {
+            throw errorAt(file_, m, fmt::format("more than {} values", maxScenarioNodes));
+        }
+        if (frames_.empty() || !frames_.back().map) return;
+        auto& f = frames_.back();
+        if (f.expectKey) {
+            if (!scalar) throw errorAt(file_, m, "a key must be a plain name");
+            if (!f.keys.insert(*scalar).second) {
+                throw errorAt(file_, m, fmt::format("duplicate key '{}'", *scalar));
+            }
+        }
+        f.expectKey = !f.expectKey;
+    }
+    void open(const YAML::Mark& m, bool map) {
+        node(m, nullptr);
+        if (frames_.size() >= static_cast<std::size_t>(maxScenarioDepth)) {
+            throw errorAt(file_, m, fmt::format("nested deeper than {} levels", maxScenarioDepth));
+        }
+        frames_.emplace_back().map = map;
+    }
+
+    const std::string& file_;
+    int documents_ = 0;
+    std::size_t nodes_ = 0;
+    std::vector<Frame> frames_;
+};
 
 // Reads YAML nodes of one file, turning every problem into a ScenarioError
 // that points at the offending node.
@@ -21,11 +110,11 @@ public:
 
     std::string where(const YAML::Node& n) const {
         const auto m = n.Mark();
-        if (m.line < 0) return file_;
+        if (m.is_null() || m.line < 0) return file_;
         return fmt::format("{}:{}:{}", file_, m.line + 1, m.column + 1);
     }
     [[noreturn]] void fail(const YAML::Node& n, const std::string& what) const {
-        throw ScenarioError(where(n) + ": " + what);
+        throw errorAt(file_, n.Mark(), what);
     }
 
     void keys(const YAML::Node& n, std::initializer_list<const char*> allowed,
@@ -50,17 +139,46 @@ public:
         if (!n.IsScalar()) fail(n, "expected a single value");
         return n.Scalar();
     }
+    // A finite decimal number. Parsed here rather than by yaml-cpp so that
+    // NaN, infinities and values beyond a double are refused by name.
     double number(const YAML::Node& n) const {
-        try {
-            return n.as<double>();
-        } catch (const YAML::Exception&) {
-            fail(n, fmt::format("'{}' is not a number", text(n)));
+        const std::string t = text(n);
+        std::string_view v = t;
+        // from_chars takes no '+'; YAML allows one, before a digit or '.'.
+        if (v.size() > 1 && v.front() == '+' && v[1] != '-' && v[1] != '+') v.remove_prefix(1);
+        double d = 0;
+        const auto [end, ec] = std::from_chars(v.data(), v.data() + v.size(), d);
+        if (ec == std::errc::result_out_of_range) fail(n, fmt::format("'{}' is out of range", t));
+        std::string lower;
+        for (char c : v) lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        const bool yamlSpecial = lower == ".inf" || lower == "-.inf" || lower == ".nan";
+        if (yamlSpecial || (ec == std::errc{} && end == v.data() + v.size() && !std::isfinite(d))) {
+            fail(n, fmt::format("'{}' is not a finite number", t));
         }
+        if (ec != std::errc{} || end != v.data() + v.size() || v.empty()) {
+            fail(n, fmt::format("'{}' is not a number", t));
+        }
+        return d;
     }
-    unsigned count(const YAML::Node& n) const {
-        double v = number(n);
-        if (v < 0 || v != static_cast<unsigned>(v)) fail(n, "expected a whole number >= 0");
-        return static_cast<unsigned>(v);
+    // A number in [lo, hi], checked before any conversion.
+    double number(const YAML::Node& n, double lo, double hi, const char* what) const {
+        const double v = number(n);
+        if (v < lo || v > hi) {
+            fail(n, fmt::format("{} must be from {} to {} (got {})", what, lo, hi, text(n)));
+        }
+        return v;
+    }
+    // A whole number in [0, max].
+    std::uint32_t count(const YAML::Node& n, std::uint32_t max, const char* what) const {
+        const double v = number(n);
+        if (v < 0 || v > max || v != std::floor(v)) {
+            fail(n, fmt::format("{} must be a whole number from 0 to {} (got {})", what, max,
+                                text(n)));
+        }
+        return static_cast<std::uint32_t>(v);
+    }
+    double time(const YAML::Node& n, const char* what) const {
+        return number(n, 0, maxScenarioTime, what);
     }
     bool flag(const YAML::Node& n) const {
         try {
@@ -86,8 +204,13 @@ public:
         return *p;
     }
     L3::VrfName vrfName(const YAML::Node& n) const {
+        const auto name = text(n);
+        for (char c : name) {
+            const auto u = static_cast<unsigned char>(c);
+            if (u <= ' ' || u == 0x7f) fail(n, "a VRF name has a space or control character");
+        }
         try {
-            return L3::VrfName(text(n));
+            return L3::VrfName(name);
         } catch (const std::exception& e) {
             fail(n, e.what());
         }
@@ -156,7 +279,7 @@ public:
         });
         s_.until = last;
         if (auto u = root["until"]) {
-            s_.until = r_.number(u);
+            s_.until = r_.time(u, "until");
             if (s_.until < last) r_.fail(u, "until is before the last event");
         }
     }
@@ -175,7 +298,7 @@ private:
             r_.list(ssm, "ssm-range",
                     [&](const YAML::Node& p) { v.ssmRange->push_back(r_.prefix(p, fam)); });
         }
-        r_.list(n["rp"], "rp", [&](const YAML::Node& rp) { v.rps.push_back(rpSpec(rp)); });
+        r_.list(n["rp"], "rp", [&](const YAML::Node& rp) { v.rps.push_back(rpSpec(rp, false)); });
         r_.list(n["local-addresses"], "local-addresses",
                 [&](const YAML::Node& a) { v.localAddresses.push_back(r_.addr(a, fam)); });
         r_.list(n["interfaces"], "interfaces", [&](const YAML::Node& i) {
@@ -184,7 +307,7 @@ private:
                      "assert-override-interval"},
                     "an interface");
             InterfaceSpec def;
-            def.name = Wirl::IntfId(r_.text(r_.need(i, "name", "an interface")));
+            def.name = interfaceName(r_.need(i, "name", "an interface"));
             if (v.interface(def.name)) r_.fail(i["name"], "interface defined twice");
             const auto addrNode = r_.need(i, "address", "an interface");
             const auto text = r_.text(addrNode);
@@ -195,9 +318,24 @@ private:
             auto a = Wirl::IpGenAddr::parse(text.substr(0, slash));
             def.addr = *a;
             if (auto d = i["dr"]) def.dr = r_.flag(d);
-            if (auto o = i["override-interval"]) def.overrideInterval = r_.number(o);
-            if (auto t = i["assert-timeout"]) def.assertTimeout = r_.count(t);
-            if (auto t = i["assert-override-interval"]) def.assertOverrideInterval = r_.count(t);
+            // The override interval travels in milliseconds in 16 bits (RFC 7761
+            // 4.9.1, LAN Prune Delay option).
+            if (auto o = i["override-interval"]) {
+                def.overrideInterval = r_.number(o, 0, 65.535, "override-interval");
+            }
+            if (auto t = i["assert-timeout"]) {
+                def.assertTimeout = r_.count(t, 65535, "assert-timeout");
+                if (def.assertTimeout == 0) r_.fail(t, "assert-timeout must be at least 1");
+            }
+            if (auto t = i["assert-override-interval"]) {
+                def.assertOverrideInterval = r_.count(t, 65535, "assert-override-interval");
+            }
+            // The assert timer runs for the timeout less the override interval.
+            if (def.assertOverrideInterval >= def.assertTimeout) {
+                r_.fail(i, fmt::format("assert-override-interval ({}) must be below assert-timeout "
+                                       "({})",
+                                       def.assertOverrideInterval, def.assertTimeout));
+            }
             v.interfaces.push_back(def);
         });
         r_.list(n["neighbors"], "neighbors", [&](const YAML::Node& nb) {
@@ -205,32 +343,64 @@ private:
             NeighborSpec def;
             def.interface = knownIntf(v, r_.need(nb, "interface", "a neighbor"));
             def.address = r_.addr(r_.need(nb, "address", "a neighbor"), fam);
-            if (auto g = nb["gen-id"]) def.genId = r_.count(g);
+            if (auto g = nb["gen-id"]) def.genId = r_.count(g, 0xffffffff, "gen-id");
             v.neighbors.push_back(def);
         });
         r_.list(n["routes"], "routes",
-                [&](const YAML::Node& rt) { v.routes.push_back(routeSpec(v, rt)); });
+                [&](const YAML::Node& rt) { v.routes.push_back(routeSpec(v, rt, false)); });
         s_.vrfs.push_back(std::move(v));
     }
 
-    RpSpec rpSpec(const YAML::Node& n) {
-        r_.keys(n, {"group", "address"}, "an RP mapping");
+    // In an event the body may also name the VRF.
+    RpSpec rpSpec(const YAML::Node& n, bool event) {
+        if (event) {
+            r_.keys(n, {"vrf", "group", "address"}, "an RP mapping");
+        } else {
+            r_.keys(n, {"group", "address"}, "an RP mapping");
+        }
         RpSpec rp;
         rp.groups = r_.prefix(r_.need(n, "group", "an RP mapping"), s_.family);
         rp.address = r_.addr(r_.need(n, "address", "an RP mapping"), s_.family);
         return rp;
     }
 
-    UnicastRouteSpec routeSpec(const VrfSpec& v, const YAML::Node& n) {
-        r_.keys(n, {"prefix", "interface", "next-hop", "preference", "metric"}, "a unicast route");
+    UnicastRouteSpec routeSpec(const VrfSpec& v, const YAML::Node& n, bool event) {
+        if (event) {
+            r_.keys(n, {"vrf", "prefix", "interface", "next-hop", "preference", "metric"},
+                    "a unicast route");
+        } else {
+            r_.keys(n, {"prefix", "interface", "next-hop", "preference", "metric"},
+                    "a unicast route");
+        }
         UnicastRouteSpec rt;
         rt.prefix = r_.prefix(r_.need(n, "prefix", "a unicast route"), s_.family);
         rt.interface = knownIntf(v, r_.need(n, "interface", "a unicast route"));
         rt.nextHop = Wirl::IpGenAddr::zero(s_.family);
         if (auto nh = n["next-hop"]) rt.nextHop = r_.addr(nh, s_.family);
-        if (auto p = n["preference"]) rt.preference = r_.count(p);
-        if (auto m = n["metric"]) rt.metric = r_.count(m);
+        // The top bit of an assert preference is the RPT bit.
+        if (auto p = n["preference"]) rt.preference = r_.count(p, 0x7fffffff, "preference");
+        if (auto m = n["metric"]) rt.metric = r_.count(m, 0xffffffff, "metric");
         return rt;
+    }
+
+    // A name for a new interface. Register0 and Null0 are the agent's own
+    // pseudo-interfaces and the empty name is no interface at all.
+    Wirl::IntfId interfaceName(const YAML::Node& n) {
+        const auto name = r_.text(n);
+        if (name.empty()) r_.fail(n, "an interface name is empty");
+        if (name == Wirl::IntfId::register0().name() || name == Wirl::IntfId::null0().name()) {
+            r_.fail(n, fmt::format("'{}' is reserved for the agent's pseudo-interface", name));
+        }
+        if (name.size() > maxInterfaceName) {
+            r_.fail(n, fmt::format("an interface name is longer than {} bytes", maxInterfaceName));
+        }
+        for (char c : name) {
+            const auto u = static_cast<unsigned char>(c);
+            if (u <= ' ' || u == 0x7f) {
+                r_.fail(n, "an interface name has a space or control character");
+            }
+        }
+        return Wirl::IntfId(name);
     }
 
     Wirl::IntfId knownIntf(const VrfSpec& v, const YAML::Node& n) {
@@ -243,7 +413,7 @@ private:
     }
 
     const VrfSpec& eventVrf(const YAML::Node& n) {
-        if (auto v = n["vrf"]) {
+        if (auto v = n.IsMap() ? n["vrf"] : YAML::Node()) {
             auto name = r_.vrfName(v);
             const VrfSpec* def = s_.vrf(name);
             if (!def) r_.fail(v, fmt::format("unknown VRF {}", name));
@@ -273,8 +443,7 @@ private:
         if (!n.IsMap()) r_.fail(n, "an event must be a mapping");
         Event ev;
         ev.where = r_.where(n);
-        ev.at = r_.number(r_.need(n, "at", "an event"));
-        if (ev.at < 0) r_.fail(n["at"], "time must be >= 0");
+        ev.at = r_.time(r_.need(n, "at", "an event"), "at");
         YAML::Node body;
         bool haveBody = false;
         for (const auto& kv : n) {
@@ -299,6 +468,8 @@ private:
 
     void eventBody(Event& ev, const YAML::Node& b) {
         const auto fam = s_.family;
+        const bool takesMap = ev.kind != Event::Kind::show && ev.kind != Event::Kind::clear;
+        if (takesMap && !b.IsMap()) r_.fail(b, "the event's body must be a mapping");
         switch (ev.kind) {
             case Event::Kind::join:
             case Event::Kind::leave: {
@@ -326,7 +497,7 @@ private:
                 ev.interface = knownIntf(v, r_.need(b, "interface", "a neighbor event"));
                 ev.address = r_.addr(r_.need(b, "address", "a neighbor event"), fam);
                 ev.genId = 1;
-                if (auto g = b["gen-id"]) ev.genId = r_.count(g);
+                if (auto g = b["gen-id"]) ev.genId = r_.count(g, 0xffffffff, "gen-id");
                 return;
             }
             case Event::Kind::dr: {
@@ -341,10 +512,8 @@ private:
             case Event::Kind::rpfWithdraw: {
                 const VrfSpec& v = eventVrf(b);
                 ev.vrf = v.name;
-                YAML::Node body = YAML::Clone(b);
-                body.remove("vrf");
                 if (ev.kind == Event::Kind::rpf) {
-                    ev.route = routeSpec(v, body);
+                    ev.route = routeSpec(v, b, true);
                 } else {
                     r_.keys(b, {"vrf", "prefix"}, "an RPF withdrawal");
                     ev.route.prefix = r_.prefix(r_.need(b, "prefix", "an RPF withdrawal"), fam);
@@ -356,9 +525,7 @@ private:
                 const VrfSpec& v = eventVrf(b);
                 ev.vrf = v.name;
                 if (ev.kind == Event::Kind::rp) {
-                    YAML::Node body = YAML::Clone(b);
-                    body.remove("vrf");
-                    ev.rp = rpSpec(body);
+                    ev.rp = rpSpec(b, true);
                 } else {
                     r_.keys(b, {"vrf", "group"}, "an RP withdrawal");
                     ev.rp.groups = r_.prefix(r_.need(b, "group", "an RP withdrawal"), fam);
@@ -403,7 +570,7 @@ private:
                 } else {
                     ev.source = r_.addr(r_.need(b, "source", what), fam);
                 }
-                if (auto h = b["hold-time"]) ev.holdTime = r_.count(h);
+                if (auto h = b["hold-time"]) ev.holdTime = r_.count(h, 65535, "hold-time");
                 return;
             }
             case Event::Kind::show: {
@@ -425,7 +592,6 @@ private:
                 return;
             }
             case Event::Kind::expect: {
-                if (!b.IsMap()) r_.fail(b, "expect takes a mapping of outputs");
                 for (const auto& kv : b) {
                     auto it = outputNames.find(kv.first.as<std::string>());
                     if (it == outputNames.end()) r_.fail(kv.first, "unknown output to expect");
@@ -475,28 +641,77 @@ const VrfSpec* Scenario::vrf(const L3::VrfName& name) const {
     return nullptr;
 }
 
+ScenarioError::ScenarioError(std::string file, int line, int column, std::string message)
+    : std::runtime_error(placed(file, line, column, message)),
+      file_(std::move(file)),
+      line_(line),
+      column_(column),
+      message_(std::move(message)) {}
+
 Scenario parseScenario(const std::string& text, const std::string& file) {
-    Reader reader(file);
-    YAML::Node root;
-    try {
-        root = YAML::Load(text);
-    } catch (const YAML::ParserException& e) {
-        throw ScenarioError(
-            fmt::format("{}:{}:{}: {}", file, e.mark.line + 1, e.mark.column + 1, e.msg));
+    if (const auto nul = text.find('\0'); nul != std::string::npos) {
+        const auto before = std::string_view(text).substr(0, nul);
+        const auto lineStart = before.rfind('\n');
+        const int line = 1 + static_cast<int>(std::count(before.begin(), before.end(), '\n'));
+        const int column =
+            1 + static_cast<int>(lineStart == std::string::npos ? nul : nul - lineStart - 1);
+        throw ScenarioError(file, line, column, "not a text file (NUL byte)");
     }
+    Reader reader(file);
     Scenario s;
     s.file = file;
-    if (!root || root.IsNull()) throw ScenarioError(file + ": the scenario is empty");
-    Parser(reader, s).top(root);
+    try {
+        {
+            std::istringstream in(text);
+            YAML::Parser parser(in);
+            StructureCheck check(file);
+            while (parser.HandleNextDocument(check)) {
+            }
+        }
+        const YAML::Node root = YAML::Load(text);
+        if (!root || root.IsNull()) throw ScenarioError(file, 0, 0, "the scenario is empty");
+        Parser(reader, s).top(root);
+    } catch (const YAML::Exception& e) {
+        // Anything yaml-cpp itself refuses, and any conversion the checks
+        // above did not foresee, still names its place.
+        throw errorAt(file, e.mark, e.msg);
+    }
     return s;
 }
 
 Scenario loadScenario(const std::string& path) {
-    std::ifstream in(path);
-    if (!in) throw ScenarioError(path + ": cannot be read");
-    std::stringstream buf;
-    buf << in.rdbuf();
-    return parseScenario(buf.str(), path);
+    auto refuse = [&](const std::string& why) { return ScenarioError(path, 0, 0, why); };
+    auto systemError = [&](const char* doing) {
+        return refuse(fmt::format("cannot {}: {}", doing, std::strerror(errno)));
+    };
+    // Checked before opening: opening a FIFO would block, reading a device
+    // may never end.
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) throw systemError("read it");
+    if (S_ISDIR(st.st_mode)) throw refuse(fmt::format("cannot read it: {}", std::strerror(EISDIR)));
+    if (!S_ISREG(st.st_mode)) throw refuse("cannot read it: not a regular file");
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) throw systemError("open it");
+    std::string text;
+    char buf[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            const int saved = errno;
+            ::close(fd);
+            errno = saved;
+            throw systemError("read it");
+        }
+        if (n == 0) break;
+        text.append(buf, static_cast<std::size_t>(n));
+        if (text.size() > maxScenarioBytes) {
+            ::close(fd);
+            throw refuse(fmt::format("larger than {} bytes", maxScenarioBytes));
+        }
+    }
+    ::close(fd);
+    return parseScenario(text, path);
 }
 
 }  // namespace Driver

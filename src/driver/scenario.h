@@ -2,10 +2,12 @@
 // A scenario: the platform inputs an agent starts from and the timed events
 // applied to it, as read from a YAML file (see docs/scenario-format.md).
 //
-// Loading validates everything before anything runs: unknown keys, bad
-// addresses, events for unknown VRFs or interfaces, and time going
-// backwards are errors that name the file, line and column.
+// Loading validates everything before anything runs: unknown or duplicate
+// keys, YAML aliases, bad addresses, numbers that are not finite or out of
+// range, events for unknown VRFs or interfaces, and time going backwards are
+// errors that name the file, line and column.
 
+#include <cstddef>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -19,11 +21,33 @@
 
 namespace Driver {
 
-// "file:line:column: what is wrong".
+// "file:line:column: what is wrong", or "file: what is wrong" when the
+// fault has no place in the text (the file cannot be read, it is empty).
+// The parts are kept for machine-readable reports.
 class ScenarioError : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
+    // line and column count from 1; 0 means no place.
+    ScenarioError(std::string file, int line, int column, std::string message);
+
+    const std::string& file() const { return file_; }
+    int line() const { return line_; }
+    int column() const { return column_; }
+    const std::string& message() const { return message_; }
+
+private:
+    std::string file_;
+    int line_;
+    int column_;
+    std::string message_;
 };
+
+// Limits on what a scenario may ask for. Times are virtual seconds; the
+// file and node limits keep hostile input from exhausting memory.
+inline constexpr double maxScenarioTime = 1'000'000;
+inline constexpr std::size_t maxScenarioBytes = 8u << 20;
+inline constexpr std::size_t maxScenarioNodes = 1u << 18;
+inline constexpr int maxScenarioDepth = 64;
+inline constexpr std::size_t maxInterfaceName = 100;
 
 struct InterfaceSpec {
     Wirl::IntfId name;
@@ -121,7 +145,8 @@ struct Scenario {
     const VrfSpec* vrf(const L3::VrfName& name) const;
 };
 
-// Reads and validates a scenario; throws ScenarioError.
+// Reads and validates a scenario; throws ScenarioError. The path must name
+// a readable regular file of at most maxScenarioBytes.
 Scenario loadScenario(const std::string& path);
 Scenario parseScenario(const std::string& text, const std::string& file);
 

@@ -4,12 +4,20 @@
 //
 // Without a file it runs the bundled example (a last-hop router).
 // Exit codes: 0 done, 1 an expectation failed (with --check), 2 the
-// scenario could not be used.
+// scenario or a command-line value could not be used (nothing ran).
 
+#include <charconv>
+#include <cmath>
+#include <cstdint>
 #include <iostream>
+#include <limits>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 
+#include <fmt/format.h>
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include "driver/report.h"
 #include "driver/runner.h"
@@ -47,31 +55,93 @@ int run(const std::string& file, bool json, int traceLevel, double until, std::u
     return check && failed ? 1 : 0;
 }
 
+// A command-line value that cannot be used; reported like a scenario fault
+// but without a place.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+double parseUntil(const std::string& text) {
+    double v = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+    if (ec != std::errc{} || end != text.data() + text.size() || !std::isfinite(v) || v < 0 ||
+        v > Driver::maxScenarioTime) {
+        throw UsageError(fmt::format("--until: '{}' is not a time from 0 to {} seconds", text,
+                                     Driver::maxScenarioTime));
+    }
+    return v;
+}
+
+std::uint64_t parseSeed(const std::string& text) {
+    std::uint64_t v = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+    if (ec != std::errc{} || end != text.data() + text.size() || text.empty()) {
+        throw UsageError(fmt::format("--seed: '{}' is not a whole number from 0 to {}", text,
+                                     std::numeric_limits<std::uint64_t>::max()));
+    }
+    return v;
+}
+
+int parseTraceLevel(const std::string& text) {
+    int v = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+    if (ec != std::errc{} || end != text.data() + text.size() || v < 0 || v > 8) {
+        throw UsageError(fmt::format("--trace: '{}' is not a trace level from 0 to 8", text));
+    }
+    return v;
+}
+
+// Every refusal exits with 2. With --json the fault is also a JSON object on
+// standard output, for tools that read only that.
+int refuse(bool json, const std::string& file, int line, int column, const std::string& message,
+           const std::string& text) {
+    std::cerr << text << '\n';
+    if (json) {
+        nlohmann::ordered_json where = nlohmann::ordered_json::object();
+        where["file"] = file.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(file);
+        where["line"] = line > 0 ? nlohmann::ordered_json(line) : nlohmann::ordered_json();
+        where["column"] = column > 0 ? nlohmann::ordered_json(column) : nlohmann::ordered_json();
+        where["message"] = message;
+        std::cout << nlohmann::ordered_json{{"error", where}}.dump(2) << '\n';
+    }
+    return 2;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"pimsm: a PIM sparse-mode routing agent on an in-process platform"};
     app.require_subcommand(1);
     auto* runCmd = app.add_subcommand("run", "run an agent on a scenario and show what it did");
-    std::string file;
+    std::string file, traceText = "4", untilText, seedText = "1";
     bool json = false, check = false;
-    int traceLevel = 4;
-    double until = -1;
-    std::uint64_t seed = 1;
     runCmd->add_option("scenario", file, "scenario file (default: the bundled last-hop example)");
     runCmd->add_flag("--json", json, "print one JSON document instead of tables");
-    runCmd->add_option("--trace", traceLevel, "trace level to keep (4, 6, 7, 8)");
-    runCmd->add_option("--until", until, "run at least until this time (seconds)");
-    runCmd->add_option("--seed", seed, "seed of the random jitter");
+    runCmd->add_option("--trace", traceText, "trace level to keep (4, 6, 7, 8; 0 for none)");
+    runCmd->add_option("--until", untilText, "run at least until this time (seconds)");
+    runCmd->add_option("--seed", seedText, "seed of the random jitter");
     runCmd->add_flag("--check", check, "exit with 1 when an expectation fails");
-    CLI11_PARSE(app, argc, argv);
     try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        // --json may not have been read yet when parsing stopped.
+        for (int i = 1; i < argc; ++i) json = json || std::string_view(argv[i]) == "--json";
+        return refuse(json, "", 0, 0, e.what(), std::string("pimsm: ") + e.what());
+    }
+    try {
+        const int traceLevel = parseTraceLevel(traceText);
+        const double until = untilText.empty() ? -1 : parseUntil(untilText);
+        const std::uint64_t seed = parseSeed(seedText);
         return run(file, json, traceLevel, until, seed, check);
     } catch (const Driver::ScenarioError& e) {
-        std::cerr << e.what() << '\n';
-        return 2;
+        return refuse(json, e.file(), e.line(), e.column(), e.message(), e.what());
+    } catch (const UsageError& e) {
+        return refuse(json, "", 0, 0, e.what(), std::string("pimsm: ") + e.what());
     } catch (const std::exception& e) {
-        std::cerr << "pimsm: " << e.what() << '\n';
-        return 2;
+        return refuse(json, file, 0, 0, e.what(), std::string("pimsm: ") + e.what());
     }
 }

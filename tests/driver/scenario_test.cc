@@ -2,6 +2,11 @@
 // anything runs) and the comparison behind `expect`.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "driver/report.h"
@@ -44,6 +49,160 @@ TEST(Scenario, MalformedScenariosAreRefusedWithTheirPlace) {
             EXPECT_EQ(std::string(e.what()).rfind(message, 0), 0u) << e.what();
         }
     }
+}
+
+// Values at the edge of each range are refused one step past it, at the
+// place of the value, before anything is converted.
+TEST(Scenario, ValuesOutOfRangeAreRefused) {
+    const std::string nb = "    neighbors: [{interface: Ethernet1, address: 10.1.0.2}]\n";
+    const std::string rx =
+        "events:\n  - at: 1\n    rx-join-prune: {interface: Ethernet1, from: 10.1.0.2, "
+        "upstream-neighbor: 10.1.0.1, entry: sg, action: join, group: 239.1.1.1, source: "
+        "10.9.9.9, hold-time: ";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {head + "        override-interval: -0.5\n", "t.yaml:7:28: override-interval must be"},
+        {head + "        override-interval: 65.536\n", "t.yaml:7:28: override-interval must be"},
+        {head + "        override-interval: .NaN\n", "t.yaml:7:28: '.NaN' is not a finite"},
+        {head + "        assert-timeout: 0\n", "t.yaml:7:25: assert-timeout must be at least 1"},
+        {head + "        assert-timeout: 65536\n", "t.yaml:7:25: assert-timeout must be a whole"},
+        {head + "        assert-timeout: -1\n", "t.yaml:7:25: assert-timeout must be a whole"},
+        {head + "        assert-override-interval: 180\n", "t.yaml:5:9: assert-override-interval"},
+        {head + nb + rx + "65536}\n", "t.yaml:10:160: hold-time must be a whole number"},
+        {head + nb + rx + "-1}\n", "t.yaml:10:160: hold-time must be a whole number"},
+        {head + "    neighbors: [{interface: Ethernet1, address: 10.1.0.2, gen-id: 1e10}]\n",
+         "t.yaml:7:67: gen-id must be"},
+        {head +
+             "    routes: [{prefix: 10.0.0.0/8, interface: Ethernet1, preference: 2147483648}]\n",
+         "t.yaml:7:69: preference must be"},
+        {head + "events:\n  - {at: -inf, show: routes}\n", "t.yaml:8:10: '-inf' is not a finite"},
+        {head + "events:\n  - {at: 1000000.5, show: routes}\n", "t.yaml:8:10: at must be from 0"},
+        {head + "events:\n  - {at: 12abc, show: routes}\n", "t.yaml:8:10: '12abc' is not a number"},
+        {head + "until: 1e999\n", "t.yaml:7:8: '1e999' is out of range"},
+    };
+    for (const auto& [text, message] : cases) {
+        SCOPED_TRACE(message);
+        try {
+            Driver::parseScenario(text, "t.yaml");
+            FAIL() << "accepted";
+        } catch (const Driver::ScenarioError& e) {
+            EXPECT_EQ(std::string(e.what()).rfind(message, 0), 0u) << e.what();
+        }
+    }
+}
+
+TEST(Scenario, ValuesAtTheirLimitsAreKept) {
+    auto s = Driver::parseScenario(
+        head +
+            "        override-interval: 65.535\n        assert-timeout: 65535\n"
+            "        assert-override-interval: 65534\n"
+            "    neighbors: [{interface: Ethernet1, address: 10.1.0.2, gen-id: 4294967295}]\n"
+            "    routes: [{prefix: 10.0.0.0/8, interface: Ethernet1, preference: 2147483647, "
+            "metric: 4294967295}]\n"
+            "events:\n  - at: 1000000\n    rx-join-prune: {interface: Ethernet1, from: 10.1.0.2, "
+            "upstream-neighbor: 10.1.0.1, entry: sg, action: join, group: 239.1.1.1, source: "
+            "10.9.9.9, hold-time: 65535}\n",
+        "t.yaml");
+    const auto& v = s.vrfs.at(0);
+    EXPECT_EQ(v.interfaces.at(0).overrideInterval, 65.535);
+    EXPECT_EQ(v.interfaces.at(0).assertTimeout, 65535u);
+    EXPECT_EQ(v.interfaces.at(0).assertOverrideInterval, 65534u);
+    EXPECT_EQ(v.neighbors.at(0).genId, 4294967295u);
+    EXPECT_EQ(v.routes.at(0).preference, 2147483647u);
+    EXPECT_EQ(v.routes.at(0).metric, 4294967295u);
+    EXPECT_EQ(s.events.at(0).holdTime, 65535u);
+    EXPECT_EQ(s.until, 1000000);
+}
+
+// What the YAML tree would hide (duplicates, aliases, second documents) or
+// what a name must not be; errors in event bodies point into the body.
+TEST(Scenario, StructureAndNamesAreChecked) {
+    const std::string events = head + "events:\n  - at: 1\n";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"agent: ipv4\nagent: ipv4\nvrfs: []\n", "t.yaml:2:1: duplicate key 'agent'"},
+        {events + "    expect: {routes: [{route: x, oifs: [a], oifs: [b]}]}\n",
+         "t.yaml:9:45: duplicate key 'oifs'"},
+        {events + "    expect: {trace: &a [x]}\n  - {at: 2, expect: {trace: *a}}\n",
+         "t.yaml:10:29: YAML aliases"},
+        {head + "---\nagent: ipv4\n", "t.yaml:7:"},
+        {"agent: ipv4\nvrfs: [{name: default, interfaces: [{name: '', address: 10.1.0.1/24}]}]\n",
+         "t.yaml:2:44: an interface name is empty"},
+        {"agent: ipv4\nvrfs: [{name: default, interfaces: [{name: Register0, address: "
+         "10.1.0.1/24}]}]\n",
+         "t.yaml:2:44: 'Register0' is reserved"},
+        {"agent: ipv4\nvrfs: [{name: default, interfaces: [{name: 'Eth 1', address: "
+         "10.1.0.1/24}]}]\n",
+         "t.yaml:2:44: an interface name has a space"},
+        {"agent: ipv4\nvrfs:\n  - name: \"default\n", "t.yaml:3:11: a VRF name has a space"},
+        {events + "    rpf: {prefix: 10.0.0.0/8, interface: Ethernet1, color: red}\n",
+         "t.yaml:9:53: unknown key 'color' in a unicast route"},
+        {events + "    rp: {group: 224.0.0.0/4, address: 10.0.0.1.1}\n",
+         "t.yaml:9:39: '10.0.0.1.1' is not an IP address"},
+        {events + "    rp: [224.0.0.0/4]\n", "t.yaml:9:9: the event's body must be a mapping"},
+        {events + "    join: x\n", "t.yaml:9:11: the event's body must be a mapping"},
+        {head + "events:\n  - at: 1\n    show: {a: b}\n", "t.yaml:9:11: expected a single value"},
+        {head + std::string("\0x", 2), "t.yaml:7:1: not a text file (NUL byte)"},
+    };
+    for (const auto& [text, message] : cases) {
+        SCOPED_TRACE(message);
+        try {
+            Driver::parseScenario(text, "t.yaml");
+            FAIL() << "accepted";
+        } catch (const Driver::ScenarioError& e) {
+            EXPECT_EQ(std::string(e.what()).rfind(message, 0), 0u) << e.what();
+        }
+    }
+}
+
+TEST(Scenario, ErrorsKeepTheirParts) {
+    try {
+        Driver::parseScenario(head + "until: -1\n", "t.yaml");
+        FAIL() << "accepted";
+    } catch (const Driver::ScenarioError& e) {
+        EXPECT_EQ(e.file(), "t.yaml");
+        EXPECT_EQ(e.line(), 7);
+        EXPECT_EQ(e.column(), 8);
+        EXPECT_EQ(e.message(), "until must be from 0 to 1000000 (got -1)");
+    }
+}
+
+// Paths that are not readable files are refused with the system's reason,
+// without opening what could block (a FIFO) or never end (a device).
+TEST(Scenario, UnreadablePathsSayWhy) {
+    const auto dir = std::filesystem::temp_directory_path() /
+                     ("pimsm-scenario-test-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(dir);
+    const auto fifo = (dir / "fifo").string();
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const auto locked = (dir / "locked.yaml").string();
+    std::ofstream(locked) << head;
+    std::filesystem::permissions(locked, std::filesystem::perms::none);
+    const auto big = (dir / "big.yaml").string();
+    {
+        std::ofstream out(big);
+        out << "# " << std::string(Driver::maxScenarioBytes, 'x') << "\n";
+    }
+    std::vector<std::pair<std::string, std::string>> cases = {
+        {dir.string(), ": cannot read it: Is a directory"},
+        {(dir / "missing.yaml").string(), ": cannot read it: No such file or directory"},
+        {fifo, ": cannot read it: not a regular file"},
+        {"/dev/zero", ": cannot read it: not a regular file"},
+        {big, ": larger than 8388608 bytes"},
+    };
+    // Root reads whatever the permissions say.
+    if (::access(locked.c_str(), R_OK) != 0) {
+        cases.push_back({locked, ": cannot open it: Permission denied"});
+    }
+    for (const auto& [path, message] : cases) {
+        SCOPED_TRACE(path);
+        try {
+            Driver::loadScenario(path);
+            ADD_FAILURE() << "accepted";
+        } catch (const Driver::ScenarioError& e) {
+            EXPECT_EQ(std::string(e.what()), path + message);
+            EXPECT_EQ(e.line(), 0);
+        }
+    }
+    std::filesystem::remove_all(dir);
 }
 
 TEST(Scenario, EventsAreReadWithDefaults) {

@@ -25,7 +25,9 @@ std::string members(const Route& route, bool (Intf::*pred)() const) {
     std::string out;
     for (auto name : RouteFixture::intfNames) {
         const Intf* i = route.routeIntfRaw(Wirl::IntfId(name));
-        if (i && (i->*pred)()) out += (out.empty() ? "" : " ") + std::string(name);
+        if (!i || !(i->*pred)()) continue;
+        if (!out.empty()) out += ' ';
+        out += name;
     }
     return out;
 }
