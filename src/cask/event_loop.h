@@ -4,21 +4,21 @@
 // All code reads time from the loop's clock, so the same code runs on real time (SteadyClock) and
 // on virtual time (VirtualClock) in tests and scenarios.
 //
-// Turn order, which is what makes runs reproducible:
-// 1. run the end-of-turn work queued from outside the loop (by code that changed records between
-//    runs), FIFO;
-// 2. run the posted work that was queued before this turn began, FIFO; work posted meanwhile waits
-//    for the next turn;
-// 3. then read the clock once (call it T) and fire every timer whose expiry <= T, in order of
-//    (expiry, arming sequence number).
+// Turn order, which is what makes runs reproducible. A turn first runs the end-of-turn work
+// queued from outside the loop (by code that changed records between runs), FIFO; then the
+// posted work that was queued before the turn began, FIFO (work posted meanwhile waits for the
+// next turn); then it reads the clock once (call it T) and fires every timer whose expiry <= T,
+// in order of (expiry, arming sequence number).
+//
 // After every posted item and every timer callback, the end-of-turn work that the callback's
 // handler chain queued (`atEndOfTurn`) runs, FIFO, including work queued by that work, before the
 // next item or timer: so a machine that marks records dirty in its handlers builds them once, when
-// the chain has settled, and before anything of a later time happens. Every arm or re-arm takes a
-// new sequence number. A timer is
-//    disarmed before its callback runs, so the callback may re-arm it. A timer armed during this
-//    phase for a time <= T fires on the NEXT turn, not this one: a timer that re-arms itself "now"
-//    lets posted work in between, and a turn always ends.
+// the chain has settled, and before anything of a later time happens.
+//
+// Every arm or re-arm takes a new sequence number. A timer is disarmed before its callback runs,
+// so the callback may re-arm it. A timer armed while timers fire, for a time <= T, fires on the
+// NEXT turn, not this one: a timer that re-arms itself "now" lets posted work in between, and a
+// turn always ends.
 // Timers may be armed, re-armed, cancelled and destroyed from any callback, their own included;
 // none is skipped or fired twice because of it.
 //

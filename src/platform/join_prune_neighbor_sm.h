@@ -4,6 +4,8 @@
 // Routing::Pim::Status lists on a PIM interface: the entry is created when
 // the neighbour appears and removed (with everything queued for it) when the
 // neighbour or its interface goes.
+// Watches: the PIM interfaces and neighbours of Routing::Pim::Status.
+// Writes:  JoinPruneStatus neighbour entries (their only writer).
 //
 // The upstream machines rely on it: a neighbour that RPF may choose is a
 // known PIM neighbour, so its entry exists, and a missing entry for such a

@@ -4,7 +4,11 @@
 // traffic from there, and an interface with such a boundary is no
 // outgoing interface for it.
 
+#include <functional>
+#include <utility>
+
 #include "cask/collection.h"
+#include "cask/reactor_map.h"
 #include "wirl/address_range_set.h"
 #include "wirl/intf_id.h"
 
@@ -42,6 +46,40 @@ public:
 
 private:
     Cask::RecordMap<Wirl::IntfId, IntfBoundary> intf_;
+};
+
+// Tells `onChange(intf)` whenever the boundary of an interface appears,
+// goes, or changes its groups: the one boundary watcher the machines share.
+class StatusWatcher : public Status::Notifiee {
+public:
+    StatusWatcher(Status& status, std::function<void(Wirl::IntfId)> onChange)
+        : Status::Notifiee(&status), onChange_(std::move(onChange)) {
+        IntfMap::sweep(status.intf(), [this](Wirl::IntfId i) { doWatch(i); });
+    }
+    void handleIntf(Wirl::IntfId intf) override {
+        doWatch(intf);
+        onChange_(intf);
+    }
+
+private:
+    class IntfWatcher : public IntfBoundary::Notifiee {
+    public:
+        IntfWatcher(StatusWatcher& owner, IntfBoundary& b)
+            : IntfBoundary::Notifiee(&b), owner_(owner), intf_(b.intf()) {}
+        Wirl::IntfId reactorKey() const { return intf_; }
+        IntfBoundary* reactorRecord() const { return notifier(); }
+        void handleGroups() override { owner_.onChange_(intf_); }
+
+    private:
+        StatusWatcher& owner_;
+        Wirl::IntfId intf_;
+    };
+    using IntfMap = Cask::ReactorMap<Wirl::IntfId, IntfWatcher>;
+
+    void doWatch(Wirl::IntfId intf) { intf_.update(intf, notifier()->intf().raw(intf), *this); }
+
+    std::function<void(Wirl::IntfId)> onChange_;
+    IntfMap intf_;
 };
 
 }  // namespace Routing::McastBoundary

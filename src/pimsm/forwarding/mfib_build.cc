@@ -116,19 +116,20 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
         sm_.handleDelete(key);
         return;
     }
-    // 3.
+    // The record is built afresh and compared with the stored one at commit.
     TMF::Route tmpRoute(convertKey(key));
     tmpRoute.iifIs(iif);
-    // 4.
+    // The backup incoming interface of fast failover.
     if (const UpstreamInfo* frr = route.umhFrr(); frr && frr->rpf().resolved()) {
         tmpRoute.iifFrrIs(frr->iif());
         CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Update tidal route with iifFrr {}", vrf,
                    key, frr->iif());
     }
-    // 7 (the stored flag word is the starting point of every flag below).
+    // The stored flag word is the starting point of every flag below.
     const TMF::Route* stored = sm_.mfibTidal().route(tmpRoute.key());
     TMF::Route::RouteFlags flags = stored ? stored->routeFlags() : 0;
-    // 5.
+    // An (S,G) route inherits the outgoing interfaces of the group's (*,G)
+    // route, and learns whether that route is programmable.
     const Route* wc = withWc ? route.wc() : nullptr;
     bool notifyProgrammable = false;
     if (wc) {
@@ -155,26 +156,26 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
         flags = on ? flags | f : flags & ~TMF::Route::RouteFlags(f);
     };
     setFlag(TMF::Route::notifyProgrammable, notifyProgrammable);
-    // 6.
+    // The route's own outgoing interfaces.
     for (const auto& [id, intf] : route.routeIntf()) {
         if (isPseudoIntf(id) || !inOwnOlist(route, *intf)) continue;
         CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Add interface to oif set {}", vrf, key, id);
         addTidalRouteOif(sm_, tmpRoute, id);
     }
-    // 7.
+    // During a switch, arrivals on the new interface are reported.
     if (!switchTarget.isNull()) {
         tmpRoute.notifyIs(switchTarget);
         CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): In iifSwitching state, set notify intf {}",
                    vrf, key, switchTarget);
     }
-    // 8. Data reaching an RP only through registers before the source tree
+    // Data reaching an RP only through registers before the source tree
     // is up need not be in the kernel.
     const bool skipKernel = iif == Wirl::IntfId::register0() && !route.isWc() && !route.spTree();
     if (skipKernel) {
         CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Skip Programming Kernel is True", vrf, key);
     }
     setFlag(TMF::Route::skipKernelProgramming, skipKernel);
-    // 9. Once the group's shared tree is joined, packets of this source still
+    // Once the group's shared tree is joined, packets of this source still
     // arriving down it are dropped in the fast path.
     if (wc && !route.isWc() && wc->upJoinState() == UpJoinState::upJoined && !wc->iif().isNull() &&
         !isPseudoIntf(wc->iif()) && wc->iif() != iif) {
@@ -184,7 +185,8 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
     } else if (!route.isWc()) {
         CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): clearing fastdrop", vrf, key);
     }
-    // 10.
+    // No interface both accepts and forwards: the incoming, switch-target
+    // and backup interfaces leave the outgoing set.
     sm_.setNoRpfFlag(iif, flags);
     auto dropIncoming = [&](Wirl::IntfId in) {
         if (in.isNull()) return;
@@ -204,7 +206,7 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
     if (!tmpRoute.fastdrop().isNull() && tmpRoute.fastdrop() == tmpRoute.notify()) {
         tmpRoute.fastdropIs(Wirl::IntfId());
     }
-    // 11.
+    // What the forwarding plane relies on.
     CASK_ASSERT(tmpRoute.iif() != Wirl::IntfId() && tmpRoute.iif() != tmpRoute.notify() &&
                     tmpRoute.iif() != tmpRoute.fastdrop(),
                 "tmpRoute.iif() != Wirl::IntfId() && tmpRoute.iif() != tmpRoute.notify() && "
@@ -213,12 +215,12 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
                 "tmpRoute.notify() != tmpRoute.fastdrop()");
     CASK_ASSERT(tmpRoute.notify().isNull() || tmpRoute.iifFrr() != tmpRoute.notify(),
                 "tmpRoute.iifFrr() != tmpRoute.notify()");
-    // 12.
+    // Register and to-CPU flags.
     setFlag(TMF::Route::iifRegister, iif == Wirl::IntfId::register0());
     sm_.setOifRegister(route, flags);
     sm_.setToCpuFlag(route, flags);
     tmpRoute.routeFlagsIs(flags);
-    // 13.
+    // Index reference counts follow the bits; then commit if anything changed.
     sm_.doSyncTidalRouteRefCount(tmpRoute);
     sm_.doCommitTidalRoute(tmpRoute);
     initialized_ = true;

@@ -4,6 +4,8 @@
 // fast-failover incoming interface, notify and fast-drop interfaces, flags
 // and the outgoing-interface bitmap) and writes it into the VRF's
 // forwarding table, which the forwarding plane reads.
+// Watches: LocalStatus routes, each route's flags, upstreams and interfaces, clear requests.
+// Writes:  the VRF's forwarding table: records, interface indexes, reference counts.
 //
 // It also owns the mapping from interfaces to bitmap indexes: an interface
 // gets an index (lowest free first) when a record first needs it, every
@@ -94,7 +96,7 @@ public:
     protected:
         // Called when one of the route's interfaces changed.
         virtual void handleIntfChanged(Wirl::IntfId intfId);
-        // Steps 3 to 13 of the build, shared by both kinds; `withWc` adds
+        // The record build shared by both kinds of route; `withWc` adds
         // the interfaces inherited from the group's (*,G) route.
         void doBuild(bool withWc);
 

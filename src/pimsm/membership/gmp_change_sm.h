@@ -1,6 +1,8 @@
 #pragma once
 // GmpChangeSm: collects the membership keys the membership protocol changed
 // and hands them to GmpSm in time-bounded batches.
+// Watches: the membership table.
+// Writes:  nothing outside itself: its batches are decided by GmpSm.
 //
 // Every change of the membership table lands in `gmpChangeStatus` (a
 // (*,G) change also queues the (S,G) keys that SSM conversion derives from

@@ -34,46 +34,6 @@ private:
     GmpSm& gmp_;
 };
 
-// Watches the boundary status for interfaces coming and going, and each
-// interface's boundary for its groups changing.
-class GmpSm::BoundaryWatcher : public Routing::McastBoundary::Status::Notifiee {
-public:
-    BoundaryWatcher(GmpSm& gmp, Routing::McastBoundary::Status& status) : gmp_(gmp) {
-        notifierIs(&status);
-        for (const auto& [intf, boundary] : status.intf()) doWatch(intf, boundary.get());
-    }
-    void handleIntf(Wirl::IntfId intf) override {
-        doWatch(intf, notifier()->intf().raw(intf));
-        gmp_.handleBoundary(intf);
-    }
-
-private:
-    class IntfWatcher : public Routing::McastBoundary::IntfBoundary::Notifiee {
-    public:
-        IntfWatcher(GmpSm& gmp, Routing::McastBoundary::IntfBoundary& b) : gmp_(gmp) {
-            notifierIs(&b);
-        }
-        void handleGroups() override { gmp_.handleBoundary(notifier()->intf()); }
-
-    private:
-        GmpSm& gmp_;
-    };
-
-    void doWatch(Wirl::IntfId intf, Routing::McastBoundary::IntfBoundary* boundary) {
-        auto it = intfs_.find(intf);
-        if (!boundary) {
-            if (it != intfs_.end()) intfs_.erase(it);
-        } else if (it == intfs_.end()) {
-            intfs_.emplace(intf, std::make_unique<IntfWatcher>(gmp_, *boundary));
-        } else {
-            it->second->notifierIs(boundary);
-        }
-    }
-
-    GmpSm& gmp_;
-    std::unordered_map<Wirl::IntfId, std::unique_ptr<IntfWatcher>> intfs_;
-};
-
 // --- SSM conversion reactors -----------------------------------------------
 
 GmpSm::RhoSsmConvertGroup::RhoSsmConvertGroup(GmpSm& gmp, Cask::Ptr<SsmConvertGroup> group)
@@ -140,7 +100,8 @@ void GmpSm::handleInit() {
     configWatcher_ = std::make_unique<ConfigWatcher>(*this, *in_.config);
     groupFilterWatcher_ = std::make_unique<GroupFilterWatcher>(*this, *in_.groupFilterStatus);
     if (in_.mcastBoundaryStatus) {
-        boundaryWatcher_ = std::make_unique<BoundaryWatcher>(*this, *in_.mcastBoundaryStatus);
+        boundaryWatcher_ = std::make_unique<Routing::McastBoundary::StatusWatcher>(
+            *in_.mcastBoundaryStatus, [this](Wirl::IntfId intf) { handleBoundary(intf); });
     }
     if (in_.ssmConvertConfig) {
         rhoSsmConvertConfig_ = std::make_unique<RhoSsmConvertConfig>(*this, *in_.ssmConvertConfig);

@@ -5,6 +5,9 @@
 // `localReceiverInclude` / `localReceiverExclude`, from which the upstream
 // and downstream machines derive RFC 7761's pim_include and pim_exclude.
 // It is the only way local receivers enter the route table.
+// Watches: the membership table (through GmpChangeSm), the SSM range, the group filter,
+//          boundaries, the SSM conversion configuration, routes becoming initialized.
+// Writes:  routes and Intf records on demand; Intf::localReceiverInclude / Exclude.
 //
 // One per VRF and address family. Its child GmpChangeSm feeds it the
 // memberships that changed; a change of the SSM range, the group filter or
@@ -156,7 +159,6 @@ public:
 private:
     class ConfigWatcher;
     class GroupFilterWatcher;
-    class BoundaryWatcher;
     using RouteMap = Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute>;
 
     bool ssmConverted(const RouteIntfKey& key) const;
@@ -176,7 +178,7 @@ private:
     std::unique_ptr<GmpChangeSm> gmpChangeSm_;
     std::unique_ptr<ConfigWatcher> configWatcher_;
     std::unique_ptr<GroupFilterWatcher> groupFilterWatcher_;
-    std::unique_ptr<BoundaryWatcher> boundaryWatcher_;
+    std::unique_ptr<Routing::McastBoundary::StatusWatcher> boundaryWatcher_;
     std::unique_ptr<RhoSsmConvertConfig> rhoSsmConvertConfig_;
 };
 

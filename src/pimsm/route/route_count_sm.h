@@ -5,6 +5,8 @@
 // incoming interface. Each handler writes the whole size of the set it
 // watches, so a lost notification is repaired by the next one; the machine
 // keeps no state of its own.
+// Watches: LocalStatus (routes marked for deletion, switching), RpfStatus (unresolved).
+// Writes:  the route counts other processes read (VrfContext::routeCounts).
 
 #include <memory>
 

@@ -91,12 +91,6 @@ public:
     void handleActiveNeighbor(const NeighborKey& k) override { sm_.handleNeighbor(k); }
 };
 
-class BoundaryStatusWatcher : public Forward<Routing::McastBoundary::Status> {
-public:
-    using Forward::Forward;
-    void handleIntf(IntfId intf) override { sm_.handleMcastBoundaryStatus(intf); }
-};
-
 class FailoverWatcher : public Forward<Routing::Multicast::Fib::SparseModeStatus> {
 public:
     using Forward::Forward;
@@ -138,7 +132,7 @@ public:
     std::unique_ptr<ClearConfigWatcher> clearConfig;
     std::unique_ptr<RpfStatusWatcher> rpfStatus;
     std::unique_ptr<PimStatusWatcher> pimStatus;
-    std::unique_ptr<BoundaryStatusWatcher> boundary;
+    std::unique_ptr<Routing::McastBoundary::StatusWatcher> boundary;
     std::unique_ptr<FailoverWatcher> failover;
     std::unique_ptr<VxlanWatcher> vxlan;
 };
@@ -171,16 +165,6 @@ public:
 
 private:
     std::map<Wirl::IpGenAddr, std::unique_ptr<NeighborWatcher>> neighbor_;
-};
-
-// The multicast boundary of one PIM interface.
-class RouteReviewSm::BoundaryWatcher : public Forward<Routing::McastBoundary::IntfBoundary> {
-public:
-    BoundaryWatcher(RouteReviewSm& sm, IntfId intf) : Forward(sm), intf_(intf) {}
-    void handleGroups() override { sm_.handleMcastBoundaryStatus(intf_); }
-
-private:
-    IntfId intf_;
 };
 
 // --- life cycle --------------------------------------------------------------
@@ -226,7 +210,10 @@ void RouteReviewSm::doInitialize() {
     attach(w.clearConfig, *this, in_.clearConfig);
     attach(w.rpfStatus, *this, in_.rpfStatus);
     attach(w.pimStatus, *this, in_.pimStatus);
-    attach(w.boundary, *this, in_.mcastBoundaryStatus);
+    if (in_.mcastBoundaryStatus) {
+        w.boundary = std::make_unique<Routing::McastBoundary::StatusWatcher>(
+            *in_.mcastBoundaryStatus, [this](IntfId intf) { handleMcastBoundaryStatus(intf); });
+    }
     attach(w.failover, *this, in_.failoverIntfs);
     attach(w.vxlan, *this, in_.mcastVxlanStatus);
     for (const auto& [id, rec] : in_.pimStatus->intf()) doUpdatePimIntfWatchers(id);
@@ -256,15 +243,10 @@ void RouteReviewSm::doUpdatePimIntfWatchers(IntfId intf) {
     auto* rec = in_.pimStatus->intfRaw(intf);
     if (!rec) {
         pimIntf_.erase(intf);
-        intfBoundaryStatus_.erase(intf);
         return;
     }
     auto& w = pimIntf_[intf];
     if (!w || w->notifier() != rec) w = std::make_unique<PimIntfWatcher>(*this, rec);
-    auto& b = intfBoundaryStatus_[intf];
-    if (!b) b = std::make_unique<BoundaryWatcher>(*this, intf);
-    auto* boundary = in_.mcastBoundaryStatus ? in_.mcastBoundaryStatus->intf(intf).get() : nullptr;
-    b->notifierIs(boundary);
 }
 
 void RouteReviewSm::handlePimIntf(IntfId intf) {
@@ -331,7 +313,6 @@ void RouteReviewSm::handleFastFailoverIntf(IntfId intf) {
 }
 
 void RouteReviewSm::handleMcastBoundaryStatus(IntfId intf) {
-    if (intfBoundaryStatus_.contains(intf)) doUpdatePimIntfWatchers(intf);
     in_.localStatus->changeSet()->intfChangeIs(intf).boundaryStatusChanged = true;
     REVIEW_TRACE(6, "RouteSm: Boundary status changed {}", intf);
     doUpdateReviewTimer();

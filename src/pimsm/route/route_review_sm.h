@@ -1,6 +1,10 @@
 #pragma once
 // RouteReviewSm: the one place where changes that concern many routes are
 // applied to routes, one per VRF.
+// Watches: Status.route, the change set, the SSM range, the group and fast-failover filters,
+//          clear requests, RPF status, PIM interfaces and neighbours, boundaries.
+// Writes:  route deletion and resurrection, Route::changeFlags / routeChanged,
+//          Route::umhFrr, removal of interface records, numClearMroutes.
 //
 // Its watchers and other machines only record what changed, as flags in
 // `localStatus.changeSet`, and ask for a review (`doUpdateReviewTimer`). The
@@ -144,7 +148,6 @@ public:
 private:
     class Watchers;
     class PimIntfWatcher;
-    class BoundaryWatcher;
 
     void doInitialize();
     void doCreateReview();
@@ -168,7 +171,6 @@ private:
     std::unique_ptr<Cask::SlicedReview<Routing::Pim::RouteKey>> review_;
     std::unique_ptr<Watchers> watchers_;
     std::map<Wirl::IntfId, std::unique_ptr<PimIntfWatcher>> pimIntf_;
-    std::map<Wirl::IntfId, std::unique_ptr<BoundaryWatcher>> intfBoundaryStatus_;
     Cask::ReactorMap<Routing::Pim::RouteKey, RouteSm> routeSm_;
 };
 

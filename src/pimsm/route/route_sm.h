@@ -6,6 +6,9 @@
 // keeps the route's fast-failover upstream and its RPF request in step with
 // the route, and turns per-route events into deletion marks and change-set
 // entries. It never changes other routes: fan-out goes through the review.
+// Watches: its route (flags, interfaces, upstream) and each interface record's state.
+// Writes:  LocalStatus.wcRoute / sgRoute, the status's indexes and counts,
+//          Intf::toBeDeleted, markedForDeletion of (*,G) routes, RPF requests.
 //
 // When an interface record stops carrying state (see `intfCarriesState`) it
 // is marked `toBeDeleted` and the next review removes it; when the route's

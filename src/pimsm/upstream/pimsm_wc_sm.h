@@ -4,6 +4,8 @@
 // supports them (`HwMfibStatus::multicastStarGSupported`), and is done for
 // IPv4 only; the answer is `AgentStatus::wcProgrammingSupported`, kept in
 // step with the hardware flag. One per address family.
+// Watches: HwMfibStatus::multicastStarGSupported.
+// Writes:  AgentStatus::wcProgrammingSupported.
 
 #include <memory>
 

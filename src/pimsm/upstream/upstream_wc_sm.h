@@ -8,6 +8,10 @@
 // when another router prunes the group from the same neighbour. It also
 // keeps the `forward` / `fastForward` bits of the route's interfaces, since
 // the RPF interface never forwards.
+// Watches: LocalStatus.wcRoute, each route's interfaces, upstream and change flags,
+//          received (*,G) Join/Prune entries.
+// Writes:  RPF'(*,G), the RP and upJoinState of (*,G) routes, Intf::forward / fastForward
+//          of (*,G) routes, (*,G) Join/Prune entries through JoinPruneWriter.
 //
 // It writes contents only: the packet side owns the periodic, triggered,
 // override and suppression timers. One per VRF and address family, with one
