@@ -8,11 +8,9 @@
 //   + index bytes (the hash set's slots and control bytes; a one-interface map has none)
 //   + registrations (watcher slots added to the records' notifiee lists, 8 bytes each)
 // divided by N, and printed beside the 64-byte budget. Beside it, every byte the machine
-// allocated while it took up the routes (counted by this binary's operator new, at glibc's chunk
-// size), which also holds work that is not reactors: LocalStatus entries, RPF requests,
-// forwarding records and their indexes.
-
-#include <malloc.h>
+// allocated while it took up the routes (counted by the binary's allocator, alloc_count.h, at
+// glibc's chunk size), which also holds work that is not reactors: LocalStatus entries, RPF
+// requests, forwarding records and their indexes.
 
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +20,7 @@
 
 #include <fmt/format.h>
 
+#include "alloc_count.h"
 #include "cask/clock.h"
 #include "cask/event_loop.h"
 #include "pimsm/forwarding/mfib_sm.h"
@@ -30,64 +29,14 @@
 #include "pimsm/upstream/upstream_wc_sm.h"
 #include "platform/pim_status.h"
 
+namespace Bench {
 namespace {
 
 // Live heap bytes, each allocation at the size of its malloc chunk (usable size plus the chunk
-// header).
-long long liveBytes = 0;
-
-void* counted(std::size_t n) {
-    void* p = std::malloc(n ? n : 1);
-    if (!p) throw std::bad_alloc();
-    liveBytes += static_cast<long long>(malloc_usable_size(p) + sizeof(std::size_t));
-    return p;
+// header), from the binary's counting allocator.
+long long liveBytes() {
+    return static_cast<long long>(heapBytesInUse() + heapBlocksInUse() * sizeof(std::size_t));
 }
-void uncounted(void* p) {
-    if (!p) return;
-    liveBytes -= static_cast<long long>(malloc_usable_size(p) + sizeof(std::size_t));
-    std::free(p);
-}
-void* countedAligned(std::size_t n, std::align_val_t a) {
-    void* p =
-        std::aligned_alloc(static_cast<std::size_t>(a), (n + static_cast<std::size_t>(a) - 1) &
-                                                            ~(static_cast<std::size_t>(a) - 1));
-    if (!p) throw std::bad_alloc();
-    liveBytes += static_cast<long long>(malloc_usable_size(p) + sizeof(std::size_t));
-    return p;
-}
-
-}  // namespace
-
-void* operator new(std::size_t n) {
-    return counted(n);
-}
-void* operator new[](std::size_t n) {
-    return counted(n);
-}
-void* operator new(std::size_t n, std::align_val_t a) {
-    return countedAligned(n, a);
-}
-void operator delete(void* p) noexcept {
-    uncounted(p);
-}
-void operator delete[](void* p) noexcept {
-    uncounted(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    uncounted(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    uncounted(p);
-}
-void operator delete(void* p, std::align_val_t) noexcept {
-    uncounted(p);
-}
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-    uncounted(p);
-}
-
-namespace Bench {
-namespace {
 
 using namespace Routing::Pim::SparseMode;
 using Routing::Pim::RouteKey;
@@ -195,7 +144,7 @@ int run(std::size_t n) {
     std::vector<Row> rows;
     // Takes up the routes with one more machine and measures what it added.
     auto measure = [&](const char* name, auto make, auto blocks, auto index) {
-        const long long bytes0 = liveBytes;
+        const long long bytes0 = liveBytes();
         const std::size_t slots0 = registrations(*vrf.status);
         const std::size_t blocks0 = blocks();
         make();
@@ -206,7 +155,7 @@ int run(std::size_t n) {
         row.slots =
             (double(registrations(*vrf.status)) - double(slots0)) * sizeof(void*) / double(n);
         row.reactor = row.blocks + row.index + row.slots;
-        row.allocated = double(liveBytes - bytes0) / double(n);
+        row.allocated = double(liveBytes() - bytes0) / double(n);
         rows.push_back(row);
     };
     measure(
