@@ -153,7 +153,11 @@ private:
                     periodicNbrs[g].insert(nbr);
                     periodicRps[g].insert(*rp);
                 }
-                // RFC 7761 4.5.4: (*,G) Joins go to RPF'(*,G) while Joined.
+                // RFC 7761 4.5.4: (*,G) Joins go to RPF'(*,G) while Joined. Only the
+                // periodic set is current state: the triggered and override rows show
+                // what was last handed to the packet side, which may predate a later
+                // change of RPF'(*,G) (one after which no Prune is due, say).
+                if (set != "periodic") continue;
                 const Json* r = route("", g);
                 if (!r) {
                     fail("wc-join-route", "{} (*,G) Join for {} toward {} without a (*,G) route",
