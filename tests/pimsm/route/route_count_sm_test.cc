@@ -10,6 +10,7 @@ namespace {
 
 using namespace Routing::Pim::SparseMode;
 using Routing::Pim::RouteKey;
+namespace Tidal = Routing::Pim::SparseMode::Tidal;
 
 RouteKey key(int n) {
     return RouteKey(*Wirl::IpGenAddr::parse(fmt::format("10.1.0.{}", n)),
