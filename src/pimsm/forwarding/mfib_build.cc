@@ -132,17 +132,15 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
     // route, and learns whether that route is programmable.
     const Route* wc = withWc ? route.wc() : nullptr;
     bool notifyProgrammable = false;
-    // The incoming interfaces leave the bitmap below: they ask for no index,
-    // so a route forwarding on nothing else never waits for one.
+    // The incoming interfaces (the route's iif is one of them) leave the
+    // bitmap below: they ask for no index, so a route forwarding on nothing
+    // else never waits for one.
     auto incoming = [&](Wirl::IntfId id) {
         return id == iif || id == switchTarget || id == tmpRoute.iifFrr();
     };
     if (wc) {
         for (const auto& [id, intf] : wc->routeIntf()) {
-            if (id == route.iif() || incoming(id) || isPseudoIntf(id) ||
-                !intf->immediateOlistWc()) {
-                continue;
-            }
+            if (incoming(id) || isPseudoIntf(id) || !intf->immediateOlistWc()) continue;
             CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Add inherited interface {}", vrf, key,
                        id);
             addTidalRouteOif(sm_, tmpRoute, id);
