@@ -132,9 +132,15 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
     // route, and learns whether that route is programmable.
     const Route* wc = withWc ? route.wc() : nullptr;
     bool notifyProgrammable = false;
+    // The incoming interfaces (the route's iif is one of them) leave the
+    // bitmap below: they ask for no index, so a route forwarding on nothing
+    // else never waits for one.
+    auto incoming = [&](Wirl::IntfId id) {
+        return id == iif || id == switchTarget || id == tmpRoute.iifFrr();
+    };
     if (wc) {
         for (const auto& [id, intf] : wc->routeIntf()) {
-            if (id == route.iif() || isPseudoIntf(id) || !intf->immediateOlistWc()) continue;
+            if (incoming(id) || isPseudoIntf(id) || !intf->immediateOlistWc()) continue;
             CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Add inherited interface {}", vrf, key,
                        id);
             addTidalRouteOif(sm_, tmpRoute, id);
@@ -158,7 +164,7 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
     setFlag(TMF::Route::notifyProgrammable, notifyProgrammable);
     // The route's own outgoing interfaces.
     for (const auto& [id, intf] : route.routeIntf()) {
-        if (isPseudoIntf(id) || !inOwnOlist(route, *intf)) continue;
+        if (isPseudoIntf(id) || incoming(id) || !inOwnOlist(route, *intf)) continue;
         CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Add interface to oif set {}", vrf, key, id);
         addTidalRouteOif(sm_, tmpRoute, id);
     }

@@ -40,6 +40,7 @@ void MfibSm::handleInit() {
                "OifIndexIntf collection: {}",
                oifIndexFreePool_.size(), intfOifIndex_.size(), mfibTidal_->oifIndexIntfSize());
     oifIndexFreePoolInit();
+    doRepairStoredRecords();
     // Records of an earlier run: keep those whose route the agent still
     // holds, so their traffic keeps flowing while the reactors rebuild them.
     std::vector<IpGenRouteKey> stale;
@@ -58,6 +59,57 @@ void MfibSm::handleInit() {
                  [this](const Routing::Pim::RouteKey& k) { rhoLocalStatus_.handleSgRoute(k); });
 }
 
+void MfibSm::doReportCorruption(const char* where, const std::string& what) {
+    CASK_VRF_TRACE(4, vrfName_, "MfibSm::{}(): Corrupt forwarding table, repairing: {}", where,
+                   what);
+    mfibTidal_->reportCorruption(what);
+}
+
+void MfibSm::doRepairStoredRecords() {
+    // A bit whose index maps to no interface cannot be said to mean any
+    // interface: it goes. A route the agent holds gets its interfaces back
+    // when its reactor builds the record; the others are removed below.
+    std::map<TMF::OifIndex, std::uint32_t> users;
+    std::vector<TMF::Route> repaired;
+    for (const auto& [key, record] : mfibTidal_->route()) {
+        TMF::Route fixed = record;
+        TMF::OifIndex highest;
+        for (TMF::OifIndex i : record.oifIteratorConst()) {
+            if (mfibTidal_->oifIndexIntfHas(i)) {
+                ++users[i];
+                highest = i;
+                continue;
+            }
+            doReportCorruption("handleInit",
+                               fmt::format("route {}: oif {} has no interface", key, i));
+            fixed.oifDel(i);
+        }
+        if (fixed == record) continue;
+        fixed.highestOifIndexIs(highest);
+        repaired.push_back(fixed);
+    }
+    for (const TMF::Route& r : repaired) mfibTidal_->routeIs(r);
+    // Every mapping counts the records that now set its bit; a mapping no
+    // record uses returns to the pool.
+    std::vector<TMF::OifIndexIntf> recount;
+    for (const auto& [index, entry] : mfibTidal_->oifIndexIntf()) {
+        auto it = users.find(index);
+        const std::uint32_t n = it == users.end() ? 0 : it->second;
+        if (n && entry.refCount == n) continue;
+        doReportCorruption("handleInit",
+                           fmt::format("oifIndexIntf {}: interface '{}' refCount {}, used by {}",
+                                       index, entry.intf, entry.refCount, n));
+        recount.push_back({index, entry.intf, n});
+    }
+    for (const TMF::OifIndexIntf& entry : recount) {
+        if (entry.refCount) {
+            mfibTidal_->oifIndexIntfIs(entry);
+        } else {
+            doFreeOifIndex(entry.index, entry.intf);
+        }
+    }
+}
+
 bool MfibSm::routeHeld(const Routing::Pim::RouteKey& key) const {
     if (localStatus_->route(key)) return true;
     return routeStatus_ && routeStatus_->routeHas(key);
@@ -70,12 +122,30 @@ TMF::OifIndex MfibSm::intfOifIndex(Wirl::IntfId intfId) const {
     return it == intfOifIndex_.end() ? TMF::OifIndex() : it->second;
 }
 
+void MfibSm::oifIndexFreePoolLimitIs(std::uint32_t limit) {
+    CASK_ASSERT(!oifIndexFreePoolInitialized_ && limit <= TMF::OifIndex::count,
+                "oifIndexFreePoolLimit set before the pool is built");
+    oifIndexFreePoolLimit_ = limit;
+}
+
 void MfibSm::oifIndexFreePoolInit() {
     if (oifIndexFreePoolInitialized_) return;
     oifIndexFreePoolInitialized_ = true;
     MFIB_TRACE(6,
                "oifIndexFreePoolInit(): Initializing OifIndex Free Pool and IntfOifIndex "
                "collection ");
+    // A mapping at an index this agent never hands out is not one it made.
+    std::vector<TMF::OifIndex> beyond;
+    for (const auto& [index, entry] : mfibTidal_->oifIndexIntf()) {
+        if (index.value() >= oifIndexFreePoolLimit_) beyond.push_back(index);
+    }
+    for (TMF::OifIndex index : beyond) {
+        doReportCorruption(
+            "oifIndexFreePoolInit",
+            fmt::format("oifIndexIntf {}: interface '{}' beyond the index limit {}", index,
+                        mfibTidal_->oifIndexIntf(index).intf, oifIndexFreePoolLimit_));
+        mfibTidal_->oifIndexIntfDel(index);
+    }
     for (std::uint16_t i = 0; i < oifIndexFreePoolLimit_; ++i) {
         const TMF::OifIndex index(i);
         auto it = mfibTidal_->oifIndexIntf().find(index);
@@ -84,10 +154,13 @@ void MfibSm::oifIndexFreePoolInit() {
             continue;
         }
         const TMF::OifIndexIntf& entry = it->second;
+        // The first index found for an interface keeps it; a second one is
+        // no mapping the agent made, nor is an entry naming another index.
         const bool duplicate = !entry.intf.isNull() && intfOifIndex_.contains(entry.intf);
         if (entry.intf.isNull() || duplicate || entry.index != index) {
-            mfibTidal_->reportCorruption(
-                fmt::format("oifIndexIntf {}: interface '{}'", index, entry.intf));
+            doReportCorruption("oifIndexFreePoolInit",
+                               fmt::format("oifIndexIntf {}: interface '{}' index {}", index,
+                                           entry.intf, entry.index));
             mfibTidal_->oifIndexIntfDel(index);
             oifIndexFreePool_.push_back(index);
             continue;

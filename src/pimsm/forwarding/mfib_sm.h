@@ -35,6 +35,7 @@
 #include <vector>
 
 #include <set>
+#include <string>
 
 #include "cask/event_loop.h"
 #include "cask/reactor_map.h"
@@ -187,8 +188,10 @@ public:
     LocalStatus& localStatus() const { return *localStatus_; }
     bool initialized() const { return initialized_; }
 
-    // Builds the free pool, removes records no route of the agent matches,
-    // and creates the reactors of the routes already present. Runs once.
+    // Builds the free pool, repairs what the stored table contradicts itself
+    // on (reported to the table's corruption handler), removes records no
+    // route of the agent matches, and creates the reactors of the routes
+    // already present. Runs once.
     void handleInit();
 
     // --- interface / index mapping --------------------------------------
@@ -196,6 +199,9 @@ public:
     std::size_t intfOifIndexSize() const { return intfOifIndex_.size(); }
     std::size_t oifIndexFreePoolSize() const { return oifIndexFreePool_.size(); }
     bool oifIndexFreePoolInitialized() const { return oifIndexFreePoolInitialized_; }
+    // Indexes 0 to limit-1 are handed out; set before the pool is built.
+    std::uint32_t oifIndexFreePoolLimit() const { return oifIndexFreePoolLimit_; }
+    void oifIndexFreePoolLimitIs(std::uint32_t limit);
     void oifIndexFreePoolInit();
     TMF::OifIndex createOifIndexMapping(Wirl::IntfId intfId);
     void doUpdateOifIndexRefCount(const Routing::Multicast::Fib::IpGenRouteKey& mfibKey,
@@ -253,6 +259,14 @@ private:
     friend class RhoRoute;
 
     void doFreeOifIndex(TMF::OifIndex oifIndex, Wirl::IntfId intfId);
+    // Reports an inconsistency of the stored table to its corruption
+    // handler and traces it; the caller repairs it.
+    void doReportCorruption(const char* where, const std::string& what);
+    // At start, makes the stored records agree with the stored mapping:
+    // bits without an interface are cleared and every reference count is
+    // set to the number of records using the index, so the counting that
+    // follows never meets a count it did not make.
+    void doRepairStoredRecords();
     // Frees indexes handed out during a build that no record ended up using.
     void doReleaseUnusedIndexes();
     bool routeHeld(const Routing::Pim::RouteKey& key) const;

@@ -23,13 +23,16 @@ public:
           table(Cask::make<TMF::Status>()) {}
 
     // With a loop, dirty routes are built at the end of the loop's turn.
-    void start(Cask::EventLoop* loop = nullptr) {
+    // `poolLimit` caps the indexes handed out, to exhaust them cheaply.
+    void start(Cask::EventLoop* loop = nullptr, std::uint32_t poolLimit = TMF::OifIndex::count) {
         ctx_.vrfName = L3::VrfName("blue");
         ctx_.mfibTidal = table.get();
         ctx_.status = status_.get();
         ctx_.localStatus = ls_.get();
         ctx_.loop = loop;
-        sm = mfibSmFactory(ctx_);
+        sm = std::make_unique<MfibSm>(ctx_);
+        sm->oifIndexFreePoolLimitIs(poolLimit);
+        sm->handleInit();
     }
 
     static Wirl::IpGenAddr group(unsigned n) {
@@ -82,6 +85,7 @@ public:
         std::size_t mapped = 0;
         for (const auto& [index, entry] : table->oifIndexIntf()) {
             ++mapped;
+            EXPECT_LT(index.value(), sm->oifIndexFreePoolLimit());
             std::uint32_t users = 0;
             for (const auto& [key, r] : table->route()) users += r.oif(index);
             EXPECT_EQ(entry.refCount, users) << "index " << index.value();
@@ -94,7 +98,7 @@ public:
             }
         }
         EXPECT_EQ(sm->intfOifIndexSize(), mapped);
-        EXPECT_EQ(sm->oifIndexFreePoolSize() + mapped, TMF::OifIndex::count);
+        EXPECT_EQ(sm->oifIndexFreePoolSize() + mapped, sm->oifIndexFreePoolLimit());
     }
 
 private:

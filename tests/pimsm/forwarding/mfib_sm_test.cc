@@ -148,6 +148,116 @@ TEST_F(MfibSmTest, RestartKeepsMatchingRecordsWithTheirIndexesAndRemovesStaleOne
     EXPECT_EQ(f.sm->intfOifIndex(Wirl::IntfId("d3")), TMF::OifIndex(0));
 }
 
+// A table left by an earlier run that contradicts itself is reported, traced
+// and repaired at start; the agent keeps running and programs the routes it
+// holds as if the table had been sound. Every case holds (*,G1) with
+// receivers on d1 and d2 and finds other (*,G) records of its own.
+TEST_F(MfibSmTest, RestartRepairsAnInconsistentTable) {
+    struct Mapping {
+        unsigned key, index;
+        const char* intf;
+        std::uint32_t refCount;
+    };
+    struct Stored {
+        unsigned group;
+        std::vector<unsigned> bits;
+    };
+    struct Case {
+        const char* name;
+        std::uint32_t poolLimit;
+        std::vector<Mapping> mappings;
+        std::vector<Stored> records;
+    };
+    const std::vector<Case> cases = {
+        {"bit without mapping", 512, {{5, 5, "d1", 1}}, {{1, {5, 9}}, {2, {9}}}},
+        {"mapping beyond the index limit",
+         64,
+         {{5, 5, "d1", 1}, {100, 100, "d2", 2}},
+         {{1, {5, 100}}, {2, {100}}}},
+        {"two interfaces on one index",
+         512,
+         {{5, 5, "d1", 2}, {7, 5, "d2", 1}},
+         {{1, {5, 7}}, {2, {5}}}},
+        {"one interface on two indexes",
+         512,
+         {{5, 5, "d1", 1}, {7, 7, "d1", 1}},
+         {{1, {5, 7}}, {2, {7}}}},
+        {"reference count too low",
+         512,
+         {{5, 5, "d1", 1}, {7, 7, "d2", 1}},
+         {{1, {5, 7}}, {2, {5}}, {3, {5, 7}}}},
+        {"reference count too high",
+         512,
+         {{5, 5, "d1", 4}, {7, 7, "d2", 1}, {8, 8, "d3", 3}},
+         {{1, {5, 7}}, {2, {5}}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        MfibFixture fx;
+        Cask::trace().clear();
+        Cask::trace().levelIs(4);
+        std::vector<std::string> reports;
+        fx.table->corruptionHandlerIs([&](const std::string& what) { reports.push_back(what); });
+        for (const Mapping& m : c.mappings) {
+            fx.table->oifIndexIntfIs(TMF::OifIndex(m.key),
+                                     {TMF::OifIndex(m.index), Wirl::IntfId(m.intf), m.refCount});
+        }
+        for (const Stored& r : c.records) {
+            TMF::Route rec(MfibFixture::fibKey(MfibFixture::wcKey(r.group)));
+            rec.iifIs(Wirl::IntfId("up_rp"));
+            for (unsigned b : r.bits) rec.oifIs(TMF::OifIndex(b), true);
+            fx.table->routeIs(rec);
+        }
+        Route& wc = fx.wcRoute(1, "up_rp");
+        fx.receiverIs(wc, "d1", true);
+        fx.receiverIs(wc, "d2", true);
+
+        fx.start(nullptr, c.poolLimit);
+        EXPECT_GT(fx.table->corruptionCount(), 0u);
+        EXPECT_EQ(reports.size(), fx.table->corruptionCount());
+        EXPECT_TRUE(Cask::trace().contains("Corrupt forwarding table"));
+        ASSERT_TRUE(fx.record(wc.key()));
+        EXPECT_TRUE(fx.hasOif(wc.key(), "d1"));
+        EXPECT_TRUE(fx.hasOif(wc.key(), "d2"));
+        EXPECT_EQ(fx.record(wc.key())->oifs(), 2u);
+        for (unsigned g = 2; g <= 3; ++g) EXPECT_FALSE(fx.record(MfibFixture::wcKey(g)));
+        fx.expectConsistent();
+
+        // The repaired counts carry on: an interface leaving frees its index.
+        fx.receiverIs(wc, "d1", false);
+        EXPECT_TRUE(fx.sm->intfOifIndex(Wirl::IntfId("d1")).isNull());
+        fx.receiverIs(wc, "d3", true);
+        EXPECT_TRUE(fx.hasOif(wc.key(), "d3"));
+        fx.expectConsistent();
+        Cask::trace().levelIs(8);
+    }
+}
+
+// The incoming interface never forwards, so a route whose receivers sit on
+// it needs no new index and is written at once even with none free.
+TEST_F(MfibSmTest, ReceiverOnTheIifNeedsNoIndexWhenThePoolIsEmpty) {
+    f.start(nullptr, 1);
+    Route& full = f.wcRoute(0, "up_rp");
+    f.receiverIs(full, "e0", true);
+    ASSERT_EQ(f.sm->oifIndexFreePoolSize(), 0u);
+    struct Case {
+        unsigned group;
+        std::vector<const char*> receivers;
+        unsigned oifs;
+    };
+    for (const Case& c : {Case{1, {"up_rp"}, 0}, Case{2, {"up_rp", "e0"}, 1}}) {
+        SCOPED_TRACE(c.group);
+        Route& wc = f.wcRoute(c.group, "up_rp");
+        for (const char* r : c.receivers) f.receiverIs(wc, r, true);
+        const TMF::Route* r = f.record(wc.key());
+        ASSERT_TRUE(r);
+        EXPECT_EQ(r->oifs(), c.oifs);
+        EXPECT_FALSE(f.hasOif(wc.key(), "up_rp"));
+        EXPECT_TRUE(f.sm->routeWaitlist().empty());
+        f.expectConsistent();
+    }
+}
+
 TEST_F(MfibSmTest, SgRouteWaitsForRegisterEvaluationThenInheritsAndDropsTheSharedTree) {
     f.start();
     Route& wc = f.wcRoute(1, "up_rp");
