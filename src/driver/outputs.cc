@@ -163,6 +163,8 @@ void forwardingRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
         row["vrf"] = vrf.str();
         row["route"] = Routing::Multicast::Fib::convertKey(r->key()).str();
         row["iif"] = r->iif().isNull() ? "-" : r->iif().name();
+        // The backup incoming interface of upstream fast failover.
+        row["iif-frr"] = r->iifFrr().isNull() ? "-" : r->iifFrr().name();
         row["oifs"] = oifs;
         row["flags"] = fibFlagWords(*r);
         rows.push_back(row);

@@ -1,5 +1,7 @@
 #include "driver/runner.h"
 
+#include <algorithm>
+
 #include "cask/random.h"
 #include "cask/trace.h"
 #include "driver/outputs.h"
@@ -20,6 +22,30 @@ void pendingSent(Agent& agent) {
     for (const auto& [vrf, c] : root->containerSm()) {
         if (auto* jp = c->joinPruneStatus()) jp->pendingSent();
     }
+}
+
+Wirl::AddressRangeSet rangeSet(Wirl::AddressFamily family,
+                               const std::vector<Wirl::IpGenPrefix>& prefixes) {
+    Wirl::AddressRangeSet set(family);
+    for (const auto& p : prefixes) set.add(p);
+    return set;
+}
+
+// The interfaces of `current` (a set or a map keyed by interface) that
+// `wanted` leaves out: what replacing the set removes.
+template <class C>
+std::vector<Wirl::IntfId> listedOnlyIn(const C& current, const std::vector<Wirl::IntfId>& wanted) {
+    std::vector<Wirl::IntfId> out;
+    for (const auto& entry : current) {
+        Wirl::IntfId id;
+        if constexpr (requires { entry.first; }) {
+            id = entry.first;
+        } else {
+            id = entry;
+        }
+        if (std::find(wanted.begin(), wanted.end(), id) == wanted.end()) out.push_back(id);
+    }
+    return out;
 }
 
 }  // namespace
@@ -101,6 +127,12 @@ void Runner::publish(const VrfSpec& v) {
     for (const auto& a : v.localAddresses) localRp->localRpIs(a);
     for (const auto& i : v.interfaces) localRp->localRpIs(i.addr);
     db_.rpLocalStatusIs(v.name, localRp);
+    // The forwarding, VXLAN and group-filter sides start with nothing set.
+    db_.mfibConfigIs(v.name, Cask::make<Routing::Multicast::Fib::Config>());
+    db_.fastFailoverIntfsIs(v.name, Cask::make<Routing::Multicast::Fib::SparseModeStatus>());
+    db_.mcastVxlanStatusIs(v.name, Cask::make<Routing::Multicast::VxlanStatus>());
+    db_.groupFilterStatusIs(v.name, Cask::make<Routing::Pim::GroupFilterStatus>(fam));
+    db_.frrFilterStatusIs(v.name, Cask::make<FrrFilterStatus>(fam));
     db_.hwMfibStatusIs(v.name, Cask::make<Platform::HwMfibStatus>());
     db_.membershipTableIs(v.name, Cask::make<Routing::Gmp::Tidal::Status>());
     db_.pimEnabledVrfIs(v.name);
@@ -184,6 +216,31 @@ void Runner::apply(const Event& ev) {
                 flags.set(Bit::allRoutes);
             }
             db_.clearConfig(ev.vrf)->clearRoutesIs(ev.group, ev.source, flags);
+            return;
+        }
+        case Event::Kind::clearForwarding:
+            db_.mfibConfig(ev.vrf)->clearMfibCountInc();
+            return;
+        case Event::Kind::bidirRanges:
+            db_.groupFilterStatus(ev.vrf)->bidirRangeIs(rangeSet(fam, ev.groups));
+            return;
+        case Event::Kind::fastFailoverRanges:
+            db_.frrFilterStatus(ev.vrf)->frrRangeIs(rangeSet(fam, ev.groups));
+            return;
+        case Event::Kind::fastFailoverIntfs: {
+            auto status = db_.fastFailoverIntfs(ev.vrf);
+            for (const auto id : listedOnlyIn(status->fastFailoverIntf(), ev.interfaces)) {
+                status->fastFailoverIntfDel(id);
+            }
+            for (const auto id : ev.interfaces) status->fastFailoverIntfIs(id);
+            return;
+        }
+        case Event::Kind::vxlanIntfs: {
+            auto status = db_.mcastVxlanStatus(ev.vrf);
+            for (const auto id : listedOnlyIn(status->vxlanIntf(), ev.interfaces)) {
+                status->vxlanIntfDel(id);
+            }
+            for (const auto id : ev.interfaces) status->vxlanIntfIs(id, true);
             return;
         }
         case Event::Kind::rxJoinPrune: {

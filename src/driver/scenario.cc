@@ -412,8 +412,26 @@ private:
         return id;
     }
 
+    // The list of an event that replaces a set: the body itself, or its
+    // `key` when the body is a mapping that names the VRF.
+    YAML::Node listBody(const YAML::Node& b, const char* key, const char* event) {
+        YAML::Node list;
+        if (b.IsMap()) {
+            r_.keys(b, {"vrf", key}, event);
+            list.reset(r_.need(b, key, event));
+        } else {
+            list.reset(b);
+        }
+        if (!list.IsSequence()) {
+            r_.fail(list,
+                    fmt::format("{} takes a list of {} or a mapping (vrf, {})", event, key, key));
+        }
+        return list;
+    }
+
     const VrfSpec& eventVrf(const YAML::Node& n) {
-        if (auto v = n.IsMap() ? n["vrf"] : YAML::Node()) {
+        if (n.IsMap() && n["vrf"]) {
+            const auto v = n["vrf"];
             auto name = r_.vrfName(v);
             const VrfSpec* def = s_.vrf(name);
             if (!def) r_.fail(v, fmt::format("unknown VRF {}", name));
@@ -437,6 +455,11 @@ private:
             {"rp-withdraw", Event::Kind::rpWithdraw},
             {"clear", Event::Kind::clear},
             {"rx-join-prune", Event::Kind::rxJoinPrune},
+            {"clear-forwarding", Event::Kind::clearForwarding},
+            {"bidir-ranges", Event::Kind::bidirRanges},
+            {"fast-failover-ranges", Event::Kind::fastFailoverRanges},
+            {"fast-failover-intfs", Event::Kind::fastFailoverIntfs},
+            {"vxlan-intfs", Event::Kind::vxlanIntfs},
             {"show", Event::Kind::show},
             {"expect", Event::Kind::expect},
         };
@@ -468,7 +491,14 @@ private:
 
     void eventBody(Event& ev, const YAML::Node& b) {
         const auto fam = s_.family;
-        const bool takesMap = ev.kind != Event::Kind::show && ev.kind != Event::Kind::clear;
+        // These take a list (or a mapping with `vrf`) or nothing; they check
+        // their own body.
+        const bool ownBody =
+            ev.kind == Event::Kind::show || ev.kind == Event::Kind::clear ||
+            ev.kind == Event::Kind::clearForwarding || ev.kind == Event::Kind::bidirRanges ||
+            ev.kind == Event::Kind::fastFailoverRanges ||
+            ev.kind == Event::Kind::fastFailoverIntfs || ev.kind == Event::Kind::vxlanIntfs;
+        const bool takesMap = !ownBody;
         if (takesMap && !b.IsMap()) r_.fail(b, "the event's body must be a mapping");
         switch (ev.kind) {
             case Event::Kind::join:
@@ -542,6 +572,48 @@ private:
                 ev.vrf = v.name;
                 if (b.IsMap() && b["group"]) ev.group = r_.addr(b["group"], fam);
                 if (b.IsMap() && b["source"]) ev.source = r_.addr(b["source"], fam);
+                return;
+            }
+            case Event::Kind::clearForwarding: {
+                if (b.IsMap()) {
+                    r_.keys(b, {"vrf"}, "a forwarding clear");
+                } else if (!b.IsNull()) {
+                    r_.fail(b, "clear-forwarding takes a mapping (vrf) or nothing");
+                }
+                ev.vrf = eventVrf(b).name;
+                return;
+            }
+            case Event::Kind::bidirRanges:
+            case Event::Kind::fastFailoverRanges: {
+                const bool bidir = ev.kind == Event::Kind::bidirRanges;
+                const YAML::Node list =
+                    listBody(b, "groups", bidir ? "bidir-ranges" : "fast-failover-ranges");
+                ev.vrf = eventVrf(b).name;
+                for (const auto& item : list) {
+                    auto p = r_.prefix(item, fam);
+                    if (!p.first().isMulticast() || !p.last().isMulticast()) {
+                        r_.fail(item,
+                                fmt::format("'{}' is not a multicast group range", r_.text(item)));
+                    }
+                    ev.groups.push_back(p);
+                }
+                return;
+            }
+            case Event::Kind::fastFailoverIntfs:
+            case Event::Kind::vxlanIntfs: {
+                const bool frr = ev.kind == Event::Kind::fastFailoverIntfs;
+                const YAML::Node list =
+                    listBody(b, "interfaces", frr ? "fast-failover-intfs" : "vxlan-intfs");
+                const VrfSpec& v = eventVrf(b);
+                ev.vrf = v.name;
+                std::set<std::string> seen;
+                for (const auto& item : list) {
+                    const auto id = knownIntf(v, item);
+                    if (!seen.insert(id.name()).second) {
+                        r_.fail(item, fmt::format("interface {} is listed twice", id.name()));
+                    }
+                    ev.interfaces.push_back(id);
+                }
                 return;
             }
             case Event::Kind::rxJoinPrune: {

@@ -100,14 +100,19 @@ struct Event {
         leave,  // membership goes
         neighborUp,
         neighborDown,
-        genId,        // a neighbour restarted
-        dr,           // this router's DR role on an interface
-        rpf,          // unicast route added or replaced
-        rpfWithdraw,  // unicast route removed
-        rp,           // static RP mapping added or replaced
-        rpWithdraw,   // static RP mapping removed
-        clear,        // clear routes
-        rxJoinPrune,  // a Join/Prune entry received from a neighbour
+        genId,               // a neighbour restarted
+        dr,                  // this router's DR role on an interface
+        rpf,                 // unicast route added or replaced
+        rpfWithdraw,         // unicast route removed
+        rp,                  // static RP mapping added or replaced
+        rpWithdraw,          // static RP mapping removed
+        clear,               // clear routes
+        rxJoinPrune,         // a Join/Prune entry received from a neighbour
+        clearForwarding,     // rewrite every forwarding record
+        bidirRanges,         // the bidirectional group ranges, replaced
+        fastFailoverRanges,  // the groups with a fast-failover backup upstream, replaced
+        fastFailoverIntfs,   // the interfaces running fast failover, replaced
+        vxlanIntfs,          // the interfaces carrying multicast over VXLAN, replaced
         show,
         expect,
     };
@@ -131,8 +136,10 @@ struct Event {
     unsigned holdTime = 210;
     UnicastRouteSpec route;
     RpSpec rp;
-    std::vector<Output> outputs;  // show
-    std::string expectJson;       // expect: the expected outputs, as JSON text
+    std::vector<Wirl::IpGenPrefix> groups;  // bidir-ranges, fast-failover-ranges
+    std::vector<Wirl::IntfId> interfaces;   // fast-failover-intfs, vxlan-intfs
+    std::vector<Output> outputs;            // show
+    std::string expectJson;                 // expect: the expected outputs, as JSON text
 };
 
 struct Scenario {

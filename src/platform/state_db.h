@@ -17,11 +17,13 @@
 #include "platform/group_ranges.h"
 #include "platform/mcast_boundary.h"
 #include "platform/membership.h"
+#include "platform/mfib_records.h"
 #include "platform/mfib_table.h"
 #include "platform/mroute_clear.h"
 #include "platform/pim_status.h"
 #include "platform/rp_local.h"
 #include "platform/vrf_records.h"
+#include "platform/vxlan_status.h"
 #include "wirl/address_family.h"
 #include "wirl/namespace_name.h"
 #include "wirl/vrf_name.h"
@@ -52,6 +54,11 @@ public:
         virtual void handleMembershipTable(const Vrf&) {}
         virtual void handleSsmConvertConfig(const Vrf&) {}
         virtual void handleRpLocalStatus(const Vrf&) {}
+        virtual void handleMfibConfig(const Vrf&) {}
+        virtual void handleFastFailoverIntfs(const Vrf&) {}
+        virtual void handleMcastVxlanStatus(const Vrf&) {}
+        virtual void handleGroupFilterStatus(const Vrf&) {}
+        virtual void handleFrrFilterStatus(const Vrf&) {}
         // Inputs for the whole address family.
         virtual void handleMcastBoundaryStatus() {}
         virtual void handleNamespace(const Wirl::NamespaceName&) {}
@@ -96,6 +103,22 @@ public:
     // This router's own addresses that are RP addresses.
     CASK_RECORD_MAP(rpLocalStatus, RpLocalStatus, Vrf, Routing::Pim::RpLocalStatus,
                     "Platform::StateDb")
+
+    // The forwarding side's configuration (requests to rewrite every
+    // forwarding entry) and the interfaces it runs upstream fast failover on.
+    CASK_RECORD_MAP(mfibConfig, MfibConfig, Vrf, Routing::Multicast::Fib::Config,
+                    "Platform::StateDb")
+    CASK_RECORD_MAP(fastFailoverIntfs, FastFailoverIntfs, Vrf,
+                    Routing::Multicast::Fib::SparseModeStatus, "Platform::StateDb")
+    // Interfaces that carry multicast over VXLAN (written by the VXLAN side).
+    CASK_RECORD_MAP(mcastVxlanStatus, McastVxlanStatus, Vrf, Routing::Multicast::VxlanStatus,
+                    "Platform::StateDb")
+    // Groups run in bidirectional mode, which sparse mode leaves alone, and
+    // groups whose routes keep a fast-failover backup upstream.
+    CASK_RECORD_MAP(groupFilterStatus, GroupFilterStatus, Vrf, Routing::Pim::GroupFilterStatus,
+                    "Platform::StateDb")
+    CASK_RECORD_MAP(frrFilterStatus, FrrFilterStatus, Vrf,
+                    Routing::Pim::SparseMode::FrrFilterStatus, "Platform::StateDb")
 
     // --- address-family-wide inputs -----------------------------------------
     CASK_ATTR(Cask::Ptr<Routing::McastBoundary::Status>, mcastBoundaryStatus, McastBoundaryStatus)
@@ -142,6 +165,11 @@ private:
     Cask::RecordMap<Vrf, RegisterConfig> registerConfig_;
     Cask::RecordMap<Vrf, Tidal::Multicast::Fib::Status> mfibTable_;
     Cask::RecordMap<Vrf, Routing::Pim::RpLocalStatus> rpLocalStatus_;
+    Cask::RecordMap<Vrf, Routing::Multicast::Fib::Config> mfibConfig_;
+    Cask::RecordMap<Vrf, Routing::Multicast::Fib::SparseModeStatus> fastFailoverIntfs_;
+    Cask::RecordMap<Vrf, Routing::Multicast::VxlanStatus> mcastVxlanStatus_;
+    Cask::RecordMap<Vrf, Routing::Pim::GroupFilterStatus> groupFilterStatus_;
+    Cask::RecordMap<Vrf, Routing::Pim::SparseMode::FrrFilterStatus> frrFilterStatus_;
     Cask::KeySet<std::string> mount_;
 };
 

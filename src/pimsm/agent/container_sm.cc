@@ -79,7 +79,7 @@ void ContainerSm::handleInitialized() {
         db.mfibTableIs(vrf_, mfibTidal_);
     }
 
-    // RPF inputs; the group and fast-failover filters of the family.
+    // RPF inputs; the VRF's group and fast-failover filters.
     rpfConfig_ = Cask::make<Routing::Pim::RpfConfig>();
     rpfStatus_ = Cask::make<Routing::Pim::RpfStatus>();
     rpfResolver_ = std::make_unique<Routing::Pim::RpfResolver>(rpfConfig_, rpfStatus_);
@@ -87,8 +87,16 @@ void ContainerSm::handleInitialized() {
     mribWatcher_ =
         std::make_unique<MribWatcher>(db.mribVrfStatus(vrf_).get(), *unicastRoutingStatus_);
     rpfTableSm_ = std::make_unique<RpfTableSm>(unicastRoutingStatus_, *rpfResolver_);
-    groupFilterStatus_ = Cask::make<Routing::Pim::GroupFilterStatus>(pc_.family);
-    frrFilterStatus_ = Cask::make<FrrFilterStatus>(pc_.family);
+    groupFilterStatus_ = db.groupFilterStatus(vrf_);
+    if (!groupFilterStatus_) {
+        groupFilterStatus_ = Cask::make<Routing::Pim::GroupFilterStatus>(pc_.family);
+        db.groupFilterStatusIs(vrf_, groupFilterStatus_);
+    }
+    frrFilterStatus_ = db.frrFilterStatus(vrf_);
+    if (!frrFilterStatus_) {
+        frrFilterStatus_ = Cask::make<FrrFilterStatus>(pc_.family);
+        db.frrFilterStatusIs(vrf_, frrFilterStatus_);
+    }
 
     // LocalStatus, linked to the route status and the two filters.
     localStatus_ = localStatusFactory(pc_.family);
@@ -122,6 +130,25 @@ void ContainerSm::handleInitialized() {
         db.membershipTableIs(vrf_, gmpTidalStatus_);
     }
 
+    // What the forwarding side publishes for the VRF: its configuration
+    // (requests to rewrite every entry), the interfaces it runs upstream
+    // fast failover on, and the interfaces carrying multicast over VXLAN.
+    mfibConfig_ = db.mfibConfig(vrf_);
+    if (!mfibConfig_) {
+        mfibConfig_ = Cask::make<Routing::Multicast::Fib::Config>();
+        db.mfibConfigIs(vrf_, mfibConfig_);
+    }
+    failoverIntfs_ = db.fastFailoverIntfs(vrf_);
+    if (!failoverIntfs_) {
+        failoverIntfs_ = Cask::make<Routing::Multicast::Fib::SparseModeStatus>();
+        db.fastFailoverIntfsIs(vrf_, failoverIntfs_);
+    }
+    mcastVxlanStatus_ = db.mcastVxlanStatus(vrf_);
+    if (!mcastVxlanStatus_) {
+        mcastVxlanStatus_ = Cask::make<Routing::Multicast::VxlanStatus>();
+        db.mcastVxlanStatusIs(vrf_, mcastVxlanStatus_);
+    }
+
     // Register and advertised-source status; the SSM range in force.
     db.mountIs(tidalPath("register"));
     db.mountIs(tidalPath("advertisedSg"));
@@ -140,6 +167,7 @@ void ContainerSm::handleInitialized() {
     hwMfibStatus_ = db.hwMfibStatus(vrf_);
     ctx_.config = config_.get();
     ctx_.clearConfig = clearConfig_.get();
+    ctx_.mfibConfig = mfibConfig_.get();
     ctx_.ssmConvertConfig = ssmConvertConfig_.get();
     ctx_.rpMapping = rpMapping_.get();
     ctx_.status = status_.get();
@@ -153,6 +181,8 @@ void ContainerSm::handleInitialized() {
     ctx_.rpfTable = pimRpfTable_.get();
     ctx_.rpLocalStatus = rpLocalStatus_.get();
     ctx_.mcastBoundaryStatus = mcastBoundaryStatus_.get();
+    ctx_.failoverIntfs = failoverIntfs_.get();
+    ctx_.mcastVxlanStatus = mcastVxlanStatus_.get();
     ctx_.membership = gmpTidalStatus_.get();
     ctx_.joinPruneStatus = joinPruneStatus_.get();
     ctx_.joinPruneRxStatus = rxJoinPrune_.get();

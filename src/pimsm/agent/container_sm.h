@@ -59,6 +59,11 @@ public:
     Routing::Pim::RpfStatus* rpfStatus() const { return rpfStatus_.get(); }
     UnicastRoutingStatus* unicastRoutingStatus() const { return unicastRoutingStatus_.get(); }
     Routing::Pim::GroupFilterStatus* groupFilterStatus() const { return groupFilterStatus_.get(); }
+    Routing::Multicast::Fib::Config* mfibConfig() const { return mfibConfig_.get(); }
+    Routing::Multicast::Fib::SparseModeStatus* failoverIntfs() const {
+        return failoverIntfs_.get();
+    }
+    Routing::Multicast::VxlanStatus* mcastVxlanStatus() const { return mcastVxlanStatus_.get(); }
     FrrFilterStatus* frrFilterStatus() const { return frrFilterStatus_.get(); }
     LocalStatus* localStatus() const { return localStatus_.get(); }
     Routing::Gmp::Tidal::Status* gmpTidalStatus() const { return gmpTidalStatus_.get(); }
@@ -122,6 +127,9 @@ private:
     std::unique_ptr<Routing::Pim::JoinPruneNeighborSm> joinPruneNeighborSm_;
     Cask::Ptr<Routing::Pim::JoinPruneRxStatus> rxJoinPrune_;
     Cask::Ptr<Routing::Pim::RpLocalStatus> rpLocalStatus_;
+    Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig_;
+    Cask::Ptr<Routing::Multicast::Fib::SparseModeStatus> failoverIntfs_;
+    Cask::Ptr<Routing::Multicast::VxlanStatus> mcastVxlanStatus_;
     std::unique_ptr<PimRpfTable> pimRpfTable_;
     Cask::Ptr<Routing::Pim::Tidal::MessageCounters> pimCounters_;
     Cask::Ptr<SsmGroupInfo> ssmGroupInfo_;
