@@ -4,7 +4,7 @@
 // upstream (*,G) machine, the forwarding machine and membership.
 //
 // The reactor figure is measured, per machine, as
-//   reactor blocks (the pools' bytes in use, route and interface reactors)
+//   reactor blocks (the pools' bytes in use, one reactor per route)
 //   + index bytes (the hash set's slots and control bytes; a one-interface map has none)
 //   + registrations (watcher slots added to the records' notifiee lists, 8 bytes each)
 // divided by N, and printed beside the 64-byte budget. Beside it, every byte the machine
@@ -206,7 +206,7 @@ int run(std::size_t n) {
             in.membership = vrf.membership;
             vrf.review = routeReviewSmFactory(in);
         },
-        [] { return poolBytes<RouteSm, RouteSm::IntfSm>(); },
+        [] { return poolBytes<RouteSm>(); },
         [&] { return vrf.review->routeSmMap().indexFootprint(); });
     measure(
         "UpstreamWcSm",
@@ -214,7 +214,7 @@ int run(std::size_t n) {
             vrf.upstream = upstreamWcSmFactory(
                 UpstreamWcInputs{L3::VrfName("bench"), vrf.ls.get(), vrf.pim.get(), vrf.jp.get()});
         },
-        [] { return poolBytes<UpstreamWcSm::RhoRoute, UpstreamWcSm::RhoIntf>(); },
+        [] { return poolBytes<UpstreamWcSm::RhoRoute>(); },
         [&] { return vrf.upstream->routeMap().indexFootprint(); });
     measure(
         "MfibSm",
@@ -222,7 +222,7 @@ int run(std::size_t n) {
             vrf.mfib = mfibSmFactory(L3::VrfName("bench"), vrf.table, vrf.status, vrf.ls, nullptr,
                                      &vrf.loop);
         },
-        [] { return poolBytes<MfibSm::RhoWcRoute, MfibSm::RhoRoute::IntfReactor>(); },
+        [] { return poolBytes<MfibSm::RhoWcRoute>(); },
         [&] { return vrf.mfib->wcRhoMap().indexFootprint(); });
     measure(
         "GmpSm",
