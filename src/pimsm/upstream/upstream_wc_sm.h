@@ -11,8 +11,8 @@
 //
 // It writes contents only: the packet side owns the periodic, triggered,
 // override and suppression timers. One per VRF and address family, with one
-// `RhoRoute` per route of `LocalStatus.wcRoute` and one `RhoIntf` per
-// interface of that route.
+// `RhoRoute` per route of `LocalStatus.wcRoute`, which hears the route's
+// interfaces and upstream through the route.
 
 #include <memory>
 #include <unordered_map>
