@@ -67,11 +67,11 @@ void RouteSm::handleRouteInitialized() {
     status.groupIs(key.group());
     if (r.isWc()) {
         r.wildCardIs(true);
-        ls.wcRouteIs(key, Cask::Ptr<Route>(&r));
+        ls.wcRouteIs(key, Cask::Ptr<Route>(route()));
         status.wcRouteCountIs(status.wcRouteCount() + 1);
     } else {
         status.sourceGroupAdd(key.source(), key.group());
-        ls.sgRouteIs(key, Cask::Ptr<Route>(&r));
+        ls.sgRouteIs(key, Cask::Ptr<Route>(route()));
         status.sgRouteCountIs(status.sgRouteCount() + 1);
         ROUTE_SM_TRACE(7,
                        "RouteSm::handleRouteInitialized({}) sgRoute: {} is created in localStatus",
