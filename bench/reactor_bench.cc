@@ -4,7 +4,7 @@
 // upstream (*,G) machine, the forwarding machine and membership.
 //
 // The reactor figure is measured, per machine, as
-//   reactor blocks (the pools' bytes in use, route and interface reactors)
+//   reactor blocks (the pools' bytes in use, one reactor per route)
 //   + index bytes (the hash set's slots and control bytes; a one-interface map has none)
 //   + registrations (watcher slots added to the records' notifiee lists, 8 bytes each)
 // divided by N, and printed beside the 64-byte budget. Beside it, every byte the machine
@@ -160,15 +160,15 @@ int run(std::size_t n) {
     };
     measure(
         "RouteSm (route review)", [&] { vrf.review = routeReviewSmFactory(vrf.ctx); },
-        [] { return poolBytes<RouteSm, RouteSm::IntfSm>(); },
+        [] { return poolBytes<RouteSm>(); },
         [&] { return vrf.review->routeSmMap().indexFootprint(); });
     measure(
         "UpstreamWcSm", [&] { vrf.upstream = upstreamWcSmFactory(vrf.ctx); },
-        [] { return poolBytes<UpstreamWcSm::RhoRoute, UpstreamWcSm::RhoIntf>(); },
+        [] { return poolBytes<UpstreamWcSm::RhoRoute>(); },
         [&] { return vrf.upstream->routeMap().indexFootprint(); });
     measure(
         "MfibSm", [&] { vrf.mfib = mfibSmFactory(vrf.ctx); },
-        [] { return poolBytes<MfibSm::RhoWcRoute, MfibSm::RhoRoute::IntfReactor>(); },
+        [] { return poolBytes<MfibSm::RhoWcRoute>(); },
         [&] { return vrf.mfib->wcRhoMap().indexFootprint(); });
     measure(
         "GmpSm", [&] { vrf.gmp = gmpSmFactory(vrf.ctx); },

@@ -64,9 +64,10 @@ public:
 protected:
     // Calls `handler(args...)` on every watcher attached when the delivery
     // starts and still attached when its turn comes. `N` is the record's
-    // Notifiee class: every watcher of a record is one.
+    // Notifiee class: every watcher of a record is one. Returns false when
+    // the record was destroyed during the delivery.
     template <class N, class... P, class... A>
-    void notify(void (N::*handler)(P...), A&&... args);
+    bool notify(void (N::*handler)(P...), A&&... args);
 
     // Sets `field` to `value` and notifies `handler` if it changed.
     template <class T, class V, class N>
@@ -115,8 +116,8 @@ public:
 };
 
 template <class N, class... P, class... A>
-void Notifier::notify(void (N::*handler)(P...), A&&... args) {
-    if (notifiees_.empty()) return;
+bool Notifier::notify(void (N::*handler)(P...), A&&... args) {
+    if (notifiees_.empty()) return true;
     Delivery frame{delivery_, false};
     delivery_ = &frame;
     // Watchers attached during the delivery land past `end` and are skipped.
@@ -125,10 +126,11 @@ void Notifier::notify(void (N::*handler)(P...), A&&... args) {
         NotifieeBase* n = notifiees_[i];
         if (!n) continue;  // detached during this delivery
         (static_cast<N*>(n)->*handler)(args...);
-        if (frame.recordDestroyed) return;  // `this` is gone
+        if (frame.recordDestroyed) return false;  // `this` is gone
     }
     delivery_ = frame.outer;
     if (!delivery_ && tombstones_) compact();
+    return true;
 }
 
 }  // namespace Cask

@@ -70,15 +70,10 @@ TMF::OifIndex delTidalRouteOif(MfibSm& mfibSm, TMF::Route& route, Wirl::IntfId i
 
 // --- RhoRoute ------------------------------------------------------------------------
 
-MfibSm::RhoRoute::RhoRoute(MfibSm& sm, Route& route) : sm_(sm), route_(&route) {
-    notifierIs(route_.get());
-    umh_.notifierIs(route_->umh());
-    umhFrr_.notifierIs(route_->umhFrr());
-    for (const auto& [id, intf] : route_->routeIntf()) intf_.update(id, intf.get(), *this);
-}
+MfibSm::RhoRoute::RhoRoute(MfibSm& sm, Route& route) : RouteReactor(route), sm_(sm) {}
 
 void MfibSm::RhoRoute::handleDelete() {
-    const Routing::Pim::RouteKey key = route_->key();
+    const Routing::Pim::RouteKey key = route()->key();
     sm_.dirty_.erase(key);
     sm_.handleDelete(key);
 }
@@ -86,13 +81,33 @@ void MfibSm::RhoRoute::handleDelete() {
 MfibSm::RhoRoute::~RhoRoute() = default;
 
 void MfibSm::RhoRoute::handleRouteIntf(Wirl::IntfId intfId) {
-    intf_.update(intfId, route_->routeIntfRaw(intfId), *this);
     handleIntfChanged(intfId);
 }
 
 void MfibSm::RhoRoute::handleUmhFrr() {
-    umhFrr_.notifierIs(route_->umhFrr());
     handleRoute();
+}
+
+void MfibSm::RhoRoute::handleIntfAttr(Intf& intf, IntfAttr attr) {
+    switch (attr) {
+        case IntfAttr::localMembership:
+        case IntfAttr::localReceiverInclude:
+        case IntfAttr::localReceiverExclude:
+        case IntfAttr::forward:
+        case IntfAttr::fastForward:
+        case IntfAttr::joinState:
+        case IntfAttr::rptState:
+        case IntfAttr::assertInfo:
+            handleIntfChanged(intf.intfId());
+            break;
+        default:
+            break;
+    }
+}
+
+void MfibSm::RhoRoute::handleUmhAttr(UpstreamInfo&, UmhAttr attr) {
+    // Both upstreams: the backup path's RPF feeds the record too.
+    if (attr == UmhAttr::rpf || attr == UmhAttr::prevRpf) handleRpf();
 }
 
 void MfibSm::RhoRoute::handleIntfChanged(Wirl::IntfId) {
@@ -100,7 +115,7 @@ void MfibSm::RhoRoute::handleIntfChanged(Wirl::IntfId) {
 }
 
 void MfibSm::RhoRoute::doBuild(bool withWc) {
-    const Route& route = *route_;
+    const Route& route = *this->route();
     const Routing::Pim::RouteKey& key = route.key();
     const L3::VrfName& vrf = sm_.vrfName();
     // Make-before-break: while the incoming interface is being switched the
@@ -238,9 +253,9 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
 void MfibSm::RhoSgRoute::doBuildRecord() {
     ++sm_.builds_;
     CASK_TRACE(6, "<Vrf:{}>MfibSm::RhoSgRoute::handleRoute({}) rpf: {}", sm_.vrfName(),
-               route_->key(), route_->rpf().str());
-    if (!sm_.isProgrammableRoute(route_->key())) {
-        sm_.handleDelete(route_->key());
+               route()->key(), route()->rpf().str());
+    if (!sm_.isProgrammableRoute(route()->key())) {
+        sm_.handleDelete(route()->key());
         return;
     }
     doBuild(true);
@@ -249,9 +264,9 @@ void MfibSm::RhoSgRoute::doBuildRecord() {
 void MfibSm::RhoWcRoute::doBuildRecord() {
     ++sm_.builds_;
     CASK_TRACE(6, "<Vrf:{}>MfibSm::RhoWcRoute::handleWcRoute({}) rpf: {}", sm_.vrfName(),
-               route_->key(), route_->rpf().str());
-    if (!sm_.isProgrammableRoute(route_->key())) {
-        sm_.handleDelete(route_->key());
+               route()->key(), route()->rpf().str());
+    if (!sm_.isProgrammableRoute(route()->key())) {
+        sm_.handleDelete(route()->key());
         return;
     }
     doBuild(false);
@@ -259,9 +274,9 @@ void MfibSm::RhoWcRoute::doBuildRecord() {
 
 void MfibSm::RhoWcRoute::handleIntfChanged(Wirl::IntfId intfId) {
     handleRoute();
-    CASK_TRACE(7, "<Vrf:{}>MfibSm::handleInheritedWcIntf({}, {})", sm_.vrfName(), route_->key(),
+    CASK_TRACE(7, "<Vrf:{}>MfibSm::handleInheritedWcIntf({}, {})", sm_.vrfName(), route()->key(),
                intfId);
-    sm_.handleInheritedWcIntf(route_->key());
+    sm_.handleInheritedWcIntf(route()->key());
 }
 
 }  // namespace Routing::Pim::SparseMode

@@ -64,21 +64,19 @@ class MfibSm : public Routing::Multicast::Fib::Config::Notifiee {
 public:
     // Rebuilds one route's record on any change of the route, its upstream
     // or its interfaces. Shared by both kinds of route.
-    class RhoRoute : public Route::Notifiee {
+    class RhoRoute : public RouteReactor {
     public:
         RhoRoute(MfibSm& sm, Route& route);
         ~RhoRoute() override;
         RhoRoute(const RhoRoute&) = delete;
         RhoRoute& operator=(const RhoRoute&) = delete;
 
-        Route* route() const { return route_.get(); }
-        const Routing::Pim::RouteKey& reactorKey() const { return route_->key(); }
-        const Route* reactorRecord() const { return route_.get(); }
+        Route* route() const { return notifier(); }
         // A record was built at least once.
         bool initialized() const { return initialized_; }
 
         // Any change of the route: marks it dirty.
-        void handleRoute() { sm_.doMarkDirty(route_->key()); }
+        void handleRoute() { sm_.doMarkDirty(route()->key()); }
         // Builds the route's record (or removes it when the route is not
         // programmable); run for a dirty route.
         virtual void doBuildRecord() = 0;
@@ -93,6 +91,9 @@ public:
         void handleRegisterOifEvaluated() override { handleRoute(); }
         void handleUmhFrr() override;
         void handleIifSwitchState() override { handleRoute(); }
+        // The route's interfaces and both its upstreams, through the route.
+        void handleIntfAttr(Intf& intf, IntfAttr attr) override;
+        void handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) override;
 
     protected:
         // Called when one of the route's interfaces changed.
@@ -102,46 +103,7 @@ public:
         void doBuild(bool withWc);
 
         MfibSm& sm_;
-        Cask::Ptr<Route> route_;
         bool initialized_ = false;
-
-    private:
-        class UpstreamWatcher : public UpstreamInfo::Notifiee {
-        public:
-            explicit UpstreamWatcher(RhoRoute& owner) : owner_(owner) {}
-            void handleRpf() override { owner_.handleRpf(); }
-            void handlePrevRpf() override { owner_.handleRpf(); }
-
-        private:
-            RhoRoute& owner_;
-        };
-
-    public:
-        // Watches one interface of the route (public for measurements).
-        class IntfWatcher : public Intf::Notifiee {
-        public:
-            IntfWatcher(RhoRoute& owner, Intf& intf) : Intf::Notifiee(&intf), owner_(owner) {}
-            Wirl::IntfId reactorKey() const { return notifier()->intfId(); }
-            const Intf* reactorRecord() const { return notifier(); }
-            void handleLocalMembership() override { changed(); }
-            void handleLocalReceiverInclude() override { changed(); }
-            void handleLocalReceiverExclude() override { changed(); }
-            void handleForward() override { changed(); }
-            void handleFastForward() override { changed(); }
-            void handleJoinState() override { changed(); }
-            void handleRptState() override { changed(); }
-            void handleAssertInfo() override { changed(); }
-
-        private:
-            void changed() { owner_.handleIntfChanged(notifier()->intfId()); }
-            RhoRoute& owner_;
-        };
-        using IntfReactor = IntfWatcher;
-
-    private:
-        UpstreamWatcher umh_{*this};
-        UpstreamWatcher umhFrr_{*this};
-        Cask::ReactorMap<Wirl::IntfId, IntfWatcher, Cask::SmallIndex> intf_;
     };
 
     class RhoSgRoute : public RhoRoute {

@@ -26,6 +26,33 @@ namespace Routing::Pim::SparseMode {
 
 class Route;
 
+// The attributes of an Intf that its route passes on to the route's own
+// watchers (`Route::Notifiee::handleIntfAttr`), so that a machine watching
+// the route needs no watcher per interface.
+enum class IntfAttr : std::uint8_t {
+    localMembership,
+    localReceiverInclude,
+    localReceiverExclude,
+    forward,
+    fastForward,
+    joinState,
+    rptState,
+    assertInfo,
+    changeFlags,
+};
+
+// An attribute whose setter tells the record's watchers and then the
+// route's (see `notifyWithRoute`).
+#define PIMSM_INTF_ROUTE_ATTR(Type, name, Name)                   \
+    const Type& name() const {                                    \
+        return name##_;                                           \
+    }                                                             \
+    void name##Is(const Type& v) {                                \
+        if (name##_ == v) return;                                 \
+        name##_ = v;                                              \
+        notifyWithRoute(&Notifiee::handle##Name, IntfAttr::name); \
+    }
+
 class Intf : public Cask::Record<Intf> {
 public:
     class Notifiee : public Cask::NotifieeOf<Intf> {
@@ -61,17 +88,17 @@ public:
     Route* route() const { return route_; }
 
     // Local receivers (from group membership).
-    CASK_ATTR(bool, localMembership, LocalMembership)
-    CASK_ATTR(bool, localReceiverInclude, LocalReceiverInclude)
-    CASK_ATTR(bool, localReceiverExclude, LocalReceiverExclude)
+    PIMSM_INTF_ROUTE_ATTR(bool, localMembership, LocalMembership)
+    PIMSM_INTF_ROUTE_ATTR(bool, localReceiverInclude, LocalReceiverInclude)
+    PIMSM_INTF_ROUTE_ATTR(bool, localReceiverExclude, LocalReceiverExclude)
     // The interface is in the outgoing list, and in the fast-failover one.
-    CASK_ATTR(bool, forward, Forward)
-    CASK_ATTR(bool, fastForward, FastForward)
+    PIMSM_INTF_ROUTE_ATTR(bool, forward, Forward)
+    PIMSM_INTF_ROUTE_ATTR(bool, fastForward, FastForward)
     // Downstream states.
-    CASK_ATTR(JoinState, joinState, JoinState)
-    CASK_ATTR(RptState, rptState, RptState)
+    PIMSM_INTF_ROUTE_ATTR(JoinState, joinState, JoinState)
+    PIMSM_INTF_ROUTE_ATTR(RptState, rptState, RptState)
     // Assert state, the last action taken (1 to 6; 0 after a reset), counters.
-    CASK_ATTR(AssertInfo, assertInfo, AssertInfo)
+    PIMSM_INTF_ROUTE_ATTR(AssertInfo, assertInfo, AssertInfo)
     CASK_ATTR(std::uint8_t, lastAssertAction, LastAssertAction)
     CASK_COUNTER(std::uint32_t, rxPreferredAssert, RxPreferredAssert)
     CASK_COUNTER(std::uint32_t, rxInferiorAssert, RxInferiorAssert)
@@ -82,7 +109,7 @@ public:
     // Counters: the (*,G) route's interface, or the PIM interface, changed.
     CASK_COUNTER(std::uint32_t, wcIntfChanged, WcIntfChanged)
     CASK_COUNTER(std::uint32_t, pimIntfChanged, PimIntfChanged)
-    CASK_ATTR(IntfChangeFlags, changeFlags, ChangeFlags)
+    PIMSM_INTF_ROUTE_ATTR(IntfChangeFlags, changeFlags, ChangeFlags)
     // Marked for removal by the next route review.
     CASK_ATTR(bool, toBeDeleted, ToBeDeleted)
     CASK_ATTR(bool, initialized, Initialized)
@@ -134,6 +161,10 @@ public:
 
 private:
     friend class Route;
+    // Tells this record's watchers, then (while the route still holds this
+    // record) the route's watchers through `handleIntfAttr`.
+    void notifyWithRoute(void (Notifiee::*handler)(), IntfAttr attr);
+
     Route* route_;
     Wirl::IntfId intfId_;
     std::uint32_t ifIndex_;
@@ -157,5 +188,7 @@ private:
     double lastJoinReceived_ = 0;
     double lastRptPruneReceived_ = 0;
 };
+
+#undef PIMSM_INTF_ROUTE_ATTR
 
 }  // namespace Routing::Pim::SparseMode

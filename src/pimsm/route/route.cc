@@ -72,11 +72,38 @@ const Route* Route::wc() const {
     return context_->localStatus->wcRoute().raw(Routing::Pim::RouteKey::wc(key_.group()));
 }
 
+void Route::Notifiee::deliverIntfAttr(Intf& intf, IntfAttr attr) {
+    // An earlier watcher may have removed the interface.
+    if (notifier()->routeIntfRaw(intf.intfId()) == &intf) handleIntfAttr(intf, attr);
+}
+
+void Route::Notifiee::deliverUmhAttr(UpstreamInfo& umh, UmhAttr attr) {
+    const Route* r = notifier();
+    if (r->umh() == &umh || r->umhFrr() == &umh) handleUmhAttr(umh, attr);
+}
+
+void Intf::notifyWithRoute(void (Notifiee::*handler)(), IntfAttr attr) {
+    if (!notify(handler)) return;  // a watcher dropped this record
+    Route* r = route_;
+    if (!r || r->routeIntfRaw(intfId_) != this) return;
+    // Alive through the route's delivery, even if a watcher removes it.
+    Cask::Ptr<Intf> self(this);
+    r->notify(&Route::Notifiee::deliverIntfAttr, *this, attr);
+}
+
+void UpstreamInfo::notifyWithRoute(void (Notifiee::*handler)(), UmhAttr attr) {
+    if (!notify(handler)) return;
+    Route* r = route_;
+    if (!r || (r->umh() != this && r->umhFrr() != this)) return;
+    Cask::Ptr<UpstreamInfo> self(this);
+    r->notify(&Route::Notifiee::deliverUmhAttr, *this, attr);
+}
+
 void UpstreamInfo::doUpdateRptState(UpRptState state) {
     if (state == upRptState_) return;
     prevRptState_ = upRptState_;
     upRptState_ = state;
-    notify(&Notifiee::handleUpRptState);
+    notifyWithRoute(&Notifiee::handleUpRptState, UmhAttr::upRptState);
 }
 
 }  // namespace Routing::Pim::SparseMode

@@ -9,6 +9,14 @@
 // `routeIntf`; its upstream is `umh` (and `umhFrr` for the fast-failover
 // backup path).
 //
+// The route is also the one dispatcher of its interfaces' and upstreams'
+// changes: an Intf or UpstreamInfo setter tells that record's own watchers
+// and then the route's, through `handleIntfAttr` / `handleUmhAttr`. A
+// machine thus keeps one watcher per route, whatever the number of
+// interfaces. A record the route no longer holds (an interface removed, a
+// replaced fast-failover upstream) is not passed on, not even to the
+// watchers that remain in a delivery during which it was removed.
+//
 // Route flags: fifteen named flags, each with its own setter and its own
 // notification (`handleRpTree`, ...) followed by `handleRouteFlags`, which
 // fires on any flag change. The first thirteen live in the 32-bit
@@ -95,6 +103,16 @@ public:
         virtual void handleFirstInactivityTime() {}
         virtual void handleExpiredFlags() {}
         virtual void handleInitialized() {}
+        // `attr` of the route's interface record `intf` changed.
+        virtual void handleIntfAttr(Intf& /*intf*/, IntfAttr /*attr*/) {}
+        // `attr` of the route's upstream `umh` changed, or of its
+        // fast-failover upstream `umhFrr` (`umh.frr()` set).
+        virtual void handleUmhAttr(UpstreamInfo& /*umh*/, UmhAttr /*attr*/) {}
+
+        // The dispatcher's side of the two above: calls them while the
+        // route still holds the record.
+        void deliverIntfAttr(Intf& intf, IntfAttr attr);
+        void deliverUmhAttr(UpstreamInfo& umh, UmhAttr attr);
     };
 
     // The thirteen flags of the `routeFlags` word, by bit.
@@ -263,6 +281,7 @@ public:
 
 private:
     friend class Intf;
+    friend class UpstreamInfo;
     template <class W, class N>
     void setFlag(W& word, unsigned bit, bool v, void (N::*handler)());
     // Is `intf` (which this route has no record for) in the inherited olist?
@@ -298,6 +317,29 @@ private:
     Cask::Ptr<UpstreamInfo> umh_;
     Cask::Ptr<UpstreamInfo> umhFrr_;
     Cask::RecordMapOf<Wirl::IntfId, Intf, IntfMap> routeIntf_;
+};
+
+// The base of a machine's per-route reactor: the route's watcher, holding a
+// reference to the route from construction to destruction, so that the
+// reactor maps can read its key until it goes. The route
+// is the reactor's only pointer to it, and stays watched until then.
+class RouteReactor : public Route::Notifiee {
+public:
+    explicit RouteReactor(Route& route) : Route::Notifiee(&route) { intrusive_ptr_add_ref(&route); }
+    ~RouteReactor() override {
+        Route* r = notifier();
+        NotifieeOf::notifierIs(nullptr);
+        intrusive_ptr_release(r);
+    }
+    RouteReactor(const RouteReactor&) = delete;
+    RouteReactor& operator=(const RouteReactor&) = delete;
+
+    const Routing::Pim::RouteKey& reactorKey() const { return notifier()->key(); }
+    const Route* reactorRecord() const { return notifier(); }
+
+private:
+    // Held: detaching would release the route early.
+    using NotifieeOf::notifierIs;
 };
 
 template <class W, class N>

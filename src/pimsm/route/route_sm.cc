@@ -11,10 +11,7 @@ namespace Routing::Pim::SparseMode {
 #define ROUTE_SM_TRACE(lvl, f, ...) \
     CASK_TRACE(lvl, "<Vrf:{}>" f, review_.vrfName() __VA_OPT__(, ) __VA_ARGS__)
 
-RouteSm::RouteSm(RouteReviewSm& review, Route& route)
-    : Route::Notifiee(&route), route_(&route), review_(review) {
-    upstream_.notifierIs(route_->umh());
-}
+RouteSm::RouteSm(RouteReviewSm& review, Route& route) : RouteReactor(route), review_(review) {}
 
 RouteSm::~RouteSm() = default;
 
@@ -26,25 +23,55 @@ bool RouteSm::intfCarriesState(const Intf& intf) {
 
 void RouteSm::handleInitialized() {
     handleRouteInitialized();
-    if (intf_.size() == route_->routeIntfSize()) return;
-    for (const auto& [id, intf] : route_->routeIntf()) intf_.update(id, intf.get(), *this);
+}
+
+void RouteSm::handleIntfAttr(Intf& intf, IntfAttr attr) {
+    switch (attr) {
+        case IntfAttr::localMembership:
+        case IntfAttr::localReceiverInclude:
+        case IntfAttr::localReceiverExclude:
+        case IntfAttr::joinState:
+        case IntfAttr::rptState:
+        case IntfAttr::assertInfo:
+            handleIntfChange(intf);
+            break;
+        default:
+            break;
+    }
+}
+
+void RouteSm::handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) {
+    if (umh.frr()) return;
+    switch (attr) {
+        case UmhAttr::rpf:
+            handleRpf();
+            break;
+        case UmhAttr::prevRpf:
+            doUpdateRpfConfig();
+            break;
+        case UmhAttr::rp:
+            handleRp();
+            break;
+        default:
+            break;
+    }
 }
 
 void RouteSm::handleRouteInitialized() {
     if (initialized_) return;
     initialized_ = true;
-    Route& r = *route_;
+    Route& r = *route();
     const auto& key = r.key();
     Status& status = review_.status();
     LocalStatus& ls = review_.localStatus();
     status.groupIs(key.group());
     if (r.isWc()) {
         r.wildCardIs(true);
-        ls.wcRouteIs(key, route_);
+        ls.wcRouteIs(key, Cask::Ptr<Route>(route()));
         status.wcRouteCountIs(status.wcRouteCount() + 1);
     } else {
         status.sourceGroupAdd(key.source(), key.group());
-        ls.sgRouteIs(key, route_);
+        ls.sgRouteIs(key, Cask::Ptr<Route>(route()));
         status.sgRouteCountIs(status.sgRouteCount() + 1);
         ROUTE_SM_TRACE(7,
                        "RouteSm::handleRouteInitialized({}) sgRoute: {} is created in localStatus",
@@ -58,13 +85,14 @@ void RouteSm::handleRouteInitialized() {
 }
 
 void RouteSm::handleIntf(Wirl::IntfId intf) {
-    Route& r = *route_;
+    Route& r = *route();
     Intf* record = r.routeIntfRaw(intf);
-    if (!record && intfHas(intf)) {
+    // Removals are announced only for interfaces the route had, all of
+    // which this reactor watched through the route.
+    if (!record) {
         ROUTE_SM_TRACE(6, "RouteSm::handleIntf({}, {}), interface deleted", r.key(), intf);
         ROUTE_SM_TRACE(7, "RouteSm: Interface {} on route{} deleted", intf, r.key());
     }
-    intf_.update(intf, record, *this);
     if (r.routeIntfSize() != 0) return;
     ROUTE_SM_TRACE(7, "RouteSm: no interface in  route{}, flags: {}", r.key(), r.routeFlagsStr());
     if (!r.wildCard() || r.markedForDeletion()) return;
@@ -75,7 +103,7 @@ void RouteSm::handleIntf(Wirl::IntfId intf) {
 }
 
 void RouteSm::handleRouteFlags() {
-    Route& r = *route_;
+    Route& r = *route();
     LocalStatus& ls = review_.localStatus();
     if (r.markedForDeletion()) {
         ls.changeSet()->routesMarkedForDeletionIs(true);
@@ -87,8 +115,8 @@ void RouteSm::handleRouteFlags() {
 }
 
 void RouteSm::updateUmhFrr() {
-    const Route& r = *route_;
-    switch (review_.doUpdateUmhFrr(*route_)) {
+    const Route& r = *route();
+    switch (review_.doUpdateUmhFrr(*route())) {
         case RouteReviewSm::UmhFrrChange::created:
             ROUTE_SM_TRACE(6, "RouteSm::updateUmhFrr({}): Frr enabled, create umhFrr", r.key());
             break;
@@ -102,7 +130,7 @@ void RouteSm::updateUmhFrr() {
 
 void RouteSm::doUpdateRpfConfig() {
     if (!initialized_) return;
-    const Route& r = *route_;
+    const Route& r = *route();
     const UpstreamInfo& umh = *r.umh();
     Routing::Pim::RpfConfigInfo info;
     info.key = r.key();
@@ -118,13 +146,13 @@ void RouteSm::handleIntfChange(Intf& intf) {
         intf.toBeDeletedIs(false);
         ROUTE_SM_TRACE(6,
                        "RouteSm::handleIntfChange(), resetting marked for deletion: {} on route{}",
-                       intf.intfId(), route_->key());
+                       intf.intfId(), route()->key());
         return;
     }
     if (intf.toBeDeleted() || review_.preserveRouteIntf()) return;
     intf.toBeDeletedIs(true);
     ROUTE_SM_TRACE(6, "RouteSm::handleIntfChange(), marking interface for deletion: {} on route{}",
-                   intf.intfId(), route_->key());
+                   intf.intfId(), route()->key());
     review_.localStatus().changeSet()->intfChangeIs(intf.intfId());
     review_.doUpdateReviewTimer();
 }
@@ -132,7 +160,7 @@ void RouteSm::handleIntfChange(Intf& intf) {
 void RouteSm::handleDelete() {
     if (!initialized_) return;
     initialized_ = false;
-    Route& r = *route_;
+    Route& r = *route();
     const auto key = r.key();
     Status& status = review_.status();
     LocalStatus& ls = review_.localStatus();
@@ -152,9 +180,6 @@ void RouteSm::handleDelete() {
         status.sourceGroupRemove(key.source(), key.group());
     }
     ls.toBeDeletedRouteDel(key);
-    intf_.clear();
-    upstream_.notifierIs(nullptr);
-    notifierIs(nullptr);
 }
 
 RouteSm* routeSmFactory(RouteReviewSm& review, const Cask::Ptr<Route>& route) {

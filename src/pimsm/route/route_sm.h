@@ -38,41 +38,17 @@ public:
     using std::logic_error::logic_error;
 };
 
-class RouteSm : public Route::Notifiee {
+class RouteSm : public RouteReactor {
 public:
-    // Watches one interface record of the route.
-    class IntfSm : public Intf::Notifiee {
-    public:
-        IntfSm(RouteSm& owner, Intf& intf) : Intf::Notifiee(&intf), owner_(owner) {}
-        Wirl::IntfId reactorKey() const { return notifier()->intfId(); }
-        const Intf* reactorRecord() const { return notifier(); }
-        void handleLocalMembership() override { changed(); }
-        void handleLocalReceiverInclude() override { changed(); }
-        void handleLocalReceiverExclude() override { changed(); }
-        void handleJoinState() override { changed(); }
-        void handleRptState() override { changed(); }
-        void handleAssertInfo() override { changed(); }
-
-    private:
-        void changed() { owner_.handleIntfChange(*notifier()); }
-        RouteSm& owner_;
-    };
-
     RouteSm(RouteReviewSm& review, Route& route);
     ~RouteSm() override;
     RouteSm(const RouteSm&) = delete;
     RouteSm& operator=(const RouteSm&) = delete;
 
-    Route* route() const { return route_.get(); }
-    const Routing::Pim::RouteKey& reactorKey() const { return route_->key(); }
-    const Route* reactorRecord() const { return route_.get(); }
+    Route* route() const { return notifier(); }
     RouteReviewSm& routeReviewSm() const { return review_; }
     // The route is registered (set by the first `handleInitialized`).
     bool initialized() const { return initialized_; }
-
-    // The interface watchers, one per interface of the route.
-    std::size_t intfSize() const { return intf_.size(); }
-    bool intfHas(Wirl::IntfId i) const { return intf_.has(i); }
 
     // An interface record keeps itself while any of these holds: local
     // membership or an include / exclude receiver, a downstream join state
@@ -82,12 +58,15 @@ public:
     static bool intfCarriesState(const Intf& intf);
 
     // Reactor created, or the route's `initialized` flag changed: registers
-    // the route once and creates the interface watchers.
+    // the route once.
     void handleInitialized() override;
     void handleRouteInitialized();
     void handleRouteIntf(Wirl::IntfId intf) override { handleIntf(intf); }
     void handleIntf(Wirl::IntfId intf);
     void handleRouteFlags() override;
+    // The route's interfaces and upstream, through the route.
+    void handleIntfAttr(Intf& intf, IntfAttr attr) override;
+    void handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) override;
     void handleRpf() { doUpdateRpfConfig(); }
     void handleRp() { doUpdateRpfConfig(); }
     void updateUmhFrr();
@@ -97,21 +76,7 @@ public:
     void handleDelete();
 
 private:
-    class UpstreamSm : public UpstreamInfo::Notifiee {
-    public:
-        explicit UpstreamSm(RouteSm& owner) : owner_(owner) {}
-        void handleRpf() override { owner_.handleRpf(); }
-        void handlePrevRpf() override { owner_.doUpdateRpfConfig(); }
-        void handleRp() override { owner_.handleRp(); }
-
-    private:
-        RouteSm& owner_;
-    };
-
-    Cask::Ptr<Route> route_;
     RouteReviewSm& review_;
-    UpstreamSm upstream_{*this};
-    Cask::ReactorMap<Wirl::IntfId, IntfSm, Cask::SmallIndex> intf_;
     bool initialized_ = false;
 };
 

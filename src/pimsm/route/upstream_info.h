@@ -5,8 +5,9 @@
 // state. A route owns one (`umh`) and, while fast failover is enabled for
 // it, a second one for the backup path (`umhFrr`, with `frr` set).
 //
-// The upstream machines watch it: a change of `rpf` is how they learn that
-// RPF' moved (`handleRpf`).
+// Every change is passed on to the route's watchers too
+// (`Route::Notifiee::handleUmhAttr`), so the machines watch the route only:
+// a change of `rpf` is how they learn that RPF' moved.
 
 #include "cask/collection.h"
 #include "pimsm/route/route_types.h"
@@ -15,6 +16,26 @@
 namespace Routing::Pim::SparseMode {
 
 class Route;
+
+// The attributes of an UpstreamInfo, as its route passes them on.
+enum class UmhAttr : std::uint8_t {
+    rpf,
+    prevRpf,
+    mbrIif,
+    rpfAttached,
+    rp,
+    upRptState,
+};
+
+#define PIMSM_UMH_ATTR(Type, name, Name)                         \
+    const Type& name() const {                                   \
+        return name##_;                                          \
+    }                                                            \
+    void name##Is(const Type& v) {                               \
+        if (name##_ == v) return;                                \
+        name##_ = v;                                             \
+        notifyWithRoute(&Notifiee::handle##Name, UmhAttr::name); \
+    }
 
 class UpstreamInfo : public Cask::Record<UpstreamInfo> {
 public:
@@ -34,14 +55,32 @@ public:
     Route* route() const { return route_; }
     bool frr() const { return frr_; }
 
-    CASK_ATTR(Routing::Pim::Rpf, rpf, Rpf)
-    CASK_ATTR(Routing::Pim::Rpf, prevRpf, PrevRpf)
+    const Routing::Pim::Rpf& rpf() const { return rpf_; }
+    // Sets RPF', remembering where it pointed before (`formerRpf`).
+    void rpfIs(const Routing::Pim::Rpf& v) {
+        if (rpf_ == v) return;
+        formerRpfIntf_ = rpf_.intf;
+        formerRpfNeighbor_ = rpf_.neighbor;
+        rpf_ = v;
+        notifyWithRoute(&Notifiee::handleRpf, UmhAttr::rpf);
+    }
+    // RPF' before its last change, interface and neighbour only: where the
+    // route's join went until then, and so the neighbour that the upstream
+    // (*,G) machine leaves when RPF' moves. Kept here because it describes
+    // the route's upstream, not one machine's view of it.
+    Routing::Pim::Rpf formerRpf() const {
+        Routing::Pim::Rpf r;
+        r.intf = formerRpfIntf_;
+        r.neighbor = formerRpfNeighbor_;
+        return r;
+    }
+    PIMSM_UMH_ATTR(Routing::Pim::Rpf, prevRpf, PrevRpf)
     // The incoming multicast border interface, if any.
-    CASK_ATTR(Wirl::IntfId, mbrIif, MbrIif)
+    PIMSM_UMH_ATTR(Wirl::IntfId, mbrIif, MbrIif)
     // The source (or the RP, for a (*,G) route) is directly connected.
-    CASK_ATTR(bool, rpfAttached, RpfAttached)
+    PIMSM_UMH_ATTR(bool, rpfAttached, RpfAttached)
     // The RP of the group, as last resolved.
-    CASK_ATTR(Wirl::IpGenAddr, rp, Rp)
+    PIMSM_UMH_ATTR(Wirl::IpGenAddr, rp, Rp)
     UpRptState upRptState() const { return upRptState_; }
     UpRptState prevRptState() const { return prevRptState_; }
 
@@ -54,6 +93,10 @@ public:
 
 private:
     friend class Route;
+    // Tells this record's watchers, then (while the route still holds this
+    // record as `umh` or `umhFrr`) the route's through `handleUmhAttr`.
+    void notifyWithRoute(void (Notifiee::*handler)(), UmhAttr attr);
+
     Route* route_;
     bool frr_;
     bool rpfAttached_ = false;
@@ -63,6 +106,10 @@ private:
     Routing::Pim::Rpf prevRpf_;
     Wirl::IntfId mbrIif_;
     Wirl::IpGenAddr rp_;
+    Wirl::IntfId formerRpfIntf_;
+    Wirl::IpGenAddr formerRpfNeighbor_;
 };
+
+#undef PIMSM_UMH_ATTR
 
 }  // namespace Routing::Pim::SparseMode

@@ -15,8 +15,8 @@
 //
 // It writes contents only: the packet side owns the periodic, triggered,
 // override and suppression timers. One per VRF and address family, with one
-// `RhoRoute` per route of `LocalStatus.wcRoute` and one `RhoIntf` per
-// interface of that route.
+// `RhoRoute` per route of `LocalStatus.wcRoute`, which hears the route's
+// interfaces and upstream through the route.
 
 #include <memory>
 #include <unordered_map>
@@ -45,36 +45,17 @@ public:
         virtual void handleInitialized() {}
     };
 
-    class RhoRoute;
-
-    // Keeps the forwarding bits and the join decision of one interface.
-    class RhoIntf : public Intf::Notifiee {
-    public:
-        RhoIntf(RhoRoute& owner, Intf& intf) : Intf::Notifiee(&intf), owner_(owner) {}
-        Wirl::IntfId reactorKey() const { return notifier()->intfId(); }
-        const Intf* reactorRecord() const { return notifier(); }
-        void handleLocalMembership() override { changed(false); }
-        void handleLocalReceiverInclude() override { changed(false); }
-        void handleJoinState() override { changed(false); }
-        void handleAssertInfo() override { changed(true); }
-        void handleChangeFlags() override { changed(false); }
-
-    private:
-        void changed(bool assertChanged);
-        RhoRoute& owner_;
-    };
-
-    class RhoRoute : public Route::Notifiee {
+    // Keeps the forwarding bits and the join decision of one route and of
+    // its interfaces, whose changes reach it through the route.
+    class RhoRoute : public RouteReactor {
     public:
         RhoRoute(UpstreamWcSm& sm, Route& route);
         ~RhoRoute() override;
         RhoRoute(const RhoRoute&) = delete;
         RhoRoute& operator=(const RhoRoute&) = delete;
 
-        Route& route() const { return *route_; }
+        Route& route() const { return *notifier(); }
         UpstreamWcSm& sm() const { return sm_; }
-        const Routing::Pim::RouteKey& reactorKey() const { return route_->key(); }
-        const Route* reactorRecord() const { return route_.get(); }
 
         // Reactor created: takes up the route's interfaces and join state.
         void handleRouteInit();
@@ -84,29 +65,15 @@ public:
         void handleChangeFlags() override;
         void handleRouteIntf(Wirl::IntfId intf) override { handleIntf(intf); }
         void handleUmhFrr() override;
+        void handleIntfAttr(Intf& intf, IntfAttr attr) override;
+        void handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) override;
         void handleIntf(Wirl::IntfId intf);
         void handleIntfChange(Wirl::IntfId intf, bool assertChanged);
         // The route left `wcRoute`: withdraws a join still written for it.
         void handleDelete();
 
-        std::size_t intfSize() const { return intf_.size(); }
-
     private:
-        class UpstreamWatcher : public UpstreamInfo::Notifiee {
-        public:
-            explicit UpstreamWatcher(RhoRoute& owner) : owner_(owner) {}
-            void handleRpf() override { owner_.handleRpf(); }
-
-        private:
-            RhoRoute& owner_;
-        };
-
         UpstreamWcSm& sm_;
-        Cask::Ptr<Route> route_;
-        // The RPF' this reactor last acted on: where its join went.
-        Routing::Pim::Rpf lastRpf_;
-        UpstreamWatcher upstream_{*this};
-        Cask::ReactorMap<Wirl::IntfId, RhoIntf, Cask::SmallIndex> intf_;
     };
 
     // Reads from the context: localStatus, pimStatus and joinPruneStatus

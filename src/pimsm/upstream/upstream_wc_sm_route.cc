@@ -12,20 +12,32 @@ using Routing::Pim::Rpf;
 #define RHO_TRACE(lvl, f, ...) \
     CASK_TRACE(lvl, "<Vrf:{}>" f, sm_.vrfName() __VA_OPT__(, ) __VA_ARGS__)
 
-void UpstreamWcSm::RhoIntf::changed(bool assertChanged) {
-    owner_.handleIntfChange(notifier()->intfId(), assertChanged);
-}
-
-UpstreamWcSm::RhoRoute::RhoRoute(UpstreamWcSm& sm, Route& route)
-    : Route::Notifiee(&route), sm_(sm), route_(&route), lastRpf_(route_->rpf()) {
-    upstream_.notifierIs(route_->umh());
-}
+UpstreamWcSm::RhoRoute::RhoRoute(UpstreamWcSm& sm, Route& route) : RouteReactor(route), sm_(sm) {}
 
 UpstreamWcSm::RhoRoute::~RhoRoute() = default;
 
+void UpstreamWcSm::RhoRoute::handleIntfAttr(Intf& intf, IntfAttr attr) {
+    switch (attr) {
+        case IntfAttr::localMembership:
+        case IntfAttr::localReceiverInclude:
+        case IntfAttr::joinState:
+        case IntfAttr::changeFlags:
+            handleIntfChange(intf.intfId(), false);
+            break;
+        case IntfAttr::assertInfo:
+            handleIntfChange(intf.intfId(), true);
+            break;
+        default:
+            break;
+    }
+}
+
+void UpstreamWcSm::RhoRoute::handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) {
+    if (attr == UmhAttr::rpf && !umh.frr()) handleRpf();
+}
+
 void UpstreamWcSm::RhoRoute::handleRouteInit() {
-    Route& r = *route_;
-    for (const auto& [id, intf] : r.routeIntf()) intf_.update(id, intf.get(), *this);
+    Route& r = route();
     for (const auto& [id, intf] : r.routeIntf()) {
         sm_.doMaybeSetForwardBit(id, r);
         sm_.doMaybeSetFastForwardBit(id, r);
@@ -40,7 +52,7 @@ void UpstreamWcSm::RhoRoute::handleRouteInit() {
 }
 
 void UpstreamWcSm::RhoRoute::handleRpf() {
-    Route& r = *route_;
+    Route& r = route();
     const RouteKey key = r.key();
     const Rpf rpf = r.rpf();
     RHO_TRACE(6, "UpstreamWcSm::handleRpf({}) rpf: {}", key, rpf.str());
@@ -51,7 +63,8 @@ void UpstreamWcSm::RhoRoute::handleRpf() {
     // The neighbour to leave: the one an incoming-interface switch holds,
     // else the one this route's join went to until now. While a switch is
     // under way the old neighbour keeps the join until the switch ends.
-    const Rpf prev = r.prevRpf().hasNeighbor() ? r.prevRpf() : lastRpf_;
+    const Rpf former = r.umh()->formerRpf();
+    const Rpf prev = r.prevRpf().hasNeighbor() ? r.prevRpf() : former;
     const bool held = r.prevRpf().hasNeighbor();
     if (prev.hasNeighbor() && !sameNeighbor(prev, rpf) &&
         (held || (!r.iifSwitching() && sm_.joinWrittenAt(prev, key.group())))) {
@@ -59,8 +72,7 @@ void UpstreamWcSm::RhoRoute::handleRpf() {
                   prev.neighbor, prev.intf);
         sm_.doPrevRpfNeighborCleanup(key, prev);
     }
-    const Wirl::IntfId oldIif = lastRpf_.intf;
-    lastRpf_ = rpf;
+    const Wirl::IntfId oldIif = former.intf;
     for (Wirl::IntfId id : {oldIif, rpf.intf}) {
         if (id.isNull()) continue;
         sm_.doMaybeSetForwardBit(id, r);
@@ -70,7 +82,7 @@ void UpstreamWcSm::RhoRoute::handleRpf() {
 
 void UpstreamWcSm::RhoRoute::handleChangeFlags() {
     using Bit = ChangeFlags::Bit;
-    Route& r = *route_;
+    Route& r = route();
     const ChangeFlags flags = r.changeFlags();
     if (flags.empty()) return;  // the review clearing them
     const RouteKey key = r.key();
@@ -115,19 +127,19 @@ void UpstreamWcSm::RhoRoute::handleChangeFlags() {
 }
 
 void UpstreamWcSm::RhoRoute::handleUmhFrr() {
-    for (const auto& [id, intf] : route_->routeIntf()) sm_.doMaybeSetFastForwardBit(id, *route_);
+    Route& r = route();
+    for (const auto& [id, intf] : r.routeIntf()) sm_.doMaybeSetFastForwardBit(id, r);
 }
 
 void UpstreamWcSm::RhoRoute::handleIntf(Wirl::IntfId id) {
-    Route& r = *route_;
-    intf_.update(id, r.routeIntfRaw(id), *this);
+    Route& r = route();
     sm_.doMaybeSetForwardBit(id, r);
     sm_.doMaybeSetFastForwardBit(id, r);
     sm_.doEvalJoinDesiredWc(r);
 }
 
 void UpstreamWcSm::RhoRoute::handleIntfChange(Wirl::IntfId id, bool assertChanged) {
-    Route& r = *route_;
+    Route& r = route();
     sm_.doMaybeSetForwardBit(id, r);
     sm_.doMaybeSetFastForwardBit(id, r);
     // Losing or ending an assert on the RPF interface moves RPF'.
@@ -136,7 +148,7 @@ void UpstreamWcSm::RhoRoute::handleIntfChange(Wirl::IntfId id, bool assertChange
 }
 
 void UpstreamWcSm::RhoRoute::handleDelete() {
-    Route& r = *route_;
+    Route& r = route();
     RHO_TRACE(6, "UpstreamWcSm::handleDelete({})", r.key());
     if (r.upJoinState() == UpJoinState::upJoined) sm_.doPrevRpfNeighborCleanup(r.key(), r.rpf());
 }
