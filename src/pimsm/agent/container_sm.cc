@@ -56,7 +56,7 @@ std::string ContainerSm::tidalPath(const char* table) const {
 
 // The one place that says what a VRF is made of, in the order it is made.
 void ContainerSm::handleInitialized() {
-    CASK_TRACE(6, "<Vrf:{}>ContainerSm::handleInitialized()", vrf_);
+    CASK_VRF_TRACE(6, vrf_, "ContainerSm::handleInitialized()");
     auto& db = pc_.db;
 
     // The VRF's route status, linked to its PIM interface status; the

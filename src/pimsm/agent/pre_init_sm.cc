@@ -33,12 +33,12 @@ void StaticRpCandidateSm::handleRp(const Wirl::IpGenPrefix& groups) {
     const Wirl::IpGenAddr rp = config->rp(groups);
     if (!valid(groups, rp)) {
         ++invalidMappings_;
-        CASK_TRACE(4, "<Vrf:{}>StaticRpCandidateSm::handleRp( {} ), ignoring invalid RP {}", vrf_,
-                   groups, rp);
+        CASK_VRF_TRACE(4, vrf_, "StaticRpCandidateSm::handleRp( {} ), ignoring invalid RP {}",
+                       groups, rp);
         status_->rpDel(groups);
         return;
     }
-    CASK_TRACE(7, "<Vrf:{}>StaticRpCandidateSm::handleRp( {} ), RP {}", vrf_, groups, rp);
+    CASK_VRF_TRACE(7, vrf_, "StaticRpCandidateSm::handleRp( {} ), RP {}", groups, rp);
     status_->rpIs(groups, rp);
 }
 

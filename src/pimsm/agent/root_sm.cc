@@ -103,7 +103,7 @@ void RootSm::doUpdateWatchers(const Vrf& vrf) {
 }
 
 void RootSm::handleVrf(const Vrf& vrf) {
-    CASK_TRACE(6, "<Vrf:{}>RootSm::handleVrf( {} )", vrf, vrf);
+    CASK_VRF_TRACE(6, vrf, "RootSm::handleVrf( {} )", vrf);
     doUpdateWatchers(vrf);
     doMaybeNsfRestart(vrf);
     if (!db().vrfStatusLocalHas(vrf)) {
@@ -128,8 +128,8 @@ void RootSm::handleVrf(const Vrf& vrf) {
 
 bool RootSm::checkPreInitMounts(const Vrf& vrf) {
     if (db().staticRpConfigHas(vrf)) return true;
-    CASK_TRACE(7, "<Vrf:{}>RootSm::checkPreInitMounts( {} ), vrf missing in Static Rp Config", vrf,
-               vrf);
+    CASK_VRF_TRACE(7, vrf, "RootSm::checkPreInitMounts( {} ), vrf missing in Static Rp Config",
+                   vrf);
     return false;
 }
 
@@ -157,21 +157,21 @@ bool RootSm::checkMounts(const Vrf& vrf) {
     };
     for (const auto& [ok, reason] : tests) {
         if (!ok) {
-            CASK_TRACE(7, "<Vrf:{}>RootSm::checkMounts( {}{}", vrf, vrf, reason);
+            CASK_VRF_TRACE(7, vrf, "RootSm::checkMounts( {}{}", vrf, reason);
             return false;
         }
     }
-    CASK_TRACE(7, "<Vrf:{}>RootSm::checkMounts( {} ), all mounts found", vrf, vrf);
+    CASK_VRF_TRACE(7, vrf, "RootSm::checkMounts( {} ), all mounts found", vrf);
     return true;
 }
 
 void RootSm::handlePimEnabled(const Vrf& vrf) {
     if (containerSmHas(vrf)) {
-        CASK_TRACE(8, "<Vrf:{}>RootSm::handlePimEnabled(), Container already exists", vrf);
+        CASK_VRF_TRACE(8, vrf, "RootSm::handlePimEnabled(), Container already exists");
         return;
     }
     auto& db = pc_->db;
-    CASK_TRACE(4, "<Vrf:{}>RootSm::handlePimEnabled(), creating container", vrf);
+    CASK_VRF_TRACE(4, vrf, "RootSm::handlePimEnabled(), creating container");
     if (!vrf.isDefault()) {
         const Wirl::NamespaceName ns = db.vrfStatusLocal(vrf)->networkNamespace();
         namespaceNameIs(vrf, ns);
@@ -189,7 +189,7 @@ void RootSm::handlePimEnabled(const Vrf& vrf) {
 void RootSm::handlePimDisabled(const Vrf& vrf) {
     if (!containerSmHas(vrf)) return;
     auto& db = pc_->db;
-    CASK_TRACE(4, "<Vrf:{}>RootSm::handlePimDisabled(), removing container", vrf);
+    CASK_VRF_TRACE(4, vrf, "RootSm::handlePimDisabled(), removing container");
     containerSmDel(vrf);
     if (!vrf.isDefault()) {
         if (kernelVrfIntfStatusDirHas(vrf)) db.mountDel(kernelVrfIntfStatusDir(vrf));
@@ -229,64 +229,62 @@ void RootSm::doUnmounts(const Vrf& vrf) {
 void RootSm::handleFibReady(const Vrf& vrf) {
     auto nsf = db().nsfStatus(vrf);
     if (!containerSmHas(vrf)) {
-        CASK_TRACE(7, "<Vrf:{}>RootSm::handleFibReady( {} ), Container not started", vrf, vrf);
+        CASK_VRF_TRACE(7, vrf, "RootSm::handleFibReady( {} ), Container not started", vrf);
         return;
     }
     if (!nsf || !nsfRestartingVrfHas(vrf)) {
-        CASK_TRACE(7, "<Vrf:{}>RootSm::handleFibReady( {} ), NSF recovery not running", vrf, vrf);
+        CASK_VRF_TRACE(7, vrf, "RootSm::handleFibReady( {} ), NSF recovery not running", vrf);
         return;
     }
-    CASK_TRACE(4, "<Vrf:{}>FibReady for {} is {}", vrf, vrf, db().fibReady(vrf));
+    CASK_VRF_TRACE(4, vrf, "FibReady for {} is {}", vrf, db().fibReady(vrf));
     // Handing the flag to the VRF's recovered-route machine completes this
     // step; that machine does not exist yet, so recovery waits here.
 }
 
 void RootSm::doNsfInit() {
     for (const auto& [vrf, nsf] : db().nsfStatus()) {
-        CASK_TRACE(
-            4, "<Vrf:{}>NSF restart status on VRF {}, requested: {}, routes: {} PIM enabled: {}",
-            vrf, vrf, nsf->restartRequested(), nsf->routes(), nsf->pimEnabled());
+        CASK_VRF_TRACE(4, vrf,
+                       "NSF restart status on VRF {}, requested: {}, routes: {} PIM enabled: {}",
+                       vrf, nsf->restartRequested(), nsf->routes(), nsf->pimEnabled());
         if (nsf->restartRequested()) nsfRestartingVrfIs(vrf);
     }
 }
 
 void RootSm::doMaybeNsfRestart(const Vrf& vrf) {
     auto& db = pc_->db;
-    CASK_TRACE(6, "<Vrf:{}>RootSm::doMaybeNsfRestart( vrfName {}", vrf, vrf);
+    CASK_VRF_TRACE(6, vrf, "RootSm::doMaybeNsfRestart( vrfName {}", vrf);
     auto nsf = db.nsfStatus(vrf);
     if (!nsfRestartingVrfHas(vrf)) {
         if (!nsf) return;
         if (nsf->restartRequested()) {
-            CASK_TRACE(7, "<Vrf:{}>NSF restart not needed for {}", vrf, vrf);
+            CASK_VRF_TRACE(7, vrf, "NSF restart not needed for {}", vrf);
         } else {
-            CASK_TRACE(7, "<Vrf:{}>Normal restart for {}. MfibReady: true", vrf, vrf);
+            CASK_VRF_TRACE(7, vrf, "Normal restart for {}. MfibReady: true", vrf);
         }
         return;
     }
     if (!nsf) {
-        CASK_TRACE(4, "<Vrf:{}>RootSm::doMaybeNsfRestart( {} ), NSF restart status deleted.", vrf,
-                   vrf);
+        CASK_VRF_TRACE(4, vrf, "RootSm::doMaybeNsfRestart( {} ), NSF restart status deleted.", vrf);
         nsfRestartingVrfDel(vrf);
         return;
     }
     if (!nsf->pimEnabled()) {
-        CASK_TRACE(4,
-                   "<Vrf:{}>RootSm::doMaybeNsfRestart( {} ), NSF restart status deleted due to Pim "
-                   "disabled",
-                   vrf, vrf);
-        CASK_TRACE(4, "<Vrf:{}>PIM disabled for {}. NSF restart disabled.", vrf, vrf);
+        CASK_VRF_TRACE(4, vrf,
+                       "RootSm::doMaybeNsfRestart( {} ), NSF restart status deleted due to Pim "
+                       "disabled",
+                       vrf);
+        CASK_VRF_TRACE(4, vrf, "PIM disabled for {}. NSF restart disabled.", vrf);
         nsfRestartingVrfDel(vrf);
         return;
     }
     if (nsf->routeRecoveryComplete()) {
-        CASK_TRACE(4, "<Vrf:{}>RootSm::doMaybeNsfRestart( {} ), NSF restart completed", vrf, vrf);
-        CASK_TRACE(4, "<Vrf:{}>NSF restart completed for {}", vrf, vrf);
+        CASK_VRF_TRACE(4, vrf, "RootSm::doMaybeNsfRestart( {} ), NSF restart completed", vrf);
+        CASK_VRF_TRACE(4, vrf, "NSF restart completed for {}", vrf);
         nsfRestartingVrfDel(vrf);
         return;
     }
-    CASK_TRACE(4, "<Vrf:{}>RootSm::doMaybeNsfRestart( {} ), NSF restart initiated", vrf, vrf);
-    CASK_TRACE(4, "<Vrf:{}>NSF restart initiated for {}. MfibReady: {}", vrf, vrf,
-               db.fibReady(vrf));
+    CASK_VRF_TRACE(4, vrf, "RootSm::doMaybeNsfRestart( {} ), NSF restart initiated", vrf);
+    CASK_VRF_TRACE(4, vrf, "NSF restart initiated for {}. MfibReady: {}", vrf, db.fibReady(vrf));
 }
 
 Cask::Ptr<RootSm> rootSmFactory(Platform::StateDb& db, Wirl::AddressFamily family,

@@ -28,8 +28,8 @@ bool inOwnOlist(const Route& route, const Intf& intf) {
 }  // namespace
 
 TMF::OifIndex addTidalRouteOif(MfibSm& mfibSm, TMF::Route& route, Wirl::IntfId intfId) {
-    CASK_TRACE(8, "<Vrf:{}>MfibSm::addTidalRouteOif(): Adding Oif {} route {}", mfibSm.vrfName(),
-               intfId, route.key());
+    CASK_VRF_TRACE(8, mfibSm.vrfName(), "MfibSm::addTidalRouteOif(): Adding Oif {} route {}",
+                   intfId, route.key());
     CASK_ASSERT(!intfId.isNull(), "intfId");
     CASK_ASSERT(intfId != Wirl::IntfId::register0() && intfId != Wirl::IntfId::null0(),
                 "intfId != registerIntfId && intfId != null0IntfId");
@@ -45,8 +45,9 @@ TMF::OifIndex addTidalRouteOif(MfibSm& mfibSm, TMF::Route& route, Wirl::IntfId i
     CASK_ASSERT(oifIndex != TMF::OifIndex(), "oifIndex != TMF::OifIndex()");
     if (route.oif(oifIndex)) return TMF::OifIndex();
     route.oifIs(oifIndex, true);
-    CASK_TRACE(8, "<Vrf:{}>MfibSm::addTidalRouteOif(): Set oif {} in route {} to true",
-               mfibSm.vrfName(), oifIndex, route.key());
+    CASK_VRF_TRACE(8, mfibSm.vrfName(),
+                   "MfibSm::addTidalRouteOif(): Set oif {} in route {} to true", oifIndex,
+                   route.key());
     if (route.highestOifIndex().isNull() || oifIndex > route.highestOifIndex()) {
         route.highestOifIndexIs(oifIndex);
     }
@@ -59,8 +60,8 @@ TMF::OifIndex delTidalRouteOif(MfibSm& mfibSm, TMF::Route& route, Wirl::IntfId i
                 "intfId != null0IntfId && intfId != registerIntfId");
     const TMF::OifIndex oifIndex = mfibSm.intfOifIndex(intfId);
     if (oifIndex.isNull()) {
-        CASK_TRACE(8, "<Vrf:{}>MfibSm::delTidalRouteOif(): No IntfOifIndex mapping for: {}",
-                   mfibSm.vrfName(), intfId);
+        CASK_VRF_TRACE(8, mfibSm.vrfName(),
+                       "MfibSm::delTidalRouteOif(): No IntfOifIndex mapping for: {}", intfId);
         return TMF::OifIndex();
     }
     CASK_ASSERT(oifIndex != TMF::OifIndex(), "oifIndex != TMF::OifIndex()");
@@ -137,8 +138,8 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
     // The backup incoming interface of fast failover.
     if (const UpstreamInfo* frr = route.umhFrr(); frr && frr->rpf().resolved()) {
         tmpRoute.iifFrrIs(frr->iif());
-        CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Update tidal route with iifFrr {}", vrf,
-                   key, frr->iif());
+        CASK_VRF_TRACE(8, vrf, "MfibSm::handleRoute({}): Update tidal route with iifFrr {}", key,
+                       frr->iif());
     }
     // The stored flag word is the starting point of every flag below.
     const TMF::Route* stored = sm_.mfibTidal().route(tmpRoute.key());
@@ -156,21 +157,20 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
     if (wc) {
         for (const auto& [id, intf] : wc->routeIntf()) {
             if (incoming(id) || isPseudoIntf(id) || !intf->immediateOlistWc()) continue;
-            CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Add inherited interface {}", vrf, key,
-                       id);
+            CASK_VRF_TRACE(8, vrf, "MfibSm::handleRoute({}): Add inherited interface {}", key, id);
             addTidalRouteOif(sm_, tmpRoute, id);
         }
         notifyProgrammable = sm_.isProgrammableRoute(wc->key());
         if (notifyProgrammable) {
-            CASK_TRACE(8,
-                       "<Vrf:{}>MfibSm::handleRoute(): wcRoute is programmable.            "
-                       "Setting notifyProgrammable to true for {}",
-                       vrf, key);
+            CASK_VRF_TRACE(8, vrf,
+                           "MfibSm::handleRoute(): wcRoute is programmable.            "
+                           "Setting notifyProgrammable to true for {}",
+                           key);
         } else {
-            CASK_TRACE(8,
-                       "<Vrf:{}>MfibSm::handleRoute(): wcRoute is not programmable.            "
-                       "Setting notifyProgrammable to false for {}",
-                       vrf, key);
+            CASK_VRF_TRACE(8, vrf,
+                           "MfibSm::handleRoute(): wcRoute is not programmable.            "
+                           "Setting notifyProgrammable to false for {}",
+                           key);
         }
     }
     auto setFlag = [&flags](TMF::Route::Flag f, bool on) {
@@ -180,20 +180,20 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
     // The route's own outgoing interfaces.
     for (const auto& [id, intf] : route.routeIntf()) {
         if (isPseudoIntf(id) || incoming(id) || !inOwnOlist(route, *intf)) continue;
-        CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Add interface to oif set {}", vrf, key, id);
+        CASK_VRF_TRACE(8, vrf, "MfibSm::handleRoute({}): Add interface to oif set {}", key, id);
         addTidalRouteOif(sm_, tmpRoute, id);
     }
     // During a switch, arrivals on the new interface are reported.
     if (!switchTarget.isNull()) {
         tmpRoute.notifyIs(switchTarget);
-        CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): In iifSwitching state, set notify intf {}",
-                   vrf, key, switchTarget);
+        CASK_VRF_TRACE(8, vrf, "MfibSm::handleRoute({}): In iifSwitching state, set notify intf {}",
+                       key, switchTarget);
     }
     // Data reaching an RP only through registers before the source tree
     // is up need not be in the kernel.
     const bool skipKernel = iif == Wirl::IntfId::register0() && !route.isWc() && !route.spTree();
     if (skipKernel) {
-        CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Skip Programming Kernel is True", vrf, key);
+        CASK_VRF_TRACE(8, vrf, "MfibSm::handleRoute({}): Skip Programming Kernel is True", key);
     }
     setFlag(TMF::Route::skipKernelProgramming, skipKernel);
     // Once the group's shared tree is joined, packets of this source still
@@ -201,10 +201,9 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
     if (wc && !route.isWc() && wc->upJoinState() == UpJoinState::upJoined && !wc->iif().isNull() &&
         !isPseudoIntf(wc->iif()) && wc->iif() != iif) {
         tmpRoute.fastdropIs(wc->iif());
-        CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): adding fastdrop on {}", vrf, key,
-                   wc->iif());
+        CASK_VRF_TRACE(8, vrf, "MfibSm::handleRoute({}): adding fastdrop on {}", key, wc->iif());
     } else if (!route.isWc()) {
-        CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): clearing fastdrop", vrf, key);
+        CASK_VRF_TRACE(8, vrf, "MfibSm::handleRoute({}): clearing fastdrop", key);
     }
     // No interface both accepts and forwards: the incoming, switch-target
     // and backup interfaces leave the outgoing set.
@@ -215,8 +214,8 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
         if (tmpRoute.notify() == in) {
             tmpRoute.notifyIs(Wirl::IntfId());
             setFlag(TMF::Route::skipKernelProgramming, false);
-            CASK_TRACE(8, "<Vrf:{}>MfibSm::handleRoute({}): Skip Programming Kernel is False", vrf,
-                       key);
+            CASK_VRF_TRACE(8, vrf, "MfibSm::handleRoute({}): Skip Programming Kernel is False",
+                           key);
         }
     };
     dropIncoming(iif);
@@ -252,8 +251,8 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
 
 void MfibSm::RhoSgRoute::doBuildRecord() {
     ++sm_.builds_;
-    CASK_TRACE(6, "<Vrf:{}>MfibSm::RhoSgRoute::handleRoute({}) rpf: {}", sm_.vrfName(),
-               route()->key(), route()->rpf().str());
+    CASK_VRF_TRACE(6, sm_.vrfName(), "MfibSm::RhoSgRoute::handleRoute({}) rpf: {}", route()->key(),
+                   route()->rpf().str());
     if (!sm_.isProgrammableRoute(route()->key())) {
         sm_.handleDelete(route()->key());
         return;
@@ -263,8 +262,8 @@ void MfibSm::RhoSgRoute::doBuildRecord() {
 
 void MfibSm::RhoWcRoute::doBuildRecord() {
     ++sm_.builds_;
-    CASK_TRACE(6, "<Vrf:{}>MfibSm::RhoWcRoute::handleWcRoute({}) rpf: {}", sm_.vrfName(),
-               route()->key(), route()->rpf().str());
+    CASK_VRF_TRACE(6, sm_.vrfName(), "MfibSm::RhoWcRoute::handleWcRoute({}) rpf: {}",
+                   route()->key(), route()->rpf().str());
     if (!sm_.isProgrammableRoute(route()->key())) {
         sm_.handleDelete(route()->key());
         return;
@@ -274,8 +273,8 @@ void MfibSm::RhoWcRoute::doBuildRecord() {
 
 void MfibSm::RhoWcRoute::handleIntfChanged(Wirl::IntfId intfId) {
     handleRoute();
-    CASK_TRACE(7, "<Vrf:{}>MfibSm::handleInheritedWcIntf({}, {})", sm_.vrfName(), route()->key(),
-               intfId);
+    CASK_VRF_TRACE(7, sm_.vrfName(), "MfibSm::handleInheritedWcIntf({}, {})", route()->key(),
+                   intfId);
     sm_.handleInheritedWcIntf(route()->key());
 }
 

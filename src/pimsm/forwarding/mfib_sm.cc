@@ -6,9 +6,6 @@
 #include "cask/assert.h"
 #include "cask/trace.h"
 
-#define MFIB_TRACE(lvl, text, ...) \
-    CASK_TRACE(lvl, "<Vrf:{}>MfibSm::" text, vrfName_ __VA_OPT__(, ) __VA_ARGS__)
-
 namespace Routing::Pim::SparseMode {
 
 using Routing::Multicast::Fib::convertKey;
@@ -35,10 +32,11 @@ MfibSm::~MfibSm() {
 void MfibSm::handleInit() {
     if (initialized_) return;
     initialized_ = true;
-    MFIB_TRACE(6,
-               "handleInit(): Size --> OifIndexFreePool: {}, IntfOifIndex collection: {}, "
-               "OifIndexIntf collection: {}",
-               oifIndexFreePool_.size(), intfOifIndex_.size(), mfibTidal_->oifIndexIntfSize());
+    CASK_VRF_TRACE(6, vrfName_,
+                   "MfibSm::"
+                   "handleInit(): Size --> OifIndexFreePool: {}, IntfOifIndex collection: {}, "
+                   "OifIndexIntf collection: {}",
+                   oifIndexFreePool_.size(), intfOifIndex_.size(), mfibTidal_->oifIndexIntfSize());
     oifIndexFreePoolInit();
     doRepairStoredRecords();
     // Records of an earlier run: keep those whose route the agent still
@@ -48,8 +46,13 @@ void MfibSm::handleInit() {
         if (!routeHeld(convertKey(key))) stale.push_back(key);
     }
     for (const auto& key : stale) {
-        MFIB_TRACE(4, "handleInit(): Restarting, deleting route {} from the MFIB", key);
-        MFIB_TRACE(7, "handleInit(): Deleting Route");
+        CASK_VRF_TRACE(4, vrfName_,
+                       "MfibSm::"
+                       "handleInit(): Restarting, deleting route {} from the MFIB",
+                       key);
+        CASK_VRF_TRACE(7, vrfName_,
+                       "MfibSm::"
+                       "handleInit(): Deleting Route");
         handleDelete(convertKey(key));
     }
     rhoLocalStatus_.notifierIs(localStatus_.get());
@@ -131,9 +134,10 @@ void MfibSm::oifIndexFreePoolLimitIs(std::uint32_t limit) {
 void MfibSm::oifIndexFreePoolInit() {
     if (oifIndexFreePoolInitialized_) return;
     oifIndexFreePoolInitialized_ = true;
-    MFIB_TRACE(6,
-               "oifIndexFreePoolInit(): Initializing OifIndex Free Pool and IntfOifIndex "
-               "collection ");
+    CASK_VRF_TRACE(6, vrfName_,
+                   "MfibSm::"
+                   "oifIndexFreePoolInit(): Initializing OifIndex Free Pool and IntfOifIndex "
+                   "collection ");
     // A mapping at an index this agent never hands out is not one it made.
     std::vector<TMF::OifIndex> beyond;
     for (const auto& [index, entry] : mfibTidal_->oifIndexIntf()) {
@@ -168,15 +172,19 @@ void MfibSm::oifIndexFreePoolInit() {
         // The forwarding plane already holds this mapping: reuse it.
         intfOifIndex_[entry.intf] = index;
     }
-    MFIB_TRACE(6,
-               "oifIndexFreePoolInit(): Done Initializing. Size -> OifIndexFreePool: {}, "
-               "IntfOifIndex collection: {}",
-               oifIndexFreePool_.size(), intfOifIndex_.size());
+    CASK_VRF_TRACE(6, vrfName_,
+                   "MfibSm::"
+                   "oifIndexFreePoolInit(): Done Initializing. Size -> OifIndexFreePool: {}, "
+                   "IntfOifIndex collection: {}",
+                   oifIndexFreePool_.size(), intfOifIndex_.size());
 }
 
 TMF::OifIndex MfibSm::createOifIndexMapping(Wirl::IntfId intfId) {
     if (oifIndexFreePool_.empty()) {
-        MFIB_TRACE(7, "createOifIndexMapping(): No free OifIndexes available {}", intfId);
+        CASK_VRF_TRACE(7, vrfName_,
+                       "MfibSm::"
+                       "createOifIndexMapping(): No free OifIndexes available {}",
+                       intfId);
         return TMF::OifIndex();
     }
     const TMF::OifIndex index = oifIndexFreePool_.front();
@@ -193,19 +201,21 @@ void MfibSm::doUpdateOifIndexRefCount(const IpGenRouteKey& mfibKey, TMF::OifInde
     CASK_ASSERT(tmpOifIndexIntf.index == oifIndex, "oifIndex != TMF::OifIndex()");
     if (increment) {
         ++tmpOifIndexIntf.refCount;
-        MFIB_TRACE(8,
-                   "doUpdateOifIndexRefCount(): Incrementing ref count intf: {}, oifIndex: {} "
-                   "RefCount: {} route {}",
-                   tmpOifIndexIntf.intf, oifIndex, tmpOifIndexIntf.refCount, mfibKey);
+        CASK_VRF_TRACE(8, vrfName_,
+                       "MfibSm::"
+                       "doUpdateOifIndexRefCount(): Incrementing ref count intf: {}, oifIndex: {} "
+                       "RefCount: {} route {}",
+                       tmpOifIndexIntf.intf, oifIndex, tmpOifIndexIntf.refCount, mfibKey);
         mfibTidal_->oifIndexIntfIs(tmpOifIndexIntf);
         return;
     }
     CASK_ASSERT(tmpOifIndexIntf.refCount, "tmpOifIndexIntf.refCount()");
     --tmpOifIndexIntf.refCount;
-    MFIB_TRACE(8,
-               "doUpdateOifIndexRefCount(): Decrementing ref count intf: {}, oifIndex: {} "
-               "RefCount: {} route {}",
-               tmpOifIndexIntf.intf, oifIndex, tmpOifIndexIntf.refCount, mfibKey);
+    CASK_VRF_TRACE(8, vrfName_,
+                   "MfibSm::"
+                   "doUpdateOifIndexRefCount(): Decrementing ref count intf: {}, oifIndex: {} "
+                   "RefCount: {} route {}",
+                   tmpOifIndexIntf.intf, oifIndex, tmpOifIndexIntf.refCount, mfibKey);
     if (tmpOifIndexIntf.refCount) {
         mfibTidal_->oifIndexIntfIs(tmpOifIndexIntf);
         return;
@@ -214,7 +224,10 @@ void MfibSm::doUpdateOifIndexRefCount(const IpGenRouteKey& mfibKey, TMF::OifInde
 }
 
 void MfibSm::doFreeOifIndex(TMF::OifIndex oifIndex, Wirl::IntfId intfId) {
-    MFIB_TRACE(7, "doUpdateOifIndexRefCount(): Freeing up oifIndex: {} intf: {}", oifIndex, intfId);
+    CASK_VRF_TRACE(7, vrfName_,
+                   "MfibSm::"
+                   "doUpdateOifIndexRefCount(): Freeing up oifIndex: {} intf: {}",
+                   oifIndex, intfId);
     mfibTidal_->oifIndexIntfDel(oifIndex);
     intfOifIndex_.erase(intfId);
     oifIndexFreePool_.push_back(oifIndex);
@@ -250,13 +263,18 @@ void MfibSm::doReleaseUnusedIndexes() {
 
 void MfibSm::doPlaceRouteOnWait(const Routing::Pim::RouteKey& routeKey) {
     if (!waiting_.insert(routeKey).second) return;
-    MFIB_TRACE(7, "doPlaceRouteOnWait(): Adding route key to waitlist: {}", routeKey);
+    CASK_VRF_TRACE(7, vrfName_,
+                   "MfibSm::"
+                   "doPlaceRouteOnWait(): Adding route key to waitlist: {}",
+                   routeKey);
     routeWaitlist_.push_back(routeKey);
 }
 
 void MfibSm::doReviewRouteWaitlist() {
     if (routeWaitlist_.empty()) {
-        MFIB_TRACE(8, "doReviewRouteWaitlist(): No routes to review in waitlist");
+        CASK_VRF_TRACE(8, vrfName_,
+                       "MfibSm::"
+                       "doReviewRouteWaitlist(): No routes to review in waitlist");
         return;
     }
     // Rebuilding a waiting route commits it, and that commit lands here
@@ -270,7 +288,10 @@ void MfibSm::doReviewRouteWaitlist() {
         const Routing::Pim::RouteKey key = routeWaitlist_.front();
         routeWaitlist_.pop_front();
         waiting_.erase(key);
-        MFIB_TRACE(7, "doReviewRouteWaitlist(): Got key {} from waitlist ", key);
+        CASK_VRF_TRACE(7, vrfName_,
+                       "MfibSm::"
+                       "doReviewRouteWaitlist(): Got key {} from waitlist ",
+                       key);
         if (Route* route = localStatus_->route(key)) route->routeChangedInc();
     }
     reviewingWaitlist_ = false;
@@ -281,9 +302,15 @@ void MfibSm::doReviewRouteWaitlist() {
 void MfibSm::doCommitTidalRoute(const TMF::Route& route) {
     if (const TMF::Route* old = mfibTidal_->route(route.key()); old && *old == route) return;
     CASK_ASSERT(route.iif() != Wirl::IntfId(), "route.iif() != Wirl::IntfId()");
-    MFIB_TRACE(8, "doCommitTidalRoute(): iif: {}  notify: {}", route.iif(), route.notify());
+    CASK_VRF_TRACE(8, vrfName_,
+                   "MfibSm::"
+                   "doCommitTidalRoute(): iif: {}  notify: {}",
+                   route.iif(), route.notify());
     if (!route.oifs()) {
-        MFIB_TRACE(7, "doCommitTidalRoute(): Note: No oifs in route {}", route.key());
+        CASK_VRF_TRACE(7, vrfName_,
+                       "MfibSm::"
+                       "doCommitTidalRoute(): Note: No oifs in route {}",
+                       route.key());
     }
     mfibTidal_->routeIs(route);
     if (Cask::trace().on(7)) {
@@ -293,10 +320,10 @@ void MfibSm::doCommitTidalRoute(const TMF::Route& route) {
             if (!firstWord) firstWord = route.oifBitmap(i.value() / 64);
             oifs += fmt::format(" {}", mfibTidal_->oifIndexIntf(i).intf);
         }
-        CASK_TRACE(7,
-                   "<Vrf:{}>Mfib: doCommitTidalRoute(): {} I {} FRR {} N {} F 0x{:x} I 0x{:x} ->{}",
-                   vrfName_, route.key(), route.iif(), route.iifFrr(), route.notify(),
-                   route.routeFlags(), firstWord, oifs);
+        CASK_VRF_TRACE(7, vrfName_,
+                       "Mfib: doCommitTidalRoute(): {} I {} FRR {} N {} F 0x{:x} I 0x{:x} ->{}",
+                       route.key(), route.iif(), route.iifFrr(), route.notify(), route.routeFlags(),
+                       firstWord, oifs);
     }
 }
 
@@ -307,10 +334,15 @@ void MfibSm::handleDelete(const Routing::Pim::RouteKey& routeKey) {
     if (!old) return;
     const bool hadOifs = old->oifs();
     if (hadOifs) {
-        MFIB_TRACE(7, "handleDelete(): Found OIFs. Syncing ref counts before deleting");
+        CASK_VRF_TRACE(7, vrfName_,
+                       "MfibSm::"
+                       "handleDelete(): Found OIFs. Syncing ref counts before deleting");
         doSyncTidalRouteRefCount(TMF::Route(key));
     }
-    MFIB_TRACE(7, "handleDelete(): Deleting route {}", routeKey);
+    CASK_VRF_TRACE(7, vrfName_,
+                   "MfibSm::"
+                   "handleDelete(): Deleting route {}",
+                   routeKey);
     mfibTidal_->routeDel(key);
     // Indexes freed just now serve the waiting routes at once. The record is
     // gone first, so a waiting route rebuilt here never meets its counts.
@@ -320,12 +352,17 @@ void MfibSm::handleDelete(const Routing::Pim::RouteKey& routeKey) {
 bool MfibSm::isProgrammableRoute(const Routing::Pim::RouteKey& routeKey) const {
     const Route* route = localStatus_->route(routeKey);
     if (!route) {
-        MFIB_TRACE(8, "isProgrammableRoute(): No route for {}", routeKey);
+        CASK_VRF_TRACE(8, vrfName_,
+                       "MfibSm::"
+                       "isProgrammableRoute(): No route for {}",
+                       routeKey);
         return false;
     }
     if (!routeKey.isWc() && !route->registerOifEvaluated()) {
-        MFIB_TRACE(8, "isProgrammableRoute(): Waiting for register OIF evaluation for {}",
-                   routeKey);
+        CASK_VRF_TRACE(8, vrfName_,
+                       "MfibSm::"
+                       "isProgrammableRoute(): Waiting for register OIF evaluation for {}",
+                       routeKey);
         return false;
     }
     return true;
@@ -339,7 +376,7 @@ void MfibSm::doAddTidalRouteIntf(const Routing::Pim::RouteKey& routeKey, Wirl::I
     record.routeFlagsIs(record.routeFlags() | flags);
     if (addTidalRouteOif(*this, record, intfId).isNull()) return;
     if (routeKey.isWc()) {
-        CASK_TRACE(7, "<Vrf:{}>Mfib: programming *,G route in Mfib: {}", vrfName_, routeKey);
+        CASK_VRF_TRACE(7, vrfName_, "Mfib: programming *,G route in Mfib: {}", routeKey);
     }
     doSyncTidalRouteRefCount(record);
     doCommitTidalRoute(record);
@@ -354,7 +391,7 @@ void MfibSm::doDelTidalRouteIntf(const Routing::Pim::RouteKey& routeKey, Wirl::I
     record.routeFlagsIs(record.routeFlags() & ~flags);
     if (delTidalRouteOif(*this, record, intfId).isNull()) return;
     if (routeKey.isWc()) {
-        CASK_TRACE(7, "<Vrf:{}>Mfib: programming *,G route in Mfib: {}", vrfName_, routeKey);
+        CASK_VRF_TRACE(7, vrfName_, "Mfib: programming *,G route in Mfib: {}", routeKey);
     }
     doSyncTidalRouteRefCount(record);
     doCommitTidalRoute(record);
@@ -362,7 +399,9 @@ void MfibSm::doDelTidalRouteIntf(const Routing::Pim::RouteKey& routeKey, Wirl::I
 }
 
 void MfibSm::handleClearMfib() {
-    MFIB_TRACE(4, "handleClearMfib(): about to delete all routes");
+    CASK_VRF_TRACE(4, vrfName_,
+                   "MfibSm::"
+                   "handleClearMfib(): about to delete all routes");
     std::vector<IpGenRouteKey> keys;
     for (const auto& [key, record] : mfibTidal_->route()) keys.push_back(key);
     // One by one, so every reference is dropped and every index freed; no
@@ -378,10 +417,15 @@ void MfibSm::handleClearMfib() {
 
 void MfibSm::setIifRegister(const Route& route) {
     const bool on = route.iif() == Wirl::IntfId::register0();
-    MFIB_TRACE(8, "setIifRegister({}), iifRegister: {}", route.key(), on);
+    CASK_VRF_TRACE(8, vrfName_,
+                   "MfibSm::"
+                   "setIifRegister({}), iifRegister: {}",
+                   route.key(), on);
     const TMF::Route* old = mfibTidal_->route(convertKey(route.key()));
     if (!old) {
-        MFIB_TRACE(8, "setIifRegister(): Route not in mfib");
+        CASK_VRF_TRACE(8, vrfName_,
+                       "MfibSm::"
+                       "setIifRegister(): Route not in mfib");
         return;
     }
     if (old->flag(TMF::Route::iifRegister) == on) return;
@@ -397,7 +441,10 @@ void MfibSm::setOifRegister(const Route& route, TMF::Route::RouteFlags& flags) {
         // shared tree, so it registers only while the group has one.
         const Route* wc = route.wc();
         if (!wc) {
-            MFIB_TRACE(8, "setOifRegister(): NULL wc in switching state {}", route.key());
+            CASK_VRF_TRACE(8, vrfName_,
+                           "MfibSm::"
+                           "setOifRegister(): NULL wc in switching state {}",
+                           route.key());
             return;
         }
     }
@@ -405,8 +452,7 @@ void MfibSm::setOifRegister(const Route& route, TMF::Route::RouteFlags& flags) {
     if (was == on) return;
     flags = on ? flags | TMF::Route::oifRegister
                : flags & ~TMF::Route::RouteFlags(TMF::Route::oifRegister);
-    CASK_TRACE(8, "<Vrf:{}>Mfib: Setting registerOif to {} for route: {}", vrfName_, on,
-               route.key());
+    CASK_VRF_TRACE(8, vrfName_, "Mfib: Setting registerOif to {} for route: {}", on, route.key());
 }
 
 void MfibSm::setToCpuFlag(const Route& route, TMF::Route::RouteFlags& flags) {
@@ -420,10 +466,10 @@ void MfibSm::setToCpuFlag(const Route& route, TMF::Route::RouteFlags& flags) {
     if (was == on) return;
     if (on) {
         flags |= TMF::Route::toCpu;
-        CASK_TRACE(8, "<Vrf:{}>Mfib: Setting toCPU to true for route: {}", vrfName_, route.key());
+        CASK_VRF_TRACE(8, vrfName_, "Mfib: Setting toCPU to true for route: {}", route.key());
     } else {
         flags &= ~TMF::Route::RouteFlags(TMF::Route::toCpu);
-        CASK_TRACE(8, "<Vrf:{}>Mfib: Setting toCPU for false in route: {}", vrfName_, route.key());
+        CASK_VRF_TRACE(8, vrfName_, "Mfib: Setting toCPU for false in route: {}", route.key());
     }
 }
 

@@ -36,7 +36,7 @@ void GmpChangeSm::handleInitialized() {
         changeStatusIs(Cask::make<GmpChangeStatus>());
     };
     steps.onSuspend = [this] {
-        CASK_TRACE(7, "<Vrf:{}>GmpChangeSm:doReview: time exceeded", parent_.vrfName());
+        CASK_VRF_TRACE(7, parent_.vrfName(), "GmpChangeSm:doReview: time exceeded");
     };
     steps.onFinish = [this] {
         reviewChangeStatus_ = Cask::make<GmpChangeStatus>();
@@ -62,8 +62,8 @@ void GmpChangeSm::changeStatusIs(Cask::Ptr<GmpChangeStatus> fresh) {
 void GmpChangeSm::handleMembership(const RouteIntfKey& key) {
     const Wirl::IpGenAddr& group = key.routeKey.group();
     if (!parent_.groupPermitted(group)) {
-        CASK_TRACE(7, "<Vrf:{}>GmpSm:handleMembership({}), ignoring bidirectional group",
-                   parent_.vrfName(), group);
+        CASK_VRF_TRACE(7, parent_.vrfName(),
+                       "GmpSm:handleMembership({}), ignoring bidirectional group", group);
         // Kept, so that the change (a leave, say) is decided once the
         // filter lifts: the table alone no longer shows a removed key.
         filtered_.insert(key);
@@ -73,8 +73,8 @@ void GmpChangeSm::handleMembership(const RouteIntfKey& key) {
     if (!key.routeKey.source().isUnspecified()) return;
 
     // A (*,G) change may convert into (S,G) memberships: decide those again.
-    CASK_TRACE(8, "<Vrf:{}>GmpSm:handleMembership({}) changed, need to take care ssmConvert Source",
-               parent_.vrfName(), key);
+    CASK_VRF_TRACE(8, parent_.vrfName(),
+                   "GmpSm:handleMembership({}) changed, need to take care ssmConvert Source", key);
     const SsmConvertConfig* convert = parent_.ssmConvertConfig();
     const SsmConvertGroup* sources = convert ? convert->group().raw(group) : nullptr;
     if (!sources) return;
@@ -96,11 +96,11 @@ void GmpChangeSm::handleGroupFilterChanged() {
 }
 
 void GmpChangeSm::doUpdateReviewTimer() {
-    CASK_TRACE(8, "<Vrf:{}>GmpChangeSm:doUpdateReviewTimer", parent_.vrfName());
+    CASK_VRF_TRACE(8, parent_.vrfName(), "GmpChangeSm:doUpdateReviewTimer");
     if (review_->pending()) return;
     if (gmpChangeStatus_->changedRouteIntf().empty()) return;
-    CASK_TRACE(8, "<Vrf:{}>GmpChangeSm:doUpdateReviewTimer() : scheduling next review",
-               parent_.vrfName());
+    CASK_VRF_TRACE(8, parent_.vrfName(),
+                   "GmpChangeSm:doUpdateReviewTimer() : scheduling next review");
     review_->request();
 }
 

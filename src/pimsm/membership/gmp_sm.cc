@@ -94,7 +94,7 @@ GmpSm::~GmpSm() {
 }
 
 void GmpSm::handleInit() {
-    CASK_TRACE(6, "<Vrf:{}>GmpSm:handleInit()", vrfName());
+    CASK_VRF_TRACE(6, vrfName(), "GmpSm:handleInit()");
     doCreateReview();
     gmpChangeSm_ = gmpChangeSmFactory(*this, *in_.membership, *in_.loop);
     configWatcher_ = std::make_unique<ConfigWatcher>(*this, *in_.config);
@@ -132,24 +132,21 @@ void GmpSm::doUpdateMembership(const RouteIntfKey& key) {
     const Wirl::IpGenAddr& source = key.routeKey.source();
     const L3::VrfName& vrf = vrfName();
     if (!groupPermitted(group)) {
-        CASK_TRACE(7, "<Vrf:{}>GmpSm:doUpdateMembership({}), ignoring bidirectional group", vrf,
-                   group);
+        CASK_VRF_TRACE(7, vrf, "GmpSm:doUpdateMembership({}), ignoring bidirectional group", group);
         return;
     }
     if (group.family() != in_.localStatus->family() || !group.isMulticast()) {
-        CASK_TRACE(7, "<Vrf:{}>GmpSm:doUpdateMembership({}), invalid group", vrf, group);
+        CASK_VRF_TRACE(7, vrf, "GmpSm:doUpdateMembership({}), invalid group", group);
         return;
     }
     if (group.isLinkLocalMulticast()) {
         // Link-local groups stay on their link: no route, no Join, no forwarding.
-        CASK_TRACE(7, "<Vrf:{}>GmpSm:doUpdateMembership({}), ignoring link-local group", vrf,
-                   group);
+        CASK_VRF_TRACE(7, vrf, "GmpSm:doUpdateMembership({}), ignoring link-local group", group);
         ignoredLinkLocalInc();
         return;
     }
     if (source.family() != group.family() || !(source.isUnicast() || source.isUnspecified())) {
-        CASK_TRACE(7, "<Vrf:{}>GmpSm:doUpdateMembership({}), invalid source: {}", vrf, group,
-                   source);
+        CASK_VRF_TRACE(7, vrf, "GmpSm:doUpdateMembership({}), invalid source: {}", group, source);
         return;
     }
 
@@ -164,8 +161,9 @@ void GmpSm::doUpdateMembership(const RouteIntfKey& key) {
         if (m.filterMode == FilterMode::include) include = !ssm || !source.isUnspecified();
         if (!include) exclude = !ssm;
     }
-    CASK_TRACE(8, "<Vrf:{}>GmpSm:doUpdateMembership{} {}, include: {}, exclude: {}, ssmConvert: {}",
-               vrf, key.routeKey, key.intf, include, exclude, ssmConvert);
+    CASK_VRF_TRACE(8, vrf,
+                   "GmpSm:doUpdateMembership{} {}, include: {}, exclude: {}, ssmConvert: {}",
+                   key.routeKey, key.intf, include, exclude, ssmConvert);
 
     const bool wanted = include || exclude || ssmConvert;
     const bool newInclude = include || ssmConvert;
@@ -174,8 +172,8 @@ void GmpSm::doUpdateMembership(const RouteIntfKey& key) {
         Cask::Ptr<Intf> intf = route.routeIntf(key.intf);
         if (!intf) {
             if (!wanted) return;
-            CASK_TRACE(6, "<Vrf:{}>GmpSm:doUpdateMembership(), Add interface {} to route {}", vrf,
-                       key.intf, key.routeKey);
+            CASK_VRF_TRACE(6, vrf, "GmpSm:doUpdateMembership(), Add interface {} to route {}",
+                           key.intf, key.routeKey);
             CASK_EVENT(
                 "GmpSm: Add interface {} to route{}, include: {}, exclude: {}, ssmConvert: {}",
                 key.intf, key.routeKey, include, exclude, ssmConvert);
@@ -199,7 +197,7 @@ void GmpSm::doUpdateMembership(const RouteIntfKey& key) {
         return;
     }
     if (!wanted) return;  // nothing to withdraw
-    CASK_TRACE(4, "<Vrf:{}>GmpSm:doUpdateMembership(), Create route {}", vrf, key.routeKey);
+    CASK_VRF_TRACE(4, vrf, "GmpSm:doUpdateMembership(), Create route {}", key.routeKey);
     CASK_EVENT("GmpSm: Create route{}", key.routeKey);
     // The receiver is written before the route is inserted, so the other
     // machines meet the route with its receiver: none of them acts on a route
@@ -224,7 +222,7 @@ void GmpSm::doCreateReview() {
 }
 
 void GmpSm::doUpdateReviewTimer() {
-    CASK_TRACE(8, "<Vrf:{}>GmpSm:doUpdateReviewTimer", vrfName());
+    CASK_VRF_TRACE(8, vrfName(), "GmpSm:doUpdateReviewTimer");
     // During a review the keys before the bookmark were decided on the old
     // inputs: the review runs once more after it.
     review_->request();
@@ -235,23 +233,23 @@ void GmpSm::doUpdateChildReviewTimer() {
 }
 
 void GmpSm::handleBoundary(Wirl::IntfId intf) {
-    CASK_TRACE(6, "<Vrf:{}>GmpSm:handleBoundary({})", vrfName(), intf);
+    CASK_VRF_TRACE(6, vrfName(), "GmpSm:handleBoundary({})", intf);
     doUpdateReviewTimer();
 }
 
 void GmpSm::handleGroupFilterStatus() {
-    CASK_TRACE(6, "<Vrf:{}>GmpSm:handleGroupFilterStatus()", vrfName());
+    CASK_VRF_TRACE(6, vrfName(), "GmpSm:handleGroupFilterStatus()");
     if (gmpChangeSm_) gmpChangeSm_->handleGroupFilterChanged();
     doUpdateReviewTimer();
 }
 
 void GmpSm::handleSsmConfigChanged() {
-    CASK_TRACE(6, "<Vrf:{}>GmpSm:handleSsmConfigChanged()", vrfName());
+    CASK_VRF_TRACE(6, vrfName(), "GmpSm:handleSsmConfigChanged()");
     doUpdateReviewTimer();
 }
 
 void GmpSm::handleRouteInit(Route& route) {
-    CASK_TRACE(6, "<Vrf:{}>GmpSm:handleRouteInit({})", vrfName(), route.key());
+    CASK_VRF_TRACE(6, vrfName(), "GmpSm:handleRouteInit({})", route.key());
     // Deciding may add interfaces to the route: walk a copy.
     std::vector<Wirl::IntfId> receivers;
     for (const auto& [id, intf] : route.routeIntf()) {
@@ -264,7 +262,7 @@ void GmpSm::handleRouteInit(Route& route) {
 }
 
 void GmpSm::handleSsmConvertGroup(const Wirl::IpGenAddr& group, const SsmConvertGroup& sources) {
-    CASK_TRACE(6, "<Vrf:{}>GmpSm:handleSsmConvertGroup({})", vrfName(), group);
+    CASK_VRF_TRACE(6, vrfName(), "GmpSm:handleSsmConvertGroup({})", group);
     for (const Wirl::IpGenAddr& source : sources.source()) handleSsmConvertSource(group, source);
 }
 
@@ -277,8 +275,8 @@ void GmpSm::handleSsmConvertSource(const Wirl::IpGenAddr& group, const Wirl::IpG
     GmpChangeStatus& changes = *gmpChangeSm_->gmpChangeStatus();
     for (auto it = table.lowerBound(RouteIntfKey{wc, Wirl::IntfId()});
          it != table.end() && it->first.routeKey == wc; ++it) {
-        CASK_TRACE(7, "<Vrf:{}>GmpSm:handleSsmConvertSource{} handle Intf: {}", vrfName(), sg,
-                   it->first.intf);
+        CASK_VRF_TRACE(7, vrfName(), "GmpSm:handleSsmConvertSource{} handle Intf: {}", sg,
+                       it->first.intf);
         changes.changedRouteIntfIs(RouteIntfKey{sg, it->first.intf});
     }
 }

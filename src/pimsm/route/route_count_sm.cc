@@ -18,24 +18,24 @@ RouteCountSm::RouteCountSm(const VrfContext& ctx)
 }
 
 void RouteCountSm::handleInitialized() {
-    CASK_TRACE(6, "<Vrf:{}>RouteCountSm::handleInitialized()", vrfName_);
+    CASK_VRF_TRACE(6, vrfName_, "RouteCountSm::handleInitialized()");
     handleUnresolvedRoute(Routing::Pim::RouteKey{});
     handleToBeDeletedRoute(Routing::Pim::RouteKey{});
     handleSwitchingRoute(Routing::Pim::RouteKey{});
 }
 
 void RouteCountSm::handleUnresolvedRoute(const Routing::Pim::RouteKey& key) {
-    CASK_TRACE(6, "<Vrf:{}>RouteCountSm::handleUnresolvedRoute({})", vrfName_, key);
+    CASK_VRF_TRACE(6, vrfName_, "RouteCountSm::handleUnresolvedRoute({})", key);
     doWrite(Tidal::unresolvedRouteCount, rpfStatus_->unresolvedRouteSize());
 }
 
 void RouteCountSm::handleToBeDeletedRoute(const Routing::Pim::RouteKey& key) {
-    CASK_TRACE(6, "<Vrf:{}>RouteCountSm::handleToBeDeletedRoute({})", vrfName_, key);
+    CASK_VRF_TRACE(6, vrfName_, "RouteCountSm::handleToBeDeletedRoute({})", key);
     doWrite(Tidal::toBeDeletedRouteCount, localStatus_->toBeDeletedRouteSize());
 }
 
 void RouteCountSm::handleSwitchingRoute(const Routing::Pim::RouteKey& key) {
-    CASK_TRACE(6, "<Vrf:{}>RouteCountSm::handleSwitchingRoute({})", vrfName_, key);
+    CASK_VRF_TRACE(6, vrfName_, "RouteCountSm::handleSwitchingRoute({})", key);
     doWrite(Tidal::switchingRouteCount, localStatus_->switchingRouteSize());
 }
 

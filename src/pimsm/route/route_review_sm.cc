@@ -7,7 +7,6 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
-#include "pimsm/route/route_review_trace.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -227,12 +226,12 @@ void RouteReviewSm::handleRoute(const RouteKey& key) {
     Route* route = in_.status->route().raw(key);
     RouteSm* old = routeSm(key);
     if (old && old->route() == route) return;
-    if (old) REVIEW_TRACE(6, "RouteReviewSm::handleRoute({}), Route deleted", key);
+    if (old) CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::handleRoute({}), Route deleted", key);
     if (!route) {
         routeSm_.del(key);
         return;
     }
-    REVIEW_TRACE(6, "RouteReviewSm::handleRoute({}), Route added", key);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::handleRoute({}), Route added", key);
     // A replaced route's reactor goes (handleDelete) before the new one comes.
     if (RouteSm* sm = routeSm_.update(key, route, *this)) sm->handleInitialized();
 }
@@ -255,46 +254,46 @@ void RouteReviewSm::handlePimIntf(IntfId intf) {
     c.intfStatusChanged = true;
     // Gone: its interface records go too. Back again: they stay.
     c.toBeDeleted = !in_.pimStatus->intfHas(intf);
-    REVIEW_TRACE(6, "RouteSm: Interface {} changed", intf);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteSm: Interface {} changed", intf);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleUsedDr(IntfId intf) {
     in_.localStatus->changeSet()->intfChangeIs(intf).drStatusChanged = true;
-    REVIEW_TRACE(6, "RouteSm: Interface {} DR status changed", intf);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteSm: Interface {} DR status changed", intf);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleMbr(IntfId intf) {
     in_.localStatus->changeSet()->intfChangeIs(intf).mbrStatusChanged = true;
-    REVIEW_TRACE(6, "RouteSm: Interface {} MBR status changed", intf);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteSm: Interface {} MBR status changed", intf);
     auto* rec = in_.pimStatus->intfRaw(intf);
-    REVIEW_TRACE(7, "RouteReviewSm::handleMbr() {} {}",
-                 rec && rec->mbr() ? "Add mbrIntf" : "Del mbrIntf", intf);
+    CASK_VRF_TRACE(7, in_.vrfName, "RouteReviewSm::handleMbr() {} {}",
+                   rec && rec->mbr() ? "Add mbrIntf" : "Del mbrIntf", intf);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleSourceInject(IntfId intf) {
     in_.localStatus->changeSet()->intfChangeIs(intf).sourceInjectChanged = true;
-    REVIEW_TRACE(6, "RouteSm: Interface {} source inject changed", intf);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteSm: Interface {} source inject changed", intf);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleAddress(IntfId intf) {
     in_.localStatus->changeSet()->intfChangeIs(intf).addressChanged = true;
-    REVIEW_TRACE(6, "RouteSm: Interface {} address changed", intf);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteSm: Interface {} address changed", intf);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleNeighbor(const NeighborKey& nbr) {
     in_.localStatus->changeSet()->neighborChangeIs(nbr).neighborStatusChanged = true;
-    REVIEW_TRACE(6, "RouteSm: Neighbor {} state changed", nbr);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteSm: Neighbor {} state changed", nbr);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleNeighborGenId(const NeighborKey& nbr) {
     in_.localStatus->changeSet()->neighborChangeIs(nbr).genIdChanged = true;
-    REVIEW_TRACE(6, "RouteSm: Neighbor {} Gen ID changed", nbr);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteSm: Neighbor {} Gen ID changed", nbr);
     doUpdateReviewTimer();
 }
 
@@ -302,71 +301,72 @@ void RouteReviewSm::handleNeighborPortInfo(const NeighborKey& nbr) {
     // A new transport for the neighbour's Join/Prunes: the routes toward it
     // re-send their state as after a status change.
     in_.localStatus->changeSet()->neighborChangeIs(nbr).neighborStatusChanged = true;
-    REVIEW_TRACE(6, "RouteSm: Neighbor {} PortInfo changed", nbr);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteSm: Neighbor {} PortInfo changed", nbr);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleFastFailoverIntf(IntfId intf) {
     in_.localStatus->changeSet()->intfChangeIs(intf).fastFailoverChanged = true;
-    REVIEW_TRACE(6, "RouteSm: Interface {} fast failover changed", intf);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteSm: Interface {} fast failover changed", intf);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleMcastBoundaryStatus(IntfId intf) {
     in_.localStatus->changeSet()->intfChangeIs(intf).boundaryStatusChanged = true;
-    REVIEW_TRACE(6, "RouteSm: Boundary status changed {}", intf);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteSm: Boundary status changed {}", intf);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleMcastVxlanIntf(IntfId intf) {
     in_.localStatus->changeSet()->intfChangeIs(intf).vxlanIntfChanged = true;
-    REVIEW_TRACE(6, "RouteSm: Interface {} multicast vxlan status changed", intf);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteSm: Interface {} multicast vxlan status changed", intf);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleSsmConfig() {
-    REVIEW_TRACE(6, "RouteReviewSm::handleSsmConfig()");
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::handleSsmConfig()");
     in_.localStatus->changeSet()->ssmConfigChangedIs(true);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleGroupFilterStatus() {
-    REVIEW_TRACE(6, "RouteReviewSm::handleGroupFilterStatus()");
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::handleGroupFilterStatus()");
     in_.localStatus->changeSet()->groupFilterStatusChangedIs(true);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleFrrFilterStatus() {
-    REVIEW_TRACE(6, "RouteReviewSm::handleFrrFilterStatus()");
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::handleFrrFilterStatus()");
     in_.localStatus->changeSet()->frrFilterStatusChangedIs(true);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleClearMfibCount() {
-    REVIEW_TRACE(6, "RouteReviewSm::handleClearMfibCount()");
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::handleClearMfibCount()");
     in_.localStatus->changeSet()->resurrectMfibIs(true);
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleRoutesMarkedForDeletion() {
-    REVIEW_TRACE(6, "RouteReviewSm::handleRoutesMarkedForDeletion()");
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::handleRoutesMarkedForDeletion()");
     doUpdateReviewTimer();
 }
 
 void RouteReviewSm::handleClearCounters() {
-    REVIEW_TRACE(6, "RouteReviewSm::handleClearCounters()");
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::handleClearCounters()");
     if (pimCounters_) pimCounters_->clearAll();
 }
 
 void RouteReviewSm::handleRpfRouteChange() {
     // Copied: a reaction may publish the next batch.
     const std::vector<RouteKey> keys = in_.rpfStatus->rpfRouteChangedRoute();
-    REVIEW_TRACE(6, "RouteReviewSm::handleRpfRouteChange() routes: {}", keys.size());
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::handleRpfRouteChange() routes: {}", keys.size());
     for (const auto& key : keys) {
         auto route = in_.status->route(key);
         if (!route) continue;
-        REVIEW_TRACE(7, "RouteReviewSm::handleRpfRouteChange(): RPF route changed for route {}",
-                     key);
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "RouteReviewSm::handleRpfRouteChange(): RPF route changed for route {}",
+                       key);
         route->changeFlagsIs(ChangeFlags{ChangeFlags::Bit::rpfRouteChanged});
         route->routeChangedInc();
         route->changeFlagsIs(ChangeFlags{});
@@ -378,14 +378,16 @@ void RouteReviewSm::handleRpfRouteChange() {
 void RouteReviewSm::handleClearRoutes() {
     const auto& cc = *in_.clearConfig;
     auto flags = cc.flags();
-    REVIEW_TRACE(6, "RouteReviewSm::handleClearRoutes() config flags {} group {} source {}", flags,
-                 cc.group(), cc.source());
+    CASK_VRF_TRACE(6, in_.vrfName,
+                   "RouteReviewSm::handleClearRoutes() config flags {} group {} source {}", flags,
+                   cc.group(), cc.source());
     if (flags.empty()) return;
     if (flags.has(Routing::Pim::MrouteClearFlags::Bit::singleRoute)) {
         const bool wc = cc.source().family() == Wirl::AddressFamily::ipunknown;
         const RouteKey key = wc ? RouteKey::wc(cc.group()) : RouteKey(cc.source(), cc.group());
         if (!in_.status->route(key)) {
-            REVIEW_TRACE(6, "RouteReviewSm::handleClearRoutes() route {} not found", key);
+            CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::handleClearRoutes() route {} not found",
+                           key);
             return;
         }
         deleteOrResurrect(key);
@@ -406,7 +408,7 @@ void RouteReviewSm::handleClearRoutes() {
     info->groupIs(cc.group());
     info->sourceIs(cc.source());
     info->flagsIs(flags);
-    REVIEW_TRACE(6, "RouteReviewSm::handleClearRoutes() changeSet flags {}", flags);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::handleClearRoutes() changeSet flags {}", flags);
     doUpdateReviewTimer();
 }
 
@@ -420,18 +422,20 @@ const RouteKey& RouteReviewSm::reviewBookmark() const {
 void RouteReviewSm::doUpdateReviewTimer() {
     if (!initialized_) return;
     if (review_->pending()) {
-        REVIEW_TRACE(8, "RouteReviewSm::doUpdateReviewTimer(): review pending");
+        CASK_VRF_TRACE(8, in_.vrfName, "RouteReviewSm::doUpdateReviewTimer(): review pending");
         return;
     }
     if (!in_.status->initialized()) {
-        REVIEW_TRACE(7, "RouteReviewSm::doUpdateReviewTimer(): wait for all routes to be read");
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "RouteReviewSm::doUpdateReviewTimer(): wait for all routes to be read");
         return;
     }
     if (in_.localStatus->changeSet()->empty()) {
-        REVIEW_TRACE(8, "RouteReviewSm::doUpdateReviewTimer(): changeSet is empty!!!");
+        CASK_VRF_TRACE(8, in_.vrfName,
+                       "RouteReviewSm::doUpdateReviewTimer(): changeSet is empty!!!");
         return;
     }
-    REVIEW_TRACE(7, "RouteReviewSm::doUpdateReviewTimer()");
+    CASK_VRF_TRACE(7, in_.vrfName, "RouteReviewSm::doUpdateReviewTimer()");
     review_->request();
 }
 
@@ -452,14 +456,15 @@ void RouteReviewSm::doCreateReview() {
     steps.onSlice = [this, &ls](Cask::Seconds start, Cask::Seconds stop) {
         if (!Cask::trace().on(8)) return;
         for (const auto& [id, c] : ls.reviewChangeSet()->intfChange()) {
-            REVIEW_TRACE(8, "RouteReviewSm::doReview(), new interface: {}", id);
+            CASK_VRF_TRACE(8, in_.vrfName, "RouteReviewSm::doReview(), new interface: {}", id);
         }
         for (const auto& [k, c] : ls.reviewChangeSet()->neighborChange()) {
-            REVIEW_TRACE(8, "RouteReviewSm::doReview(), new neighbor: {}", k);
+            CASK_VRF_TRACE(8, in_.vrfName, "RouteReviewSm::doReview(), new neighbor: {}", k);
         }
-        REVIEW_TRACE(8,
-                     "RouteReviewSm::doReview(), start time: {}, stop time: {} review quantum: {}",
-                     start, stop, reviewQuantum_);
+        CASK_VRF_TRACE(
+            8, in_.vrfName,
+            "RouteReviewSm::doReview(), start time: {}, stop time: {} review quantum: {}", start,
+            stop, reviewQuantum_);
     };
     steps.visit = [this, &ls](const RouteKey& key) {
         const Cask::Ptr<ChangeSet> cs(ls.reviewChangeSet());
@@ -470,10 +475,10 @@ void RouteReviewSm::doCreateReview() {
     steps.onFinish = [this, &ls] {
         const ChangeSet& cs = *ls.reviewChangeSet();
         if (const std::size_t cleared = cs.clearRequests()) {
-            REVIEW_TRACE(4, "RouteReviewSm: Finished review, set clearMroutes");
+            CASK_VRF_TRACE(4, in_.vrfName, "RouteReviewSm: Finished review, set clearMroutes");
             for (std::size_t i = 0; i < cleared; ++i) ls.numClearMroutesInc();
         } else {
-            REVIEW_TRACE(4, "RouteReviewSm: Finished review");
+            CASK_VRF_TRACE(4, in_.vrfName, "RouteReviewSm: Finished review");
         }
         ls.reviewChangeSetIs(LocalStatus::newChangeSet());
         doUpdateReviewTimer();

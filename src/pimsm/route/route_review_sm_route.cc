@@ -8,7 +8,6 @@
 
 #include "cask/trace.h"
 #include "pimsm/route/route_review_sm.h"
-#include "pimsm/route/route_review_trace.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -39,7 +38,7 @@ void RouteReviewSm::doReviewRoute(const RouteKey& key, ChangeSet& cs) {
     if (!route) return;
     // A cleared or marked route is deleted (or re-created fresh).
     if (cs.clearCovers(key)) {
-        REVIEW_TRACE(7, "RouteReviewSm::doReviewRoute({}): clearing route", key);
+        CASK_VRF_TRACE(7, in_.vrfName, "RouteReviewSm::doReviewRoute({}): clearing route", key);
         deleteOrResurrect(key);
         return;
     }
@@ -54,8 +53,8 @@ void RouteReviewSm::doReviewRoute(const RouteKey& key, ChangeSet& cs) {
     auto* ssm = in_.localStatus->ssmGroupInfo();
     if (cs.ssmConfigChanged() && ssm && ssm->ssmGroup(group, *in_.config) &&
         !ssm->ssmGroup(group, *ssmBefore_)) {
-        REVIEW_TRACE(
-            6,
+        CASK_VRF_TRACE(
+            6, in_.vrfName,
             "RouteReviewSm::doReviewRoute({}): Marking route {} for deletion, group in SSM range",
             key, key);
         route->markedForDeletionIs(true);
@@ -63,10 +62,10 @@ void RouteReviewSm::doReviewRoute(const RouteKey& key, ChangeSet& cs) {
     auto* filter = in_.localStatus->groupFilterStatus();
     if (cs.groupFilterStatusChanged() && filter &&
         !filter->permitGroup(Wirl::IpGenPrefix::hostPrefix(group))) {
-        REVIEW_TRACE(6,
-                     "RouteReviewSm::doReviewRoute({}): Marking route {} for deletion, group is "
-                     "bidirectional",
-                     key, key);
+        CASK_VRF_TRACE(6, in_.vrfName,
+                       "RouteReviewSm::doReviewRoute({}): Marking route {} for deletion, group is "
+                       "bidirectional",
+                       key, key);
         route->markedForDeletionIs(true);
     }
     // The fast-failover upstream follows the filter and the RPF interface.
@@ -79,8 +78,9 @@ void RouteReviewSm::doReviewRoute(const RouteKey& key, ChangeSet& cs) {
     if (!cs.intfChange().empty() || !cs.neighborChange().empty()) {
         flags = doReviewUpstream(*route, cs);
     }
-    REVIEW_TRACE(8, "RouteReviewSm::doReviewRoute({}): Reviewing route {}, change flags: {}", key,
-                 key, flags);
+    CASK_VRF_TRACE(8, in_.vrfName,
+                   "RouteReviewSm::doReviewRoute({}): Reviewing route {}, change flags: {}", key,
+                   key, flags);
     if (!flags.empty()) {
         route->changeFlagsIs(flags);
         route->routeChangedInc();
@@ -112,8 +112,9 @@ void RouteReviewSm::doReviewRouteIntf(Route& route, const ChangeSet& cs) {
         if (!f.empty()) touched.emplace_back(id, f);
     }
     for (const auto id : gone) {
-        REVIEW_TRACE(7, "RouteReviewSm::doReviewRouteIntf({}): removing interface {}", route.key(),
-                     id);
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "RouteReviewSm::doReviewRouteIntf({}): removing interface {}", route.key(),
+                       id);
         route.routeIntfDel(id);
     }
     for (const auto& [id, f] : touched) {
@@ -122,30 +123,35 @@ void RouteReviewSm::doReviewRouteIntf(Route& route, const ChangeSet& cs) {
         using Bit = IntfChangeFlags::Bit;
         const auto& k = route.key();
         if (f.has(Bit::intfStatus)) {
-            REVIEW_TRACE(8, "RouteReviewSm::doReviewRouteIntf({}): Status changed for interface {}",
-                         k, id);
+            CASK_VRF_TRACE(8, in_.vrfName,
+                           "RouteReviewSm::doReviewRouteIntf({}): Status changed for interface {}",
+                           k, id);
         }
         if (f.has(Bit::drStatus)) {
-            REVIEW_TRACE(8,
-                         "RouteReviewSm::doReviewRouteIntf({}): DR status changed on interface {}",
-                         k, id);
+            CASK_VRF_TRACE(
+                8, in_.vrfName,
+                "RouteReviewSm::doReviewRouteIntf({}): DR status changed on interface {}", k, id);
         }
         if (f.has(Bit::address)) {
-            REVIEW_TRACE(8, "RouteReviewSm::doReviewRouteIntf({}): Address changed on interface {}",
-                         k, id);
+            CASK_VRF_TRACE(8, in_.vrfName,
+                           "RouteReviewSm::doReviewRouteIntf({}): Address changed on interface {}",
+                           k, id);
         }
         if (f.has(Bit::boundary)) {
-            REVIEW_TRACE(8, "RouteReviewSm::doReviewRouteIntf({}): Boundary status changed {}", k,
-                         id);
+            CASK_VRF_TRACE(8, in_.vrfName,
+                           "RouteReviewSm::doReviewRouteIntf({}): Boundary status changed {}", k,
+                           id);
         }
         if (f.has(Bit::vxlan)) {
-            REVIEW_TRACE(
-                8, "RouteReviewSm::doReviewRouteIntf({}): Vxlan status changed on interface {}", k,
+            CASK_VRF_TRACE(
+                8, in_.vrfName,
+                "RouteReviewSm::doReviewRouteIntf({}): Vxlan status changed on interface {}", k,
                 id);
         }
         if (f.has(Bit::fastFailover)) {
-            REVIEW_TRACE(
-                8, "RouteReviewSm::doReviewRouteIntf({}): Fast failover changed on interface {}", k,
+            CASK_VRF_TRACE(
+                8, in_.vrfName,
+                "RouteReviewSm::doReviewRouteIntf({}): Fast failover changed on interface {}", k,
                 id);
         }
         intf->changeFlagsIs(f);
@@ -157,12 +163,12 @@ void RouteReviewSm::doReviewRouteIntf(Route& route, const ChangeSet& cs) {
 void RouteReviewSm::doReviewUmhFrr(Route& route) {
     switch (doUpdateUmhFrr(route)) {
         case UmhFrrChange::created:
-            REVIEW_TRACE(6, "RouteReviewSm::doReviewRoute({}): create Frr for {}", route.key(),
-                         route.key());
+            CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::doReviewRoute({}): create Frr for {}",
+                           route.key(), route.key());
             break;
         case UmhFrrChange::deleted:
-            REVIEW_TRACE(6, "RouteReviewSm::doReviewRoute({}): Frr disabled for {}", route.key(),
-                         route.key());
+            CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::doReviewRoute({}): Frr disabled for {}",
+                           route.key(), route.key());
             break;
         case UmhFrrChange::none:
             break;
@@ -202,65 +208,67 @@ ChangeFlags RouteReviewSm::doReviewUpstream(Route& route, const ChangeSet& cs) {
     // Interfaces: the incoming one and the border (MBR) ones.
     const IntfId iif = route.iif();
     if (const IntfChange* c = intfChangeOf(cs, iif); c && anyFlag(*c)) {
-        REVIEW_TRACE(
-            7, "RouteReviewSm::doReviewRoute({}): Status changed for RPF interface {} for route {}",
+        CASK_VRF_TRACE(
+            7, in_.vrfName,
+            "RouteReviewSm::doReviewRoute({}): Status changed for RPF interface {} for route {}",
             key, iif, key);
         flags.set(Bit::rpfIntfStatus);
         if (c->boundaryStatusChanged && in_.mcastBoundaryStatus &&
             in_.mcastBoundaryStatus->filters(iif, key.group())) {
-            REVIEW_TRACE(7,
-                         "RouteReviewSm::doReviewRoute({}): Boundary status changed for RPF "
-                         "interface {} for route {}",
-                         key, iif, key);
+            CASK_VRF_TRACE(7, in_.vrfName,
+                           "RouteReviewSm::doReviewRoute({}): Boundary status changed for RPF "
+                           "interface {} for route {}",
+                           key, iif, key);
             flags.set(Bit::rpfBoundary);
         }
         if (c->sourceInjectChanged) {
-            REVIEW_TRACE(
-                7,
+            CASK_VRF_TRACE(
+                7, in_.vrfName,
                 "RouteReviewSm::doReviewRoute({}): Source inject on RPF intf {} is {} for route {}",
                 key, iif, sourceInject(iif), key);
             flags.set(Bit::sourceInject);
         }
         if (c->drStatusChanged) {
             if (pim.iAmDr(iif)) {
-                REVIEW_TRACE(7,
-                             "RouteReviewSm::doReviewRoute({}): Became DR on {} which is the RPF "
-                             "interface for {}",
-                             key, iif, key);
+                CASK_VRF_TRACE(7, in_.vrfName,
+                               "RouteReviewSm::doReviewRoute({}): Became DR on {} which is the RPF "
+                               "interface for {}",
+                               key, iif, key);
             } else {
-                REVIEW_TRACE(7,
-                             "RouteReviewSm::doReviewRoute({}): No longer DR on {} which is the "
-                             "RPF interface for {}",
-                             key, iif, key);
+                CASK_VRF_TRACE(7, in_.vrfName,
+                               "RouteReviewSm::doReviewRoute({}): No longer DR on {} which is the "
+                               "RPF interface for {}",
+                               key, iif, key);
             }
             flags.set(Bit::rpfDrStatus);
         }
     }
     const IntfId prevIif = route.prevRpf().intf;
     if (const IntfChange* c = intfChangeOf(cs, prevIif); c && anyFlag(*c)) {
-        REVIEW_TRACE(7,
-                     "RouteReviewSm::doReviewRoute({}): Status changed for prev RPF interface {} "
-                     "for route {}",
-                     key, prevIif, key);
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "RouteReviewSm::doReviewRoute({}): Status changed for prev RPF interface {} "
+                       "for route {}",
+                       key, prevIif, key);
         flags.set(Bit::prevRpfIntfStatus);
     }
     const IntfId frrIif = route.rpfFrr().intf;
     if (const IntfChange* c = intfChangeOf(cs, frrIif); c && anyFlag(*c)) {
-        REVIEW_TRACE(7,
-                     "RouteReviewSm::doReviewRoute({}): IntfStatus changed for RPF FRR interface "
-                     "{} for route {}",
-                     key, frrIif, key);
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "RouteReviewSm::doReviewRoute({}): IntfStatus changed for RPF FRR interface "
+                       "{} for route {}",
+                       key, frrIif, key);
         flags.set(Bit::rpfFrrIntfStatus);
     }
     const IntfId mbr = route.mbrIif();
     if (const IntfChange* c = intfChangeOf(cs, mbr); c && anyFlag(*c)) {
-        REVIEW_TRACE(
-            7, "RouteReviewSm::doReviewRoute({}): Mbr Status changed for interface {} for route {}",
+        CASK_VRF_TRACE(
+            7, in_.vrfName,
+            "RouteReviewSm::doReviewRoute({}): Mbr Status changed for interface {} for route {}",
             key, mbr, key);
         flags.set(Bit::mbrIntfStatus);
         if (c->sourceInjectChanged) {
-            REVIEW_TRACE(
-                7,
+            CASK_VRF_TRACE(
+                7, in_.vrfName,
                 "RouteReviewSm::doReviewRoute({}): Source inject on MBR intf {} is {} for route {}",
                 key, mbr, sourceInject(mbr), key);
             flags.set(Bit::sourceInject);
@@ -276,19 +284,20 @@ ChangeFlags RouteReviewSm::doReviewUpstream(Route& route, const ChangeSet& cs) {
         if (it == cs.neighborChange().end()) return;
         const NeighborChange& c = *it->second;
         if (c.neighborStatusChanged) {
-            REVIEW_TRACE(
-                7,
+            CASK_VRF_TRACE(
+                7, in_.vrfName,
                 "RouteReviewSm::doReviewRoute({}): Status changed for {} neighbor {} for route {}",
                 key, which, rpf.neighbor, key);
             flags.set(statusBit);
             if (pim.activeNeighborHas(nk)) {
-                REVIEW_TRACE(7, "RouteReviewSm::doReviewRoute({}): {} flapped for route {}", key,
-                             fmt::format(fmt::runtime(flapText), rpf.neighbor, rpf.intf), key);
+                CASK_VRF_TRACE(7, in_.vrfName,
+                               "RouteReviewSm::doReviewRoute({}): {} flapped for route {}", key,
+                               fmt::format(fmt::runtime(flapText), rpf.neighbor, rpf.intf), key);
             }
         }
         if (c.genIdChanged) {
-            REVIEW_TRACE(
-                7,
+            CASK_VRF_TRACE(
+                7, in_.vrfName,
                 "RouteReviewSm::doReviewRoute({}): Gen ID changed for {} neighbor {} for route {}",
                 key, which, rpf.neighbor, key);
             flags.set(genIdBit);
@@ -306,8 +315,8 @@ ChangeFlags RouteReviewSm::doReviewUpstream(Route& route, const ChangeSet& cs) {
     if (rpf.resolved() && !rpf.hasNeighbor()) {
         for (const auto& [nk, c] : cs.neighborChange()) {
             if (nk.intf != rpf.intf || !c->neighborStatusChanged) continue;
-            REVIEW_TRACE(
-                7,
+            CASK_VRF_TRACE(
+                7, in_.vrfName,
                 "RouteReviewSm::doReviewRoute({}): Status changed for RPF neighbor {} for route {}",
                 key, nk.address, key);
             flags.set(Bit::rpfNbrStatus);
@@ -323,10 +332,11 @@ void RouteReviewSm::doMaybeDeleteRoute(Route& route) {
     if (route.discoveredSg()) {
         // Source discovery owns such a route; it is removed when its
         // discovery input ends.
-        REVIEW_TRACE(7, "RouteReviewSm::doMaybeDeleteRoute({}): kept, discovered source", key);
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "RouteReviewSm::doMaybeDeleteRoute({}): kept, discovered source", key);
         return;
     }
-    REVIEW_TRACE(6, "RouteReviewSm::doMaybeDeleteRoute({}): deleting route", key);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::doMaybeDeleteRoute({}): deleting route", key);
     in_.status->routeDel(key);
 }
 
@@ -338,14 +348,16 @@ void RouteReviewSm::deleteOrResurrect(const RouteKey& key) {
         for (const auto& [id, intf] : route->routeIntf()) {
             const auto m = in_.membership->membership({key, id});
             if (m.filterMode != Routing::Gmp::Tidal::FilterMode::include) continue;
-            REVIEW_TRACE(7, "RouteReviewSm::deleteOrResurrect({}) Adding to Include: {}", key, id);
+            CASK_VRF_TRACE(7, in_.vrfName,
+                           "RouteReviewSm::deleteOrResurrect({}) Adding to Include: {}", key, id);
             include.push_back(id);
         }
     }
-    REVIEW_TRACE(6, "RouteReviewSm::deleteOrResurrect({}) deleting route", key);
+    CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::deleteOrResurrect({}) deleting route", key);
     in_.status->routeDel(key);
     if (include.empty()) return;
-    REVIEW_TRACE(4, "RouteReviewSm::deleteOrResurrect({}) Resurrecting route {}", key, key);
+    CASK_VRF_TRACE(4, in_.vrfName, "RouteReviewSm::deleteOrResurrect({}) Resurrecting route {}",
+                   key, key);
     auto fresh = in_.status->routeIs(key);
     if (!fresh) return;  // over the agent's route limit (traced there)
     for (const auto id : include) {
@@ -353,7 +365,8 @@ void RouteReviewSm::deleteOrResurrect(const RouteKey& key) {
         if (!intf) continue;
         intf->localReceiverIncludeIs(true);
         intf->initializedIs(true);
-        REVIEW_TRACE(7, "RouteReviewSm::deleteOrResurrect({}) Adding back to Include: {}", key, id);
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "RouteReviewSm::deleteOrResurrect({}) Adding back to Include: {}", key, id);
     }
     fresh->initializedIs(true);
 }

@@ -8,9 +8,6 @@
 
 namespace Routing::Pim::SparseMode {
 
-#define ROUTE_SM_TRACE(lvl, f, ...) \
-    CASK_TRACE(lvl, "<Vrf:{}>" f, review_.vrfName() __VA_OPT__(, ) __VA_ARGS__)
-
 RouteSm::RouteSm(RouteReviewSm& review, Route& route) : RouteReactor(route), review_(review) {}
 
 RouteSm::~RouteSm() = default;
@@ -73,12 +70,13 @@ void RouteSm::handleRouteInitialized() {
         status.sourceGroupAdd(key.source(), key.group());
         ls.sgRouteIs(key, Cask::Ptr<Route>(route()));
         status.sgRouteCountIs(status.sgRouteCount() + 1);
-        ROUTE_SM_TRACE(7,
+        CASK_VRF_TRACE(7, review_.vrfName(),
                        "RouteSm::handleRouteInitialized({}) sgRoute: {} is created in localStatus",
                        key, key);
     }
-    ROUTE_SM_TRACE(7, "RouteSm: Route{} created, flags: {}, (*,G) routes: {}, (S,G) routes: {}",
-                   key, r.routeFlagsStr(), status.wcRouteCount(), status.sgRouteCount());
+    CASK_VRF_TRACE(7, review_.vrfName(),
+                   "RouteSm: Route{} created, flags: {}, (*,G) routes: {}, (S,G) routes: {}", key,
+                   r.routeFlagsStr(), status.wcRouteCount(), status.sgRouteCount());
     // Start consistent: the deletion mark, the backup upstream, the RPF request.
     handleRouteFlags();
     doUpdateRpfConfig();
@@ -90,15 +88,19 @@ void RouteSm::handleIntf(Wirl::IntfId intf) {
     // Removals are announced only for interfaces the route had, all of
     // which this reactor watched through the route.
     if (!record) {
-        ROUTE_SM_TRACE(6, "RouteSm::handleIntf({}, {}), interface deleted", r.key(), intf);
-        ROUTE_SM_TRACE(7, "RouteSm: Interface {} on route{} deleted", intf, r.key());
+        CASK_VRF_TRACE(6, review_.vrfName(), "RouteSm::handleIntf({}, {}), interface deleted",
+                       r.key(), intf);
+        CASK_VRF_TRACE(7, review_.vrfName(), "RouteSm: Interface {} on route{} deleted", intf,
+                       r.key());
     }
     if (r.routeIntfSize() != 0) return;
-    ROUTE_SM_TRACE(7, "RouteSm: no interface in  route{}, flags: {}", r.key(), r.routeFlagsStr());
-    if (!r.wildCard() || r.markedForDeletion()) return;
-    ROUTE_SM_TRACE(6, "RouteSm::handleIntf({}, {}), marking route for deletion", r.key(), intf);
-    ROUTE_SM_TRACE(4, "RouteSm: Marking route{} for deletion, flags: {}", r.key(),
+    CASK_VRF_TRACE(7, review_.vrfName(), "RouteSm: no interface in  route{}, flags: {}", r.key(),
                    r.routeFlagsStr());
+    if (!r.wildCard() || r.markedForDeletion()) return;
+    CASK_VRF_TRACE(6, review_.vrfName(), "RouteSm::handleIntf({}, {}), marking route for deletion",
+                   r.key(), intf);
+    CASK_VRF_TRACE(4, review_.vrfName(), "RouteSm: Marking route{} for deletion, flags: {}",
+                   r.key(), r.routeFlagsStr());
     r.markedForDeletionIs(true);
 }
 
@@ -118,10 +120,12 @@ void RouteSm::updateUmhFrr() {
     const Route& r = *route();
     switch (review_.doUpdateUmhFrr(*route())) {
         case RouteReviewSm::UmhFrrChange::created:
-            ROUTE_SM_TRACE(6, "RouteSm::updateUmhFrr({}): Frr enabled, create umhFrr", r.key());
+            CASK_VRF_TRACE(6, review_.vrfName(),
+                           "RouteSm::updateUmhFrr({}): Frr enabled, create umhFrr", r.key());
             break;
         case RouteReviewSm::UmhFrrChange::deleted:
-            ROUTE_SM_TRACE(6, "RouteSm::updateUmhFrr({}): Frr disabled, delete umhFrr", r.key());
+            CASK_VRF_TRACE(6, review_.vrfName(),
+                           "RouteSm::updateUmhFrr({}): Frr disabled, delete umhFrr", r.key());
             break;
         case RouteReviewSm::UmhFrrChange::none:
             break;
@@ -144,14 +148,15 @@ void RouteSm::handleIntfChange(Intf& intf) {
     if (intfCarriesState(intf)) {
         if (!intf.toBeDeleted()) return;
         intf.toBeDeletedIs(false);
-        ROUTE_SM_TRACE(6,
+        CASK_VRF_TRACE(6, review_.vrfName(),
                        "RouteSm::handleIntfChange(), resetting marked for deletion: {} on route{}",
                        intf.intfId(), route()->key());
         return;
     }
     if (intf.toBeDeleted() || review_.preserveRouteIntf()) return;
     intf.toBeDeletedIs(true);
-    ROUTE_SM_TRACE(6, "RouteSm::handleIntfChange(), marking interface for deletion: {} on route{}",
+    CASK_VRF_TRACE(6, review_.vrfName(),
+                   "RouteSm::handleIntfChange(), marking interface for deletion: {} on route{}",
                    intf.intfId(), route()->key());
     review_.localStatus().changeSet()->intfChangeIs(intf.intfId());
     review_.doUpdateReviewTimer();
@@ -171,8 +176,9 @@ void RouteSm::handleDelete() {
     } else if (status.sgRouteCount()) {
         status.sgRouteCountIs(status.sgRouteCount() - 1);
     }
-    ROUTE_SM_TRACE(7, "RouteSm: Route{} deleted, flags: {}, (*,G) routes: {}, (S,G) routes: {}",
-                   key, r.routeFlagsStr(), status.wcRouteCount(), status.sgRouteCount());
+    CASK_VRF_TRACE(7, review_.vrfName(),
+                   "RouteSm: Route{} deleted, flags: {}, (*,G) routes: {}, (S,G) routes: {}", key,
+                   r.routeFlagsStr(), status.wcRouteCount(), status.sgRouteCount());
     if (r.isWc()) {
         ls.wcRouteDel(key);
     } else {

@@ -18,10 +18,6 @@ using Routing::Pim::NeighborKey;
 using Routing::Pim::RouteKey;
 using Routing::Pim::Rpf;
 
-#define UP_TRACE(lvl, f, ...) CASK_TRACE(lvl, "<Vrf:{}>" f, in_.vrfName __VA_OPT__(, ) __VA_ARGS__)
-#define RHO_TRACE(lvl, f, ...) \
-    CASK_TRACE(lvl, "<Vrf:{}>" f, sm_.vrfName() __VA_OPT__(, ) __VA_ARGS__)
-
 namespace {
 
 bool validAddr(const Wirl::IpGenAddr& a) {
@@ -50,16 +46,17 @@ UpstreamWcSm::RhoRoute* UpstreamWcSm::rhoRoute(const RouteKey& key) const {
 }
 
 void UpstreamWcSm::handleInitialized() {
-    UP_TRACE(6, "UpstreamWcSm::handleInitialized()");
+    CASK_VRF_TRACE(6, in_.vrfName, "UpstreamWcSm::handleInitialized()");
     const LocalStatus& ls = *in_.localStatus;
     const auto removed = writer_.periodicSweep(
         JoinPruneEntry::Kind::wc,
         [&](const NeighborKey&, const JoinPruneEntry& e) { return !ls.wcRouteHas(e.key); });
     for (const auto& [nk, e] : removed) {
-        UP_TRACE(7,
-                 "UpstreamWcSm::handleInitialized(), Deleting periodic (*,G) join for deleted "
-                 "route {} for neighbor {} on interface {}",
-                 e.key, nk.address, nk.intf);
+        CASK_VRF_TRACE(
+            7, in_.vrfName,
+            "UpstreamWcSm::handleInitialized(), Deleting periodic (*,G) join for deleted "
+            "route {} for neighbor {} on interface {}",
+            e.key, nk.address, nk.intf);
         CASK_EVENT("UpstreamWcSm:handleInitialized(): delete *,g join. {} to neighbor: {} on {}",
                    e.key, nk.address, nk.intf);
     }
@@ -71,9 +68,9 @@ void UpstreamWcSm::handleWcRoute(const RouteKey& key) {
     Route* route = in_.localStatus->wcRoute().raw(key);
     const RhoRoute* old = route_.get(key);
     if (old && old->reactorRecord() == route) return;
-    if (old) UP_TRACE(6, "UpstreamWcSm::handleWcRoute({}), route deleted", key);
+    if (old) CASK_VRF_TRACE(6, in_.vrfName, "UpstreamWcSm::handleWcRoute({}), route deleted", key);
     if (RhoRoute* rho = route_.update(key, route, *this)) {
-        UP_TRACE(6, "UpstreamWcSm::handleWcRoute({}), route added", key);
+        CASK_VRF_TRACE(6, in_.vrfName, "UpstreamWcSm::handleWcRoute({}), route added", key);
         rho->handleRouteInit();
     }
 }
@@ -92,23 +89,27 @@ Rpf UpstreamWcSm::rpfPrimeWc(Route& route, bool updateUmh) {
     const RouteKey& key = route.key();
     const Wirl::IpGenAddr rp = rpOf(key.group());
     if (!validAddr(rp) || !in_.rpfTable || !in_.rpfTable->available()) {
-        UP_TRACE(7, "UpstreamWcSm::rpfPrimeWc({}), rpfPrimeWc: No RPF info for group {}", key,
-                 key.group());
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "UpstreamWcSm::rpfPrimeWc({}), rpfPrimeWc: No RPF info for group {}", key,
+                       key.group());
         return Rpf{};
     }
-    UP_TRACE(7, "UpstreamWcSm::rpfPrimeWc(), looking up RPF for RP {} for route {}", rp, key);
+    CASK_VRF_TRACE(7, in_.vrfName,
+                   "UpstreamWcSm::rpfPrimeWc(), looking up RPF for RP {} for route {}", rp, key);
     if (updateUmh) route.umh()->rpIs(rp);
     const auto lookup = in_.rpfTable->doLookup(rp);
     if (lookup) {
-        UP_TRACE(8,
-                 "UpstreamWcSm::rpfPrimeWc() rpfAttached {} for route {} rpfPrefix {} rpfIntfId {} "
-                 "rpf.rpfNeighbor {}",
-                 lookup->attached, key, lookup->prefix, lookup->rpf.intf, lookup->rpf.neighbor);
+        CASK_VRF_TRACE(
+            8, in_.vrfName,
+            "UpstreamWcSm::rpfPrimeWc() rpfAttached {} for route {} rpfPrefix {} rpfIntfId {} "
+            "rpf.rpfNeighbor {}",
+            lookup->attached, key, lookup->prefix, lookup->rpf.intf, lookup->rpf.neighbor);
         if (updateUmh) route.umh()->rpfAttachedIs(lookup->attached);
     }
     if (in_.rpLocalStatus && in_.rpLocalStatus->iAmRp(rp)) {
-        UP_TRACE(7, "UpstreamWcSm::rpfPrimeWc({}), rpfPrimeWc: I am RP {} for route {}", key, rp,
-                 key);
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "UpstreamWcSm::rpfPrimeWc({}), rpfPrimeWc: I am RP {} for route {}", key, rp,
+                       key);
         // The root of the shared tree: traffic arrives by register (or on
         // the RP's own interface) and no join goes further.
         Rpf atRp = lookup ? lookup->rpf : Rpf{Wirl::IntfId::register0(), {}};
@@ -116,8 +117,9 @@ Rpf UpstreamWcSm::rpfPrimeWc(Route& route, bool updateUmh) {
         return atRp;
     }
     if (!lookup) {
-        UP_TRACE(7, "UpstreamWcSm::rpfPrimeWc({}), rpfPrimeWc: No RPF info for group {}", key,
-                 key.group());
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "UpstreamWcSm::rpfPrimeWc({}), rpfPrimeWc: No RPF info for group {}", key,
+                       key.group());
         return Rpf{};
     }
     Rpf rpf = lookup->rpf;
@@ -126,21 +128,23 @@ Rpf UpstreamWcSm::rpfPrimeWc(Route& route, bool updateUmh) {
     const Intf* rpfIntf = route.routeIntfRaw(rpf.intf);
     if (rpfIntf && rpfIntf->assertInfo().assertState == AssertState::iAmAssertLoser) {
         rpf.neighbor = rpfIntf->assertWinner();
-        UP_TRACE(7, "UpstreamWcSm::rpfPrimeWc{}: I am assert loser, RPF {}", key, rpf.str());
+        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::rpfPrimeWc{}: I am assert loser, RPF {}", key,
+                       rpf.str());
     }
     // The winner of an assert is held to the same rule: a join goes only to
     // a known PIM neighbour, whose Join/Prune entry exists.
     if (rpf.intf.isRegister() || !in_.pimStatus->intfRaw(rpf.intf) ||
         !in_.pimStatus->neighborExists(rpf.intf, rpf.neighbor)) {
-        UP_TRACE(7, "UpstreamWcSm::rpfPrimeWc{}: No Pim enabled intf or neighbor for RPF {}", key,
-                 rpf.str());
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "UpstreamWcSm::rpfPrimeWc{}: No Pim enabled intf or neighbor for RPF {}",
+                       key, rpf.str());
         rpf.neighbor = Wirl::IpGenAddr();
     }
     return rpf;
 }
 
 bool UpstreamWcSm::doEvalRpfPrimeWc(Route& route) {
-    UP_TRACE(7, "UpstreamWcSm::doEvalRpfPrimeWc {}", route.key());
+    CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::doEvalRpfPrimeWc {}", route.key());
     const Rpf rpf = rpfPrimeWc(route, true);
     if (rpf == route.rpf()) return false;
     route.umh()->doUpdateRpf(rpf);
@@ -152,8 +156,10 @@ void UpstreamWcSm::doEvalJoinDesiredWc(Route& route) {
     const bool desired = route.joinDesiredWc();
     const UpJoinState state = route.upJoinState();
     if (state == UpJoinState::upNotJoined && desired) {
-        UP_TRACE(7, "UpstreamWcSm::doEvalJoinDesiredWc(): JoinDesired{} is True, UpJoinState: {}",
-                 key, state);
+        CASK_VRF_TRACE(
+            7, in_.vrfName,
+            "UpstreamWcSm::doEvalJoinDesiredWc(): JoinDesired{} is True, UpJoinState: {}", key,
+            state);
         CASK_EVENT("UpstreamWcSm: Route {}, flags: {}, upNotJoined --> upJoined", key,
                    route.routeFlagsStr());
         route.upJoinStateIs(UpJoinState::upJoined);
@@ -162,15 +168,18 @@ void UpstreamWcSm::doEvalJoinDesiredWc(Route& route) {
             doRpfNeighborJoin(key, route.rpf().intf, route.rpf().neighbor);
         }
     } else if (state == UpJoinState::upJoined && !desired) {
-        UP_TRACE(7, "UpstreamWcSm::doEvalJoinDesiredWc(): JoinDesired{} is False, UpJoinState: {}",
-                 key, state);
+        CASK_VRF_TRACE(
+            7, in_.vrfName,
+            "UpstreamWcSm::doEvalJoinDesiredWc(): JoinDesired{} is False, UpJoinState: {}", key,
+            state);
         CASK_EVENT("UpstreamWcSm: Route {}, flags: {}, upJoined --> upNotJoined", key,
                    route.routeFlagsStr());
         doPrevRpfNeighborCleanup(key, route.rpf());
         if (route.iifSwitching()) {
-            UP_TRACE(7,
-                     "UpstreamWcSm::doEvalJoinDesiredWc(){} JoinDesired is False, IifSwitching: {}",
-                     key, route.iifSwitching());
+            CASK_VRF_TRACE(
+                7, in_.vrfName,
+                "UpstreamWcSm::doEvalJoinDesiredWc(){} JoinDesired is False, IifSwitching: {}", key,
+                route.iifSwitching());
             CASK_EVENT("UpstreamWcSm: Route {}, flags: {}, cancel iifSwitching ", key,
                        route.routeFlagsStr());
             const Rpf prev = route.prevRpf();
@@ -188,35 +197,41 @@ void UpstreamWcSm::doRpfNeighborJoin(const RouteKey& key, Wirl::IntfId intf,
     if (!validAddr(neighbor) || intf.isRegister()) return;
     const Wirl::IpGenAddr rp = rpOf(key.group());
     if (!validAddr(rp)) {
-        UP_TRACE(7, "UpstreamWcSm::doRpfNeighborJoin({}), No RP found for group {}", key,
-                 key.group());
-        UP_TRACE(8, "UpstreamWcSm:doRpfNeighborJoin Route {}, no RP found ", key);
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "UpstreamWcSm::doRpfNeighborJoin({}), No RP found for group {}", key,
+                       key.group());
+        CASK_VRF_TRACE(8, in_.vrfName, "UpstreamWcSm:doRpfNeighborJoin Route {}, no RP found ",
+                       key);
         return;
     }
     if (!in_.rpfTable || !in_.rpfTable->doLookup(rp)) {
-        UP_TRACE(7, "UpstreamWcSm::doRpfNeighborJoin({}), No RPF info for group {}", key,
-                 key.group());
-        UP_TRACE(8, "UpstreamWcSm:doRpfNeighborJoin Route {}, no rpInfo ", key);
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "UpstreamWcSm::doRpfNeighborJoin({}), No RPF info for group {}", key,
+                       key.group());
+        CASK_VRF_TRACE(8, in_.vrfName, "UpstreamWcSm:doRpfNeighborJoin Route {}, no rpInfo ", key);
         return;
     }
     JoinPruneNeighbor& nbr = writer_.rpfNeighbor(intf, neighbor);
-    UP_TRACE(7, "UpstreamWcSm:doRpfNeighborJoin Route {}, sending join to neighbor: {}", key,
-             neighbor);
+    CASK_VRF_TRACE(7, in_.vrfName,
+                   "UpstreamWcSm:doRpfNeighborJoin Route {}, sending join to neighbor: {}", key,
+                   neighbor);
     doWriteJoin(nbr, key.group(), rp);
 }
 
 void UpstreamWcSm::doWriteJoin(JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
                                const Wirl::IpGenAddr& rp) {
     const auto& neighbor = nbr.key().address;
-    UP_TRACE(8,
-             "UpstreamWcSm::doRpfNeighborJoin(), RPF change: Adding periodic join for neighbor {}",
-             neighbor);
+    CASK_VRF_TRACE(
+        8, in_.vrfName,
+        "UpstreamWcSm::doRpfNeighborJoin(), RPF change: Adding periodic join for neighbor {}",
+        neighbor);
     // The periodic set keeps one (*,G) entry per group: a join toward a
     // former RP goes.
     writer_.entryIs(nbr, JoinPruneSet::periodic, JoinPruneEntry::wcJoin(group, rp));
-    UP_TRACE(8,
-             "UpstreamWcSm::doRpfNeighborJoin(), RPF change: Sending triggered join to neighbor {}",
-             neighbor);
+    CASK_VRF_TRACE(
+        8, in_.vrfName,
+        "UpstreamWcSm::doRpfNeighborJoin(), RPF change: Sending triggered join to neighbor {}",
+        neighbor);
     doDropFormerRpJoins(nbr, group, rp);
     // It refers to the periodic record, so it carries the group's (S,G,rpt)
     // prunes.
@@ -236,10 +251,11 @@ void UpstreamWcSm::doDropFormerRpJoins(JoinPruneNeighbor& nbr, const Wirl::IpGen
             if (d.join && other != rp) former.push_back(other);
         }
         for (const auto& other : former) {
-            UP_TRACE(8,
-                     "UpstreamWcSm::doDropFormerRpJoins(), Deleting pending join for group {} "
-                     "toward former RP {} for neighbor {}",
-                     group, other, nbr.key().address);
+            CASK_VRF_TRACE(
+                8, in_.vrfName,
+                "UpstreamWcSm::doDropFormerRpJoins(), Deleting pending join for group {} "
+                "toward former RP {} for neighbor {}",
+                group, other, nbr.key().address);
             writer_.entryDel(nbr, set, JoinPruneEntry::wcJoin(group, other));
         }
     }
@@ -264,8 +280,8 @@ bool UpstreamWcSm::rpChanged(const Route& route) const {
 void UpstreamWcSm::handleRpChange(Route& route) {
     const RouteKey key = route.key();
     const Wirl::IpGenAddr rp = rpOf(key.group());
-    UP_TRACE(6, "UpstreamWcSm::handleRpChange({}) rp: {} previous rp: {}", key, rp,
-             route.umh()->rp());
+    CASK_VRF_TRACE(6, in_.vrfName, "UpstreamWcSm::handleRpChange({}) rp: {} previous rp: {}", key,
+                   rp, route.umh()->rp());
     CASK_EVENT("UpstreamWcSm: Route {}, RP changed to {}", key, rp);
     // rpfPrimeWc stores only an RP it finds: a withdrawn mapping leaves none.
     if (!validAddr(rp)) route.umh()->rpIs(Wirl::IpGenAddr());
@@ -278,8 +294,9 @@ void UpstreamWcSm::handleRpChange(Route& route) {
         if (nbr && validAddr(rp) &&
             !JoinPruneWriter::has(*nbr, JoinPruneSet::periodic,
                                   JoinPruneEntry::wcJoin(key.group(), rp))) {
-            UP_TRACE(
-                7, "UpstreamWcSm::handleRpChange({}), same neighbor {}: sending join toward RP {}",
+            CASK_VRF_TRACE(
+                7, in_.vrfName,
+                "UpstreamWcSm::handleRpChange({}), same neighbor {}: sending join toward RP {}",
                 key, rpf.neighbor, rp);
             doRpfNeighborJoin(key, rpf.intf, rpf.neighbor);
         }
@@ -291,28 +308,31 @@ void UpstreamWcSm::doPrevRpfNeighborCleanup(const RouteKey& key, const Rpf& prev
     if (!prevRpf.hasNeighbor()) return;
     const auto& neighbor = prevRpf.neighbor;
     const auto& group = key.group();
-    UP_TRACE(7, "UpstreamWcSm:doPrevRpfNeighborCleanup Route {}, prevNeighbor: {}", key, neighbor);
+    CASK_VRF_TRACE(7, in_.vrfName,
+                   "UpstreamWcSm:doPrevRpfNeighborCleanup Route {}, prevNeighbor: {}", key,
+                   neighbor);
     JoinPruneNeighbor* nbr = writer_.neighbor(prevRpf.intf, neighbor);
     if (!nbr) {
         // Its entry went with the neighbour, and nothing can be sent to it.
-        UP_TRACE(7, "UpstreamWcSm::doPrevRpfNeighborCleanup({}), Neighbor down", key);
+        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::doPrevRpfNeighborCleanup({}), Neighbor down",
+                       key);
         return;
     }
     const JoinPruneEntry anyWc = JoinPruneEntry::wcAny(group);
-    UP_TRACE(
-        8,
+    CASK_VRF_TRACE(
+        8, in_.vrfName,
         "UpstreamWcSm::doPrevRpfNeighborCleanup(), RPF'(*,G) change: Deleting periodic join for "
         "route {} for neighbor {}",
         key, neighbor);
     writer_.entryDel(*nbr, JoinPruneSet::periodic, anyWc);
-    UP_TRACE(
-        8,
+    CASK_VRF_TRACE(
+        8, in_.vrfName,
         "UpstreamWcSm::doPrevRpfNeighborCleanup(), Deleting pending triggered join for route {} "
         "for neighbor {}",
         key, neighbor);
     writer_.entryDel(*nbr, JoinPruneSet::triggered, anyWc);
-    UP_TRACE(
-        8,
+    CASK_VRF_TRACE(
+        8, in_.vrfName,
         "UpstreamWcSm::doPrevRpfNeighborCleanup(), Deleting pending override join for route {} "
         "for neighbor {}",
         key, neighbor);
@@ -320,20 +340,23 @@ void UpstreamWcSm::doPrevRpfNeighborCleanup(const RouteKey& key, const Rpf& prev
 
     const Wirl::IpGenAddr rp = rpOf(group);
     if (!validAddr(rp)) {
-        UP_TRACE(7, "UpstreamWcSm::doPrevRpfNeighborCleanup({}), No RP found for group {}", key,
-                 group);
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "UpstreamWcSm::doPrevRpfNeighborCleanup({}), No RP found for group {}", key,
+                       group);
         return;
     }
     if (!in_.rpfTable || !in_.rpfTable->doLookup(rp)) {
-        UP_TRACE(7, "UpstreamWcSm::doPrevRpfNeighborCleanup({}), No RPF info for group {}", key,
-                 group);
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "UpstreamWcSm::doPrevRpfNeighborCleanup({}), No RPF info for group {}", key,
+                       group);
         return;
     }
     if (!in_.pimStatus->activeNeighborHas(NeighborKey{prevRpf.intf, neighbor})) return;
-    UP_TRACE(7,
-             "UpstreamWcSm::doPrevRpfNeighborCleanup(), Sending triggered prune for route {} to "
-             "neighbor {}",
-             key, neighbor);
+    CASK_VRF_TRACE(
+        7, in_.vrfName,
+        "UpstreamWcSm::doPrevRpfNeighborCleanup(), Sending triggered prune for route {} to "
+        "neighbor {}",
+        key, neighbor);
     writer_.entryIs(*nbr, JoinPruneSet::triggered, JoinPruneEntry::wcPrune(group, rp));
 }
 
@@ -345,10 +368,10 @@ void UpstreamWcSm::doMaybeSetForwardBit(Wirl::IntfId id, Route& route) {
     if (want == intf->forward()) return;
     const RouteKey& key = route.key();
     if (want) {
-        UP_TRACE(7, "UpstreamWcSm::{}, Added {} to OIF set", key, id);
+        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::{}, Added {} to OIF set", key, id);
         CASK_EVENT("UpstreamWcSm: Add intf {} to OIF set of route {}", id, key);
     } else {
-        UP_TRACE(7, "UpstreamWcSm::{}, Removed {} from OIF set", key, id);
+        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::{}, Removed {} from OIF set", key, id);
         CASK_EVENT("UpstreamWcSm: Remove intf {} from OIF set of  route {}", id, key);
     }
     intf->forwardIs(want);
@@ -363,7 +386,9 @@ void UpstreamWcSm::doMaybeSetFastForwardBit(Wirl::IntfId id, Route& route) {
     const bool eligible = route.umhFrr() && id != route.rpfFrr().intf;
     if (!eligible) {
         if (!intf->fastForward()) return;
-        UP_TRACE(7, "UpstreamWcSm::{}, Removed ineligible {} from fast forward OIF set", key, id);
+        CASK_VRF_TRACE(7, in_.vrfName,
+                       "UpstreamWcSm::{}, Removed ineligible {} from fast forward OIF set", key,
+                       id);
         CASK_EVENT("UpstreamWcSm: Remove ineligible intf {} from fast forward OIF set of route {}",
                    id, key);
         intf->fastForwardIs(false);
@@ -372,10 +397,12 @@ void UpstreamWcSm::doMaybeSetFastForwardBit(Wirl::IntfId id, Route& route) {
     const bool want = id != route.iif() && intf->immediateOlistWc();
     if (want == intf->fastForward()) return;
     if (want) {
-        UP_TRACE(7, "UpstreamWcSm::{}, Added {} to fast forward OIF set", key, id);
+        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::{}, Added {} to fast forward OIF set", key,
+                       id);
         CASK_EVENT("UpstreamWcSm: Add intf {} to fast forward OIF set of route {}", id, key);
     } else {
-        UP_TRACE(7, "UpstreamWcSm::{}, Removed {} from fast forward OIF set", key, id);
+        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::{}, Removed {} from fast forward OIF set",
+                       key, id);
         CASK_EVENT("UpstreamWcSm: Remove intf {} from fast forward OIF set of  route {}", id, key);
     }
     intf->fastForwardIs(want);
@@ -408,14 +435,16 @@ bool UpstreamWcSm::ignoreRxJoinPrune(const JoinPruneMessageInfo& m) const {
         return false;
     }
     const Rpf rpf = route ? route->rpf() : Rpf{};
-    UP_TRACE(7, "UpstreamWcSm::ignoreRxJoinPrune() Rpf: {} Msg: {} Neigh: {} MsgNeigh: {}{}",
-             rpf.str(), m.riKey, rpf.neighbor, m.upstreamNeighbor, reason);
+    CASK_VRF_TRACE(7, in_.vrfName,
+                   "UpstreamWcSm::ignoreRxJoinPrune() Rpf: {} Msg: {} Neigh: {} MsgNeigh: {}{}",
+                   rpf.str(), m.riKey, rpf.neighbor, m.upstreamNeighbor, reason);
     return true;
 }
 
 void UpstreamWcSm::handleRxJoin() {
     const JoinPruneMessageInfo m = in_.joinPruneRxStatus->rxJoin();
-    UP_TRACE(6, "UpstreamWcSm::handleRxJoin({}) on {} from {}", m.riKey, m.intf, m.sender);
+    CASK_VRF_TRACE(6, in_.vrfName, "UpstreamWcSm::handleRxJoin({}) on {} from {}", m.riKey, m.intf,
+                   m.sender);
     if (ignoreRxJoinPrune(m)) {
         ignoredRxJoinsInc();
         return;
@@ -434,18 +463,20 @@ void UpstreamWcSm::handleRxJoin() {
         why = ", No periodic join for source";
     }
     if (why) {
-        UP_TRACE(7, "UpstreamWcSm::handleRxJoin({}){}", m.riKey, why);
+        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::handleRxJoin({}){}", m.riKey, why);
         ignoredRxJoinsInc();
         return;
     }
-    UP_TRACE(7, "UpstreamWcSm::handleRxJoin({}), Suppressing periodic join to neighbor {}", m.riKey,
-             rpf.neighbor);
+    CASK_VRF_TRACE(7, in_.vrfName,
+                   "UpstreamWcSm::handleRxJoin({}), Suppressing periodic join to neighbor {}",
+                   m.riKey, rpf.neighbor);
     writer_.wcSuppressedIs(*nbr, group, m.wcSource);
 }
 
 void UpstreamWcSm::handleRxPrune() {
     const JoinPruneMessageInfo m = in_.joinPruneRxStatus->rxPrune();
-    UP_TRACE(6, "UpstreamWcSm::handleRxPrune({}) on {} from {}", m.riKey, m.intf, m.sender);
+    CASK_VRF_TRACE(6, in_.vrfName, "UpstreamWcSm::handleRxPrune({}) on {} from {}", m.riKey, m.intf,
+                   m.sender);
     if (ignoreRxJoinPrune(m)) {
         ignoredRxPrunesInc();
         return;
@@ -454,7 +485,7 @@ void UpstreamWcSm::handleRxPrune() {
     const Rpf& rpf = *rxRpf(route, m);
     JoinPruneNeighbor* nbr = writer_.neighbor(rpf.intf, rpf.neighbor);
     if (!nbr) {
-        UP_TRACE(7, "UpstreamWcSm::handleRxPrune({}), Neighbor down", m.riKey);
+        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::handleRxPrune({}), Neighbor down", m.riKey);
         ignoredRxPrunesInc();
         return;
     }
@@ -462,9 +493,11 @@ void UpstreamWcSm::handleRxPrune() {
     const Wirl::IpGenAddr rp = validAddr(route.umh()->rp()) ? route.umh()->rp() : m.wcSource;
     const JoinPruneGroupData* groupPeriodic =
         writer_.groupData(*nbr, JoinPruneSet::periodic, group);
-    UP_TRACE(7, "UpstreamWcSm::handleRxPrune({}), Sending override join", m.riKey);
-    UP_TRACE(8, "UpstreamWcSm::handleRxPrune(), groupPeriodic {} for neighbor {}",
-             groupPeriodic ? "present" : "absent", rpf.neighbor);
+    CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::handleRxPrune({}), Sending override join",
+                   m.riKey);
+    CASK_VRF_TRACE(8, in_.vrfName,
+                   "UpstreamWcSm::handleRxPrune(), groupPeriodic {} for neighbor {}",
+                   groupPeriodic ? "present" : "absent", rpf.neighbor);
     // Refers to the periodic record, so it carries the group's (S,G,rpt)
     // prunes.
     writer_.entryIs(*nbr, JoinPruneSet::override_, JoinPruneEntry::wcJoin(group, rp));

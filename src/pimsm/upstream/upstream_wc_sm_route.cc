@@ -9,9 +9,6 @@ namespace Routing::Pim::SparseMode {
 using Routing::Pim::RouteKey;
 using Routing::Pim::Rpf;
 
-#define RHO_TRACE(lvl, f, ...) \
-    CASK_TRACE(lvl, "<Vrf:{}>" f, sm_.vrfName() __VA_OPT__(, ) __VA_ARGS__)
-
 UpstreamWcSm::RhoRoute::RhoRoute(UpstreamWcSm& sm, Route& route) : RouteReactor(route), sm_(sm) {}
 
 UpstreamWcSm::RhoRoute::~RhoRoute() = default;
@@ -55,9 +52,10 @@ void UpstreamWcSm::RhoRoute::handleRpf() {
     Route& r = route();
     const RouteKey key = r.key();
     const Rpf rpf = r.rpf();
-    RHO_TRACE(6, "UpstreamWcSm::handleRpf({}) rpf: {}", key, rpf.str());
+    CASK_VRF_TRACE(6, sm_.vrfName(), "UpstreamWcSm::handleRpf({}) rpf: {}", key, rpf.str());
     if (r.upJoinState() == UpJoinState::upJoined && rpf.hasNeighbor()) {
-        RHO_TRACE(7, "UpstreamWcSm:handleRpf(): Route {} join to neighbor: {}", key, rpf.neighbor);
+        CASK_VRF_TRACE(7, sm_.vrfName(), "UpstreamWcSm:handleRpf(): Route {} join to neighbor: {}",
+                       key, rpf.neighbor);
         sm_.doRpfNeighborJoin(key, rpf.intf, rpf.neighbor);
     }
     // The neighbour to leave: the one an incoming-interface switch holds,
@@ -68,8 +66,9 @@ void UpstreamWcSm::RhoRoute::handleRpf() {
     const bool held = r.prevRpf().hasNeighbor();
     if (prev.hasNeighbor() && !sameNeighbor(prev, rpf) &&
         (held || (!r.iifSwitching() && sm_.joinWrittenAt(prev, key.group())))) {
-        RHO_TRACE(7, "UpstreamWcSm:handleRpf(): Route {} cleanup prevNeighbor: {} intfId: {}", key,
-                  prev.neighbor, prev.intf);
+        CASK_VRF_TRACE(7, sm_.vrfName(),
+                       "UpstreamWcSm:handleRpf(): Route {} cleanup prevNeighbor: {} intfId: {}",
+                       key, prev.neighbor, prev.intf);
         sm_.doPrevRpfNeighborCleanup(key, prev);
     }
     const Wirl::IntfId oldIif = former.intf;
@@ -86,19 +85,21 @@ void UpstreamWcSm::RhoRoute::handleChangeFlags() {
     const ChangeFlags flags = r.changeFlags();
     if (flags.empty()) return;  // the review clearing them
     const RouteKey key = r.key();
-    RHO_TRACE(6, "UpstreamWcSm::handleChangeFlags(), Change flags: {} route:iif: {}:{}", flags, key,
-              r.iif());
+    CASK_VRF_TRACE(6, sm_.vrfName(),
+                   "UpstreamWcSm::handleChangeFlags(), Change flags: {} route:iif: {}:{}", flags,
+                   key, r.iif());
     // What can move RPF'(*,G) or needs its neighbour told again; the backup
     // upstream, border and DR changes belong to other machines.
     const ChangeFlags upstream{Bit::rpfIntfStatus,   Bit::rpfBoundary,    Bit::prevRpfIntfStatus,
                                Bit::rpfNbrStatus,    Bit::rpfNbrGenId,    Bit::prevRpfNbrStatus,
                                Bit::prevRpfNbrGenId, Bit::rpfRouteChanged};
     if (!flags.hasAny(upstream)) {
-        RHO_TRACE(7, "UpstreamWcSm::handleChangeFlags(), Ignoring change flags: {}", flags);
+        CASK_VRF_TRACE(7, sm_.vrfName(),
+                       "UpstreamWcSm::handleChangeFlags(), Ignoring change flags: {}", flags);
         return;
     }
     const Rpf old = r.rpf();
-    RHO_TRACE(7, "UpstreamWcSm::doEvalRpfPrimeWc {}", key);
+    CASK_VRF_TRACE(7, sm_.vrfName(), "UpstreamWcSm::doEvalRpfPrimeWc {}", key);
     const Rpf fresh = sm_.rpfPrimeWc(r, true);
     if (fresh.intf != old.intf && r.prevRpf().resolved()) r.beginIifSwitchInc();
     if (fresh != old) {
@@ -112,10 +113,11 @@ void UpstreamWcSm::RhoRoute::handleChangeFlags() {
                 rp.family() == Wirl::AddressFamily::ipunknown) {
                 return;
             }
-            RHO_TRACE(7,
-                      "UpstreamWcSm::handleChangeFlags(), Sending triggered joins: {} intfId: {} "
-                      "neighbor: {}",
-                      key, to.intf, to.neighbor);
+            CASK_VRF_TRACE(
+                7, sm_.vrfName(),
+                "UpstreamWcSm::handleChangeFlags(), Sending triggered joins: {} intfId: {} "
+                "neighbor: {}",
+                key, to.intf, to.neighbor);
             sm_.doWriteJoin(*nbr, key.group(), rp);
         };
         if (flags.has(Bit::rpfNbrGenId) || flags.has(Bit::rpfNbrStatus)) resend(fresh);
@@ -149,7 +151,7 @@ void UpstreamWcSm::RhoRoute::handleIntfChange(Wirl::IntfId id, bool assertChange
 
 void UpstreamWcSm::RhoRoute::handleDelete() {
     Route& r = route();
-    RHO_TRACE(6, "UpstreamWcSm::handleDelete({})", r.key());
+    CASK_VRF_TRACE(6, sm_.vrfName(), "UpstreamWcSm::handleDelete({})", r.key());
     if (r.upJoinState() == UpJoinState::upJoined) sm_.doPrevRpfNeighborCleanup(r.key(), r.rpf());
 }
 
