@@ -198,6 +198,7 @@ TEST_F(IntfStateSmTest, TraceLinesShowOldAndNewStateAndAreFormattedOnlyWhenWritt
     ring.clear();
     Cask::eventLog().clear();
     ring.levelIs(6);
+    Cask::eventLog().levelIs(4);  // another test may have turned it off
     sm->doChangeState(JoinState::joined);
     const std::string key = " (10.0.0.1, 239.1.1.1)";
     sm->doChangeState(JoinState::noInfo,
@@ -206,6 +207,8 @@ TEST_F(IntfStateSmTest, TraceLinesShowOldAndNewStateAndAreFormattedOnlyWhenWritt
                                 "route{}, flags: , join state: ",
                                 intf->intfId(), key)
                           .tail(" "));
+    ASSERT_FALSE(ring.lines().empty());
+    ASSERT_FALSE(Cask::eventLog().lines().empty());
     EXPECT_EQ(ring.lines().back().text,
               "<Vrf:red>Expiry timer expired, downstream join state joined --> noInfo");
     EXPECT_EQ(Cask::eventLog().lines().back().text,
