@@ -41,18 +41,6 @@ enum class IntfAttr : std::uint8_t {
     changeFlags,
 };
 
-// An attribute whose setter tells the record's watchers and then the
-// route's (see `notifyWithRoute`).
-#define PIMSM_INTF_ROUTE_ATTR(Type, name, Name)                   \
-    const Type& name() const {                                    \
-        return name##_;                                           \
-    }                                                             \
-    void name##Is(const Type& v) {                                \
-        if (name##_ == v) return;                                 \
-        name##_ = v;                                              \
-        notifyWithRoute(&Notifiee::handle##Name, IntfAttr::name); \
-    }
-
 class Intf : public Cask::Record<Intf> {
 public:
     class Notifiee : public Cask::NotifieeOf<Intf> {
@@ -88,17 +76,17 @@ public:
     Route* route() const { return route_; }
 
     // Local receivers (from group membership).
-    PIMSM_INTF_ROUTE_ATTR(bool, localMembership, LocalMembership)
-    PIMSM_INTF_ROUTE_ATTR(bool, localReceiverInclude, LocalReceiverInclude)
-    PIMSM_INTF_ROUTE_ATTR(bool, localReceiverExclude, LocalReceiverExclude)
+    PIMSM_ROUTE_PART_ATTR(bool, localMembership, LocalMembership, IntfAttr)
+    PIMSM_ROUTE_PART_ATTR(bool, localReceiverInclude, LocalReceiverInclude, IntfAttr)
+    PIMSM_ROUTE_PART_ATTR(bool, localReceiverExclude, LocalReceiverExclude, IntfAttr)
     // The interface is in the outgoing list, and in the fast-failover one.
-    PIMSM_INTF_ROUTE_ATTR(bool, forward, Forward)
-    PIMSM_INTF_ROUTE_ATTR(bool, fastForward, FastForward)
+    PIMSM_ROUTE_PART_ATTR(bool, forward, Forward, IntfAttr)
+    PIMSM_ROUTE_PART_ATTR(bool, fastForward, FastForward, IntfAttr)
     // Downstream states.
-    PIMSM_INTF_ROUTE_ATTR(JoinState, joinState, JoinState)
-    PIMSM_INTF_ROUTE_ATTR(RptState, rptState, RptState)
+    PIMSM_ROUTE_PART_ATTR(JoinState, joinState, JoinState, IntfAttr)
+    PIMSM_ROUTE_PART_ATTR(RptState, rptState, RptState, IntfAttr)
     // Assert state, the last action taken (1 to 6; 0 after a reset), counters.
-    PIMSM_INTF_ROUTE_ATTR(AssertInfo, assertInfo, AssertInfo)
+    PIMSM_ROUTE_PART_ATTR(AssertInfo, assertInfo, AssertInfo, IntfAttr)
     CASK_ATTR(std::uint8_t, lastAssertAction, LastAssertAction)
     CASK_COUNTER(std::uint32_t, rxPreferredAssert, RxPreferredAssert)
     CASK_COUNTER(std::uint32_t, rxInferiorAssert, RxInferiorAssert)
@@ -109,7 +97,7 @@ public:
     // Counters: the (*,G) route's interface, or the PIM interface, changed.
     CASK_COUNTER(std::uint32_t, wcIntfChanged, WcIntfChanged)
     CASK_COUNTER(std::uint32_t, pimIntfChanged, PimIntfChanged)
-    PIMSM_INTF_ROUTE_ATTR(IntfChangeFlags, changeFlags, ChangeFlags)
+    PIMSM_ROUTE_PART_ATTR(IntfChangeFlags, changeFlags, ChangeFlags, IntfAttr)
     // Marked for removal by the next route review.
     CASK_ATTR(bool, toBeDeleted, ToBeDeleted)
     CASK_ATTR(bool, initialized, Initialized)
@@ -188,7 +176,5 @@ private:
     double lastJoinReceived_ = 0;
     double lastRptPruneReceived_ = 0;
 };
-
-#undef PIMSM_INTF_ROUTE_ATTR
 
 }  // namespace Routing::Pim::SparseMode

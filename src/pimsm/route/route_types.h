@@ -110,3 +110,16 @@ struct fmt::formatter<E> : fmt::formatter<std::string_view> {
         return fmt::formatter<std::string_view>::format(Routing::Pim::SparseMode::enumName(e), ctx);
     }
 };
+
+// An attribute of a record that belongs to a route (an interface record, an
+// upstream): its setter tells the record's own watchers, then the route's,
+// naming the attribute by `Attr::name` (see `notifyWithRoute`).
+#define PIMSM_ROUTE_PART_ATTR(Type, name, Name, Attr)         \
+    const Type& name() const {                                \
+        return name##_;                                       \
+    }                                                         \
+    void name##Is(const Type& v) {                            \
+        if (name##_ == v) return;                             \
+        name##_ = v;                                          \
+        notifyWithRoute(&Notifiee::handle##Name, Attr::name); \
+    }

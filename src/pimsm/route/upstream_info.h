@@ -27,16 +27,6 @@ enum class UmhAttr : std::uint8_t {
     upRptState,
 };
 
-#define PIMSM_UMH_ATTR(Type, name, Name)                         \
-    const Type& name() const {                                   \
-        return name##_;                                          \
-    }                                                            \
-    void name##Is(const Type& v) {                               \
-        if (name##_ == v) return;                                \
-        name##_ = v;                                             \
-        notifyWithRoute(&Notifiee::handle##Name, UmhAttr::name); \
-    }
-
 class UpstreamInfo : public Cask::Record<UpstreamInfo> {
 public:
     class Notifiee : public Cask::NotifieeOf<UpstreamInfo> {
@@ -74,13 +64,13 @@ public:
         r.neighbor = formerRpfNeighbor_;
         return r;
     }
-    PIMSM_UMH_ATTR(Routing::Pim::Rpf, prevRpf, PrevRpf)
+    PIMSM_ROUTE_PART_ATTR(Routing::Pim::Rpf, prevRpf, PrevRpf, UmhAttr)
     // The incoming multicast border interface, if any.
-    PIMSM_UMH_ATTR(Wirl::IntfId, mbrIif, MbrIif)
+    PIMSM_ROUTE_PART_ATTR(Wirl::IntfId, mbrIif, MbrIif, UmhAttr)
     // The source (or the RP, for a (*,G) route) is directly connected.
-    PIMSM_UMH_ATTR(bool, rpfAttached, RpfAttached)
+    PIMSM_ROUTE_PART_ATTR(bool, rpfAttached, RpfAttached, UmhAttr)
     // The RP of the group, as last resolved.
-    PIMSM_UMH_ATTR(Wirl::IpGenAddr, rp, Rp)
+    PIMSM_ROUTE_PART_ATTR(Wirl::IpGenAddr, rp, Rp, UmhAttr)
     UpRptState upRptState() const { return upRptState_; }
     UpRptState prevRptState() const { return prevRptState_; }
 
@@ -109,7 +99,5 @@ private:
     Wirl::IntfId formerRpfIntf_;
     Wirl::IpGenAddr formerRpfNeighbor_;
 };
-
-#undef PIMSM_UMH_ATTR
 
 }  // namespace Routing::Pim::SparseMode
