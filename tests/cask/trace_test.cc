@@ -3,23 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "cask/assert.h"
+#include "cask/format_probe.h"
 #include "cask/trace.h"
-
-namespace {
-
-struct Costly {
-    int* formatted;
-};
-
-}  // namespace
-
-template <>
-struct fmt::formatter<Costly> : fmt::formatter<int> {
-    auto format(const Costly& c, format_context& ctx) const {
-        ++*c.formatted;
-        return fmt::formatter<int>::format(0, ctx);
-    }
-};
 
 namespace {
 

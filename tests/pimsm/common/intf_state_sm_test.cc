@@ -13,25 +13,10 @@
 
 #include "cask/clock.h"
 #include "cask/event_loop.h"
+#include "cask/format_probe.h"
 #include "cask/random.h"
 #include "cask/trace.h"
 #include "pimsm/route/intf.h"
-
-namespace {
-
-struct Costly {
-    int* formatted;
-};
-
-}  // namespace
-
-template <>
-struct fmt::formatter<Costly> : fmt::formatter<int> {
-    auto format(const Costly& c, format_context& ctx) const {
-        ++*c.formatted;
-        return fmt::formatter<int>::format(0, ctx);
-    }
-};
 
 namespace {
 
