@@ -101,7 +101,8 @@ void joinPruneRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
             {"triggered", &entry->sentTriggered()},
             {"override", &entry->sentOverride()}};
         for (const auto& [set, data] : sets) {
-            for (const auto& [group, g] : data->joinPruneGroupData()) {
+            for (const auto* g : data->groupsInOrder()) {
+                const auto& group = g->group();
                 Json joins = Json::array();
                 Json prunes = Json::array();
                 for (const auto& [rp, wc] : g->wcSourceData()) {

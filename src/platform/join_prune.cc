@@ -1,5 +1,7 @@
 #include "platform/join_prune.h"
 
+#include <algorithm>
+
 #include "cask/assert.h"
 
 namespace Routing::Pim {
@@ -60,6 +62,15 @@ void JoinPruneData::joinPruneGroupDataCopyIs(const JoinPruneData& other) {
     }
 }
 
+std::vector<const JoinPruneGroupData*> JoinPruneData::groupsInOrder() const {
+    std::vector<const JoinPruneGroupData*> out;
+    out.reserve(joinPruneGroupData_.size());
+    for (const auto& [group, gd] : joinPruneGroupData_) out.push_back(gd.get());
+    std::sort(out.begin(), out.end(),
+              [](const auto* a, const auto* b) { return a->group() < b->group(); });
+    return out;
+}
+
 void JoinPruneNeighbor::pendingSent() {
     const std::pair<JoinPruneData*, JoinPruneData*> sets[] = {
         {pendingTriggered_.get(), sentTriggered_.get()},
@@ -83,7 +94,8 @@ void JoinPruneMessage::forEachEntry(
     m.upstreamNeighbor = upstreamNeighbor;
     m.intf = intf;
     m.holdTime = holdTime;
-    for (const auto& [group, gd] : data->joinPruneGroupData()) {
+    for (const JoinPruneGroupData* gd : data->groupsInOrder()) {
+        const Wirl::IpGenAddr& group = gd->group();
         m.sourceFlags = Packet::SourceFlags{true, true, true};
         m.riKey = RouteKey::wc(group);
         for (bool join : {true, false}) {
@@ -94,11 +106,11 @@ void JoinPruneMessage::forEachEntry(
             }
         }
         m.wcSource = Wirl::IpGenAddr();
-        const std::pair<Packet::SourceFlags, const Cask::OrderedKeySet<Wirl::IpGenAddr>*> kinds[] =
-            {{Packet::SourceFlags{true, false, false}, &gd->joinedSource()},
-             {Packet::SourceFlags{true, false, false}, &gd->prunedSource()},
-             {Packet::SourceFlags{true, false, true}, &gd->joinedRptSource()},
-             {Packet::SourceFlags{true, false, true}, &gd->prunedRptSource()}};
+        const std::pair<Packet::SourceFlags, const JoinPruneGroupData::SourceSet*> kinds[] = {
+            {Packet::SourceFlags{true, false, false}, &gd->joinedSource()},
+            {Packet::SourceFlags{true, false, false}, &gd->prunedSource()},
+            {Packet::SourceFlags{true, false, true}, &gd->joinedRptSource()},
+            {Packet::SourceFlags{true, false, true}, &gd->prunedRptSource()}};
         for (std::size_t i = 0; i < std::size(kinds); ++i) {
             m.sourceFlags = kinds[i].first;
             for (const auto& source : *kinds[i].second) {

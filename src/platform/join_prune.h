@@ -23,8 +23,10 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <vector>
 
 #include "cask/collection.h"
+#include "cask/lazy_set.h"
 #include "platform/membership.h"
 #include "platform/route_key.h"
 #include "wirl/intf_id.h"
@@ -55,6 +57,10 @@ public:
         virtual void handleJoinSuppressSource(const Wirl::IpGenAddr&) {}
         virtual void handlePeriodicPrunedRptGroupData() {}
     };
+    // One group's sources of one kind; empty sets cost a pointer, since most
+    // group records carry only a (*,G) entry.
+    using SourceSet = Cask::LazyKeySet<Wirl::IpGenAddr>;
+
     explicit JoinPruneGroupData(const Wirl::IpGenAddr& group) : group_(group) {}
     const Wirl::IpGenAddr& group() const { return group_; }
 
@@ -89,11 +95,11 @@ private:
     Wirl::IpGenAddr group_;
     Cask::ValueMap<Wirl::IpGenAddr, WcSourceData, std::map<Wirl::IpGenAddr, WcSourceData>>
         wcSourceData_;
-    Cask::OrderedKeySet<Wirl::IpGenAddr> joinedSource_;
-    Cask::OrderedKeySet<Wirl::IpGenAddr> prunedSource_;
-    Cask::OrderedKeySet<Wirl::IpGenAddr> joinedRptSource_;
-    Cask::OrderedKeySet<Wirl::IpGenAddr> prunedRptSource_;
-    Cask::OrderedKeySet<Wirl::IpGenAddr> joinSuppressSource_;
+    SourceSet joinedSource_;
+    SourceSet prunedSource_;
+    SourceSet joinedRptSource_;
+    SourceSet prunedRptSource_;
+    SourceSet joinSuppressSource_;
     Cask::Ptr<JoinPruneGroupData> periodicPrunedRptGroupData_;
 };
 
@@ -115,9 +121,13 @@ public:
     void joinPruneGroupDataDelIfEmpty(const Wirl::IpGenAddr& group);
     // Replaces every group record by a copy of `other`'s.
     void joinPruneGroupDataCopyIs(const JoinPruneData& other);
+    // The group records in group order, for output and message building.
+    std::vector<const JoinPruneGroupData*> groupsInOrder() const;
 
 private:
-    Cask::OrderedRecordMap<Wirl::IpGenAddr, JoinPruneGroupData> joinPruneGroupData_;
+    // Hashed: every route's join looks its group up several times. Readers that
+    // show or send the groups in order sort them (`groupsInOrder`).
+    Cask::RecordMap<Wirl::IpGenAddr, JoinPruneGroupData> joinPruneGroupData_;
 };
 
 // Everything to send to one upstream neighbour.

@@ -184,11 +184,12 @@ std::vector<std::pair<NeighborKey, JoinPruneEntry>> JoinPruneWriter::periodicSwe
     std::vector<std::pair<NeighborKey, JoinPruneEntry>> removed;
     for (const auto& [nk, nbr] : status_.neighbor()) {
         const std::size_t first = removed.size();
-        for (const auto& [group, gd] : nbr->periodic().joinPruneGroupData()) {
+        for (const JoinPruneGroupData* gd : nbr->periodic().groupsInOrder()) {
+            const Wirl::IpGenAddr& group = gd->group();
             auto consider = [&](const JoinPruneEntry& e) {
                 if (stale(nk, e)) removed.emplace_back(nk, e);
             };
-            const Cask::OrderedKeySet<Wirl::IpGenAddr>* sources = nullptr;
+            const JoinPruneGroupData::SourceSet* sources = nullptr;
             switch (kind) {
                 case Kind::wc:
                     for (const auto& [rp, d] : gd->wcSourceData()) {
