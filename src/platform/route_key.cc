@@ -9,10 +9,6 @@ std::size_t mix(std::size_t a, std::size_t b) {
 }
 }  // namespace
 
-std::size_t RouteKey::hash() const {
-    return mix(group_.hash(), source_.hash());
-}
-
 std::string RouteKey::str() const {
     if (isWc()) return fmt::format("(*, {})", group_);
     return fmt::format("({}, {})", source_, group_);

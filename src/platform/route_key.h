@@ -33,7 +33,11 @@ public:
     // The default key: "no route" (an empty review bookmark, for example).
     bool isNull() const { return group_.family() == Wirl::AddressFamily::ipunknown; }
 
-    std::size_t hash() const;
+    // Inline and mixed once: route tables are hashed on every lookup.
+    std::size_t hash() const {
+        return static_cast<std::size_t>(Wirl::IpGenAddr::fmix64(
+            group_.folded() ^ (source_.folded() * 0x9e3779b97f4a7c15ULL + 0x632be59bd9b4e019ULL)));
+    }
     bool operator==(const RouteKey&) const = default;
     std::strong_ordering operator<=>(const RouteKey& o) const {
         if (auto c = group_ <=> o.group_; c != 0) return c;

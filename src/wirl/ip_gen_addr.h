@@ -72,14 +72,28 @@ public:
         return family_ == other.family_ && word(0) == other.word(0) && word(8) == other.word(8);
     }
 
-    std::size_t hash() const {
-        // Seeding with the family keeps 0.0.0.0 and :: (equal bytes) from colliding.
+    std::size_t hash() const { return static_cast<std::size_t>(fmix64(folded())); }
+    // The address folded into one word, not yet mixed: keys made of several addresses fold
+    // each, combine the words and mix once. The family seeds it, which keeps 0.0.0.0 and ::
+    // (equal bytes) apart.
+    std::uint64_t folded() const {
         const std::uint64_t seed =
             0x9e3779b97f4a7c15ULL * (static_cast<std::uint64_t>(family_) + 1);
-        return static_cast<std::size_t>(fmix64(word(0) ^ fmix64(word(8) ^ seed)));
+        return word(0) ^ ((word(8) ^ seed) * 0xc2b2ae3d27d4eb4fULL);
     }
 
-private:
+    // The address with all but its first `length` bits cleared (network order); the prefix
+    // key of every longest-match probe, so two masked words rather than a byte loop.
+    IpGenAddr masked(unsigned length) const {
+        auto keep = [](unsigned bits) -> std::uint64_t {
+            return bits == 0 ? 0 : bits >= 64 ? ~0ULL : ~0ULL << (64 - bits);
+        };
+        IpGenAddr out = *this;
+        out.storeBigEndianWord(0, bigEndianWord(0) & keep(length));
+        out.storeBigEndianWord(8, bigEndianWord(8) & keep(length > 64 ? length - 64 : 0));
+        return out;
+    }
+
     // fmix64 from MurmurHash3: a cheap full avalanche, so the low bits that bucket indexing
     // uses depend on every input bit.
     static constexpr std::uint64_t fmix64(std::uint64_t k) {
@@ -90,6 +104,8 @@ private:
         k ^= k >> 33;
         return k;
     }
+
+private:
     // Eight bytes from `at`, in memory order and in network order.
     std::uint64_t word(std::size_t at) const {
         std::uint64_t w;
@@ -103,6 +119,11 @@ private:
         } else {
             return w;
         }
+    }
+
+    void storeBigEndianWord(std::size_t at, std::uint64_t w) {
+        if constexpr (std::endian::native == std::endian::little) w = __builtin_bswap64(w);
+        std::memcpy(bytes_.data() + at, &w, sizeof w);
     }
 
     AddressFamily family_ = AddressFamily::ipunknown;

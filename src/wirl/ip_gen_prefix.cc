@@ -48,9 +48,7 @@ IpGenPrefix::IpGenPrefix(const IpGenAddr& addr, unsigned length) {
     unsigned bits = familyBits(addr.family());
     if (bits == 0) throw std::invalid_argument("IpGenPrefix needs an address of a known family");
     if (length > bits) throw std::invalid_argument("IpGenPrefix length exceeds address width");
-    IpGenAddr::Bytes b = copyBytes(addr);
-    for (unsigned i = 0; i < bits / 8; ++i) b[i] &= networkMask(i, length);
-    addr_ = fromBytes(addr.family(), b);
+    addr_ = addr.masked(length);
     length_ = static_cast<std::uint8_t>(length);
 }
 

@@ -30,6 +30,13 @@ TEST(IpGenPrefixTest, ParseMasksHostBits) {
         {"2001:db8::ffff/127", "2001:db8::fffe/127", "2001:db8::fffe", "2001:db8::ffff"},
         {"ff0f::/12", "ff00::/12", "ff00::", "ff0f:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
         {"::1", "::1/128", "::1", "::1"},
+        // Masks that end inside the second half, and exactly between the halves.
+        {"2001:db8:1:2:3:4:f5f5:6/100", "2001:db8:1:2:3:4:f000:0/100", "2001:db8:1:2:3:4:f000:0",
+         "2001:db8:1:2:3:4:ffff:ffff"},
+        {"2001:db8:1:2:3:4:5:6/64", "2001:db8:1:2::/64",
+         "2001:db8:1:2::", "2001:db8:1:2:ffff:ffff:ffff:ffff"},
+        {"2001:db8:1:2:3:4:5:6/63", "2001:db8:1:2::/63",
+         "2001:db8:1:2::", "2001:db8:1:3:ffff:ffff:ffff:ffff"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
