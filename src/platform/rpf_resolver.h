@@ -17,10 +17,10 @@
 #include <array>
 #include <cstddef>
 #include <map>
-#include <set>
-#include <unordered_map>
 #include <utility>
 #include <vector>
+
+#include <absl/container/btree_set.h>
 
 #include "cask/collection.h"
 #include "platform/rpf_status.h"
@@ -76,9 +76,11 @@ private:
     Cask::Ptr<Routing::Unicast::RouteTable> table_;
     // What each route asked for, as last seen (the config no longer has it
     // once the entry is removed).
-    std::unordered_map<RouteKey, Addrs, Cask::KeyHash> requested_;
+    Cask::HashMap<RouteKey, Addrs> requested_;
     // (address, route using it): the routes to report when an address moves.
-    std::set<std::pair<Wirl::IpGenAddr, RouteKey>> users_;
+    // A B-tree: every (*,G) route of an RP is one entry here, and B-tree nodes
+    // hold entries without a node allocation each.
+    absl::btree_set<std::pair<Wirl::IpGenAddr, RouteKey>> users_;
     // Every tracked address with its current result, in address order so a
     // prefix's addresses are one range.
     std::map<Wirl::IpGenAddr, Rpf> resolved_;

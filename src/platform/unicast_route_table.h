@@ -54,6 +54,11 @@ private:
     // Prefix lengths in use, so a lookup probes only those.
     std::bitset<129> lengths_;
     std::uint32_t lengthCount_[129] = {};
+    // Answers already given, forgotten at every change of the table: every
+    // (*,G) route of an RP asks for the same address. Bounded, since (S,G)
+    // routes ask for as many addresses as there are sources.
+    static constexpr std::size_t lookupMemoLimit = 4096;
+    mutable Cask::HashMap<Wirl::IpGenAddr, std::optional<UnicastRoute>> lookupMemo_;
 };
 
 }  // namespace Routing::Unicast
