@@ -61,6 +61,11 @@ bool EventLoop::runOnce() {
     inTurn_ = true;
     OnExit leave{[this] { inTurn_ = false; }};
     const Seconds start = clock_.now();
+    turnStart_ = start;
+    // The previous turn's end-of-turn work runs first: its handler chains
+    // have settled and nothing has run since. It counts against this turn's
+    // time budget (`turnStart`), so a review slice after it runs shorter and
+    // the turn as a whole stays near one quantum.
     bool ran = runEndOfTurn();
     ran = runPosted() || ran;
     ran = fireDue() || ran;

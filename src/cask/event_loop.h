@@ -47,6 +47,10 @@ public:
 
     Clock& clock() const { return clock_; }
     Seconds now() const { return clock_.now(); }
+    // When the current turn began (now, outside a turn). Work sliced by time
+    // measures its budget from here, so several slices due in one turn share
+    // one budget and no turn runs much past it.
+    Seconds turnStart() const { return inTurn_ ? turnStart_ : clock_.now(); }
 
     // Runs `work` on a later turn, after everything posted before it.
     void post(std::function<void()> work);
@@ -122,6 +126,7 @@ private:
     Seconds phaseNow_ = 0;
     Timer* firing_ = nullptr;  // whose callback runs; cleared if the timer is destroyed meanwhile
     bool stopped_ = false;
+    Seconds turnStart_ = 0;
     std::uint64_t turns_ = 0;
     Seconds longestTurn_ = 0;
 };

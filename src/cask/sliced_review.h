@@ -25,7 +25,7 @@
 //   at the next one. The visitor may add or remove any items, its own
 //   included: the next key is asked for after each item. After each item that
 //   has a successor the slice ends if it has handled `itemsPerSlice` items or
-//   the loop's clock reads at or past start + `quantum`. At least one item is
+//   the loop's clock reads at or past the turn's start + `quantum`. At least one item is
 //   handled per slice; an empty walk finishes at once.
 // - Continuing: a suspended review's next slice runs on the next turn of the
 //   loop (its timer re-armed at now), not through the bucket: it takes no
@@ -38,6 +38,7 @@
 // strings given the bookmark ({0}) and the slice's start time ({1}); an empty
 // text is not traced (the machine traces its own, from a hook).
 
+#include <algorithm>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -214,7 +215,9 @@ private:
 template <class Key>
 void SlicedReview<Key>::runSlice() {
     const Seconds start = loop_.now();
-    const Seconds stop = start + quantum_;
+    // The budget counts from the start of the turn: slices of several reviews
+    // due together share it rather than adding up.
+    const Seconds stop = std::min(start, loop_.turnStart()) + quantum_;
     std::optional<Key> from;
     if (!active_) {
         active_ = true;
