@@ -66,6 +66,19 @@ TestVrf::TestVrf(Wirl::AddressFamily family, Start when)
     if (when == Start::now) start();
 }
 
+TestVrf::TestVrf(Layout layout, Start when) : TestVrf(Wirl::AddressFamily::ipv4, Start::later) {
+    const bool iAmDr = layout == Layout::twoUpstreamsIAmDr;
+    const char* names[] = {"up1", "up2", "d1", "d2"};
+    for (int n = 1; n <= 4; ++n) {
+        intfIs(names[n - 1], ip(fmt::format("10.0.{}.5", n)), iAmDr);
+        if (n <= 2) neighborIs(names[n - 1], ip(fmt::format("10.0.{}.2", n)));
+    }
+    rpIs(prefix("239.0.0.0/8"), ip("10.9.9.9"));
+    unicastRouteIs(prefix("10.9.9.0/24"), "up1", ip("10.0.1.2"));
+    unicastRouteIs(prefix("10.1.0.0/16"), "up1", ip("10.0.1.2"));
+    if (when == Start::now) start();
+}
+
 TestVrf::~TestVrf() {
     container_ = nullptr;
     Cask::trace().levelIs(traceLevel_);
@@ -76,16 +89,6 @@ void TestVrf::start() {
     CASK_ASSERT(!container_, "test VRF started twice");
     container_ = Cask::make<ContainerSm>(name, params_, Cask::make<Platform::RegisterConfig>(),
                                          *mfibDirWriter_, *eventMonConfig_);
-}
-
-void TestVrf::twoUpstreamLayout(bool iAmDr) {
-    const char* names[] = {"up1", "up2", "d1", "d2"};
-    for (int n = 1; n <= 4; ++n) {
-        intfIs(names[n - 1], ip(fmt::format("10.0.{}.5", n)), iAmDr);
-        if (n <= 2) neighborIs(names[n - 1], ip(fmt::format("10.0.{}.2", n)));
-    }
-    rpIs(prefix("239.0.0.0/8"), ip("10.9.9.9"));
-    unicastRouteIs(prefix("10.9.9.0/24"), "up1", ip("10.0.1.2"));
 }
 
 Rpf TestVrf::upstream(std::string_view intf) {
@@ -119,45 +122,22 @@ void TestVrf::neighborDel(std::string_view intf, const IpGenAddr& nbr) {
     pim_->activeNeighborDel(NeighborKey{IntfId(intf), nbr});
 }
 
-void TestVrf::rpIs(const IpGenPrefix& groups, const IpGenAddr& rp) {
-    rpMapping_->rpIs(groups, rp);
-}
-
-void TestVrf::rpDel(const IpGenPrefix& groups) {
-    rpMapping_->rpDel(groups);
-}
-
 void TestVrf::unicastRouteIs(const IpGenPrefix& dest, std::string_view intf,
                              const IpGenAddr& nextHop, std::uint32_t preference,
                              std::uint32_t metric) {
     mrib_->routeIs({dest, IntfId(intf), nextHop, preference, metric, false});
 }
 
-void TestVrf::unicastRouteDel(const IpGenPrefix& dest) {
-    mrib_->routeDel(dest);
-}
-
-void TestVrf::join(const RouteIntfKey& key, FilterMode mode) {
-    membership_->membershipIs(key, {key, mode});
-}
-
-void TestVrf::leave(const RouteIntfKey& key) {
-    membership_->membershipDel(key);
-}
-
 Route& TestVrf::route(const RouteKey& key, std::initializer_list<std::string_view> receivers) {
-    Cask::Ptr<Route> r = status().routeIs(key);
+    Cask::Ptr<Route> r = status().routeIs(key, [&](Route& fresh) {
+        if (key.isWc()) return;
+        if (auto found = ctx().rpfTable->doLookup(key.source())) {
+            fresh.umh()->doUpdateRpf(found->rpf);
+        }
+    });
     CASK_ASSERT(r, "test route refused");
     for (auto intf : receivers) r->routeIntfIs(IntfId(intf))->localReceiverIncludeIs(true);
     return *r;
-}
-
-bool TestVrf::has(const RouteKey& key) const {
-    return bool(status().route(key));
-}
-
-void TestVrf::removeRoute(const RouteKey& key) {
-    status().routeDel(key);
 }
 
 void TestVrf::flush() {
@@ -165,10 +145,6 @@ void TestVrf::flush() {
     while (loop.endOfTurnWork() || loop.postedWork() || loop.nextExpiry() <= now) {
         loop.runOnce();
     }
-}
-
-void TestVrf::settle() {
-    loop.runUntilIdle();
 }
 
 }  // namespace Routing::Pim::SparseMode::Testing

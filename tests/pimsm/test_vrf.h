@@ -42,9 +42,16 @@ RouteKey sg(std::string_view source, std::string_view group);
 class TestVrf {
 public:
     enum class Start { now, later };
+    // IPv4 only: PIM interfaces up1, up2, d1, d2 with this router's address
+    // 10.0.N.5 (N = 1..4), a neighbour 10.0.N.2 on up1 and on up2, the RP
+    // 10.9.9.9 for 239.0.0.0/8 and the sources 10.1.0.0/16, both reached
+    // through up1 (preference 110, metric 20). This router is DR on every
+    // interface, or on none.
+    enum class Layout { twoUpstreams, twoUpstreamsIAmDr };
 
     explicit TestVrf(Wirl::AddressFamily family = Wirl::AddressFamily::ipv4,
                      Start when = Start::now);
+    explicit TestVrf(Layout layout, Start when = Start::now);
     ~TestVrf();
     TestVrf(const TestVrf&) = delete;
     TestVrf& operator=(const TestVrf&) = delete;
@@ -57,13 +64,7 @@ public:
     bool v4() const { return family_ == Wirl::AddressFamily::ipv4; }
 
     // --- inputs (before or after start) -------------------------------------
-    // IPv4 only: PIM interfaces up1, up2, d1, d2 with this router's address
-    // 10.0.N.5 (N = 1..4), a neighbour 10.0.N.2 on up1 and on up2, and the RP
-    // 10.9.9.9 for 239.0.0.0/8, reached through up1 (preference 110, metric
-    // 20). With `iAmDr` this router is DR on every interface.
-    void twoUpstreamLayout(bool iAmDr);
-    // RPF toward the neighbour on up1 or up2, as the layout's unicast route
-    // gives it.
+    // RPF toward the layout's neighbour on up1 or up2.
     static Rpf upstream(std::string_view intf);
 
     // A PIM interface with this router's address on it; with `dr` this router
@@ -75,30 +76,34 @@ public:
     Routing::Pim::PimNeighborStatus& neighborIs(std::string_view intf, const IpGenAddr& nbr);
     void neighborDel(std::string_view intf, const IpGenAddr& nbr);
     // The RP mapping in force (as the agent's RP machines publish it).
-    void rpIs(const IpGenPrefix& groups, const IpGenAddr& rp);
-    void rpDel(const IpGenPrefix& groups);
+    void rpIs(const IpGenPrefix& groups, const IpGenAddr& rp) { rpMapping_->rpIs(groups, rp); }
+    void rpDel(const IpGenPrefix& groups) { rpMapping_->rpDel(groups); }
     // The multicast RIB, which RPF lookups toward sources and RPs read.
     void unicastRouteIs(const IpGenPrefix& dest, std::string_view intf, const IpGenAddr& nextHop,
                         std::uint32_t preference = 110, std::uint32_t metric = 20);
-    void unicastRouteDel(const IpGenPrefix& dest);
+    void unicastRouteDel(const IpGenPrefix& dest) { mrib_->routeDel(dest); }
     // The membership table IGMP / MLD write.
-    void join(const RouteIntfKey& key, FilterMode mode = FilterMode::include);
-    void leave(const RouteIntfKey& key);
+    void join(const RouteIntfKey& key, FilterMode mode = FilterMode::include) {
+        membership_->membershipIs(key, {key, mode});
+    }
+    void leave(const RouteIntfKey& key) { membership_->membershipDel(key); }
 
     // --- routes (after start) -----------------------------------------------
     // The route of `key`, created in the route status when absent; the route
     // reactor registers it. Interfaces in `receivers` get an include receiver.
+    // No upstream (S,G) machine exists yet: a new (S,G) route gets RPF'(S,G)
+    // from the unicast route toward S, if any, here.
     Route& route(const RouteKey& key, std::initializer_list<std::string_view> receivers = {});
-    bool has(const RouteKey& key) const;
+    bool has(const RouteKey& key) const { return bool(status().route(key)); }
     // Removes a route from the route status, as the route review does.
-    void removeRoute(const RouteKey& key);
+    void removeRoute(const RouteKey& key) { status().routeDel(key); }
 
     // --- running ------------------------------------------------------------
     // Runs the work queued for the end of the turn and posted work, without
     // letting virtual time pass: deferred builds, not timers.
     void flush();
     // Runs until nothing is posted or armed (reviews and their timers).
-    void settle();
+    void settle() { loop.runUntilIdle(); }
 
     // --- the VRF ------------------------------------------------------------
     ContainerSm& container() const { return *container_; }

@@ -34,11 +34,11 @@ struct MfibVrf : TestVrf {
         flush();
         return route;
     }
-    // No upstream (S,G) machine exists yet: RPF'(S,G) is set here.
     Route& sgRoute(unsigned source, unsigned n, const std::string& rpfIntf) {
-        Route& route = this->route(RouteKey(IpGenAddr::v4(0xc0000200u + source), group(n)));
+        const IpGenAddr s = IpGenAddr::v4(0xc0000200u + source);  // 192.0.2.x
         pimIntfOf(rpfIntf);
-        route.umh()->doUpdateRpf(Rpf{IntfId(rpfIntf), nbr, 1, 1});
+        unicastRouteIs(IpGenPrefix::hostPrefix(s), rpfIntf, nbr, 1, 1);
+        Route& route = this->route(RouteKey(s, group(n)));
         flush();
         return route;
     }

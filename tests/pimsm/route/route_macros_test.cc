@@ -42,8 +42,9 @@ struct MacroVrf : Testing::TestVrf {
             neighborIs(name, peer(name, lowHost));
             neighborIs(name, peer(name, highHost));
         }
-        // RPF'(*,G) comes from the upstream (*,G) machine, through the RP's unicast route; no
-        // upstream (S,G) machine exists yet, so RPF'(S,G) is set here.
+        // RPF'(*,G) and RPF'(S,G) through the unicast routes toward RP(G) and S.
+        const auto group = *Wirl::IpGenAddr::parse(v4() ? "239.1.1.1" : "ff0e::1:1");
+        const auto source = *Wirl::IpGenAddr::parse(v4() ? "192.0.2.10" : "2001:db8:ff::10");
         const auto rp = addr(99, 1);
         rpIs(Wirl::IpGenPrefix(
                  v4() ? *Wirl::IpGenAddr::parse("224.0.0.0") : *Wirl::IpGenAddr::parse("ff00::"),
@@ -51,13 +52,11 @@ struct MacroVrf : Testing::TestVrf {
              rp);
         unicastRouteIs(Wirl::IpGenPrefix::hostPrefix(rp), "up_rp", peer("up_rp", lowHost), rpPref,
                        rpMetric);
+        unicastRouteIs(Wirl::IpGenPrefix::hostPrefix(source), "up_s", peer("up_s", lowHost),
+                       srcPref, srcMetric);
         start();
-        const auto group = *Wirl::IpGenAddr::parse(v4() ? "239.1.1.1" : "ff0e::1:1");
-        const auto source = *Wirl::IpGenAddr::parse(v4() ? "192.0.2.10" : "2001:db8:ff::10");
         wcRoute = &route(RouteKey::wc(group));
         sgRoute = &route(RouteKey(source, group));
-        sgRoute->umh()->doUpdateRpf(
-            Rpf{Wirl::IntfId("up_s"), peer("up_s", lowHost), srcPref, srcMetric});
     }
 
     Wirl::IpGenAddr addr(unsigned subnet, unsigned host) const {

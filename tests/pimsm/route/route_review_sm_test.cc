@@ -17,22 +17,6 @@ using namespace Routing::Pim::SparseMode;
 using namespace Routing::Pim::SparseMode::Testing;
 using Bit = ChangeFlags::Bit;
 
-// The two-upstream layout, nobody DR yet. `route()` gives a route include
-// receivers and its RPF toward up1's neighbour: RPF'(*,G) through the RP's
-// unicast route; an (S,G) route's is set here, as no upstream (S,G) machine
-// exists yet.
-struct ReviewVrf : TestVrf {
-    ReviewVrf() : TestVrf(Wirl::AddressFamily::ipv4, Start::later) {
-        twoUpstreamLayout(false);
-        start();
-    }
-    Route& route(const RouteKey& key, std::initializer_list<std::string_view> intfs = {"d1"}) {
-        Route& r = TestVrf::route(key, intfs);
-        if (!key.isWc()) r.umh()->doUpdateRpf(upstream("up1"));
-        return r;
-    }
-};
-
 // The route keys of the "Reviewing route" trace lines, in order.
 std::vector<std::string> reviewed() {
     std::vector<std::string> out;
@@ -56,9 +40,9 @@ public:
 };
 
 TEST(RouteReviewSm, ReviewIsCutIntoQuantumSlicesOnePerLoopTurn) {
-    ReviewVrf f;
+    TestVrf f{TestVrf::Layout::twoUpstreams};
     const int routes = 40;
-    for (int i = 1; i <= routes; ++i) f.route(sg(fmt::format("10.1.0.{}", i), "239.1.1.1"));
+    for (int i = 1; i <= routes; ++i) f.route(sg(fmt::format("10.1.0.{}", i), "239.1.1.1"), {"d1"});
     f.settle();
     Cask::trace().clear();
     f.pimIntf("up1").usedDrIs(ip("10.0.1.5"));
@@ -86,10 +70,10 @@ TEST(RouteReviewSm, ReviewIsCutIntoQuantumSlicesOnePerLoopTurn) {
 }
 
 TEST(RouteReviewSm, WaitsForStatusAndSchedulesNothingWithoutChanges) {
-    ReviewVrf f;
+    TestVrf f{TestVrf::Layout::twoUpstreams};
     // As while the routes of an earlier run are still being read back.
     f.status().initializedIs(false);
-    f.route(wc("239.1.1.1"));
+    f.route(wc("239.1.1.1"), {"d1"});
     f.pimIntf("up1").usedDrIs(ip("10.0.1.5"));
     f.settle();
     EXPECT_TRUE(reviewed().empty());
@@ -109,8 +93,8 @@ TEST(RouteReviewSm, WaitsForStatusAndSchedulesNothingWithoutChanges) {
 }
 
 TEST(RouteReviewSm, ChangeDuringSuspendedReviewWaitsForExactlyOneMoreReview) {
-    ReviewVrf f;
-    for (int i = 1; i <= 3; ++i) f.route(sg(fmt::format("10.1.0.{}", i), "239.1.1.1"));
+    TestVrf f{TestVrf::Layout::twoUpstreams};
+    for (int i = 1; i <= 3; ++i) f.route(sg(fmt::format("10.1.0.{}", i), "239.1.1.1"), {"d1"});
     f.routeReviewSm().reviewQuantumIs(0.5);
     f.clock.advancePerReadIs(1.0);  // one route per slice
     f.pimIntf("up1").usedDrIs(ip("10.0.1.5"));
@@ -131,8 +115,8 @@ TEST(RouteReviewSm, ChangeDuringSuspendedReviewWaitsForExactlyOneMoreReview) {
 }
 
 TEST(RouteReviewSm, ResumesAfterTheBookmarkedRouteWhenItWasDeleted) {
-    ReviewVrf f;
-    for (int i = 1; i <= 5; ++i) f.route(sg(fmt::format("10.1.0.{}", i), "239.1.1.1"));
+    TestVrf f{TestVrf::Layout::twoUpstreams};
+    for (int i = 1; i <= 5; ++i) f.route(sg(fmt::format("10.1.0.{}", i), "239.1.1.1"), {"d1"});
     f.routeReviewSm().reviewQuantumIs(0.5);
     f.clock.advancePerReadIs(1.0);
     f.pimIntf("up1").usedDrIs(ip("10.0.1.5"));
@@ -166,7 +150,7 @@ TEST(RouteReviewSm, MarkedRouteIsResurrectedWithItsIncludeMembersOnly) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        ReviewVrf f;
+        TestVrf f{TestVrf::Layout::twoUpstreams};
         const auto key = wc("239.1.1.1");
         Route& old = f.route(key, {"d1", "d2"});
         old.routeIntfRaw(IntfId("d2"))->joinStateIs(JoinState::joined);
@@ -212,37 +196,37 @@ TEST(RouteReviewSm, RangeChangesDeleteOnlyTheRoutesOfNewlyExcludedGroups) {
     };
     struct Case {
         const char* name;
-        std::function<void(ReviewVrf&)> apply;
+        std::function<void(TestVrf&)> apply;
         std::set<RouteKey> gone;
     };
     const std::vector<Case> cases = {
         {"SSM range extended",
-         [&](ReviewVrf& f) {
+         [&](TestVrf& f) {
              f.config().ssmRangeIs(ranges({"232.0.0.0/8", "239.1.0.0/16"}));
          },
          {wc("239.1.1.1"), sg("10.1.0.1", "239.1.1.1")}},
         {"SSM range shrunk",
-         [&](ReviewVrf& f) { f.config().ssmRangeIs(ranges({"232.0.0.0/16"})); },
+         [&](TestVrf& f) { f.config().ssmRangeIs(ranges({"232.0.0.0/16"})); },
          {}},
         {"SSM range extended then shrunk back",
-         [&](ReviewVrf& f) {
+         [&](TestVrf& f) {
              f.config().ssmRangeIs(ranges({"232.0.0.0/8", "239.3.0.0/16"}));
              f.settle();
              f.config().ssmRangeIs(ranges({"232.0.0.0/8"}));
          },
          {}},
         {"bidirectional range added",
-         [&](ReviewVrf& f) {
+         [&](TestVrf& f) {
              f.localStatus().groupFilterStatus()->bidirRangeIs(ranges({"239.2.0.0/16"}));
          },
          {wc("239.2.2.2")}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        ReviewVrf f;
+        TestVrf f{TestVrf::Layout::twoUpstreams};
         const std::vector<RouteKey> keys = {wc("239.1.1.1"), sg("10.1.0.1", "239.1.1.1"),
                                             wc("239.2.2.2"), sg("10.1.0.1", "232.1.1.1")};
-        for (const auto& k : keys) f.route(k);
+        for (const auto& k : keys) f.route(k, {"d1"});
         c.apply(f);
         f.settle();
         for (const auto& k : keys) EXPECT_EQ(f.has(k), !c.gone.contains(k)) << k.str();
@@ -271,8 +255,8 @@ TEST(RouteReviewSm, SingleRouteClearActsAtOnceOthersWaitForTheReview) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        ReviewVrf f;
-        for (const auto& k : {g1, g2, s1g1, s2g2}) f.route(k);
+        TestVrf f{TestVrf::Layout::twoUpstreams};
+        for (const auto& k : {g1, g2, s1g1, s2g2}) f.route(k, {"d1"});
         const auto addr = [](const char* a) { return *a ? ip(a) : Wirl::IpGenAddr(); };
         f.clearConfig().clearRoutesIs(addr(c.group), addr(c.source), c.flags);
         for (const auto& k : {g1, g2, s1g1, s2g2}) {
@@ -290,8 +274,8 @@ TEST(RouteReviewSm, TwoClearRequestsBeforeOneReviewClearExactlyWhatEachNames) {
     using F = Routing::Pim::MrouteClearFlags;
     const auto s1g1 = sg("10.1.0.1", "239.1.1.1"), s2g2 = sg("10.1.0.2", "239.2.2.2");
     const auto g1 = wc("239.1.1.1"), g2 = wc("239.2.2.2");
-    ReviewVrf f;
-    for (const auto& k : {g1, g2, s1g1, s2g2}) f.route(k);
+    TestVrf f{TestVrf::Layout::twoUpstreams};
+    for (const auto& k : {g1, g2, s1g1, s2g2}) f.route(k, {"d1"});
     f.clearConfig().clearRoutesIs(ip("239.1.1.1"), Wirl::IpGenAddr(), {F::Bit::group});
     f.clearConfig().clearRoutesIs(Wirl::IpGenAddr(), ip("10.1.0.2"), {F::Bit::source});
     f.settle();
@@ -305,28 +289,28 @@ TEST(RouteReviewSm, TwoClearRequestsBeforeOneReviewClearExactlyWhatEachNames) {
 TEST(RouteReviewSm, HandsRoutesTheChangesThatTouchTheirUpstream) {
     struct Case {
         const char* name;
-        std::function<void(ReviewVrf&)> apply;
+        std::function<void(TestVrf&)> apply;
         ChangeFlags expected;
         const char* trace;
     };
     const std::vector<Case> cases = {
         {"DR on the RPF interface",
-         [](ReviewVrf& f) { f.pimIntf("up1").usedDrIs(ip("10.0.1.5")); },
+         [](TestVrf& f) { f.pimIntf("up1").usedDrIs(ip("10.0.1.5")); },
          {Bit::rpfIntfStatus, Bit::rpfDrStatus},
          "Became DR on up1 which is the RPF interface for (10.1.0.1, 239.1.1.1)"},
         {"RPF neighbour restarted",
-         [](ReviewVrf& f) { f.pimIntf("up1").neighbor(ip("10.0.1.2"))->genIdIs(3); },
+         [](TestVrf& f) { f.pimIntf("up1").neighbor(ip("10.0.1.2"))->genIdIs(3); },
          {Bit::rpfNbrGenId},
          "Gen ID changed for RPF neighbor 10.0.1.2 for route"},
         {"RPF neighbour flapped",
-         [](ReviewVrf& f) {
+         [](TestVrf& f) {
              f.neighborDel("up1", ip("10.0.1.2"));
              f.neighborIs("up1", ip("10.0.1.2"));
          },
          {Bit::rpfNbrStatus},
          "Neighbor 10.0.1.2 flapped for route (10.1.0.1, 239.1.1.1)"},
         {"boundary on the RPF interface",
-         [](ReviewVrf& f) {
+         [](TestVrf& f) {
              auto b = Cask::make<Routing::McastBoundary::IntfBoundary>(IntfId("up1"),
                                                                        Wirl::AddressFamily::ipv4);
              Wirl::AddressRangeSet groups(Wirl::AddressFamily::ipv4);
@@ -337,18 +321,18 @@ TEST(RouteReviewSm, HandsRoutesTheChangesThatTouchTheirUpstream) {
          {Bit::rpfIntfStatus, Bit::rpfBoundary},
          "Boundary status changed for RPF interface up1"},
         {"previous RPF interface",
-         [](ReviewVrf& f) { f.pimIntf("up2").usedAddrIs(ip("10.0.2.6")); },
+         [](TestVrf& f) { f.pimIntf("up2").usedAddrIs(ip("10.0.2.6")); },
          {Bit::prevRpfIntfStatus},
          "Status changed for prev RPF interface up2"},
         {"downstream interface only",
-         [](ReviewVrf& f) { f.pimIntf("d2").usedDrIs(ip("10.0.4.5")); },
+         [](TestVrf& f) { f.pimIntf("d2").usedDrIs(ip("10.0.4.5")); },
          {},
          "change flags: none"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        ReviewVrf f;
-        Route& r = f.route(sg("10.1.0.1", "239.1.1.1"));
+        TestVrf f{TestVrf::Layout::twoUpstreams};
+        Route& r = f.route(sg("10.1.0.1", "239.1.1.1"), {"d1"});
         r.umh()->prevRpfIs(f.upstream("up2"));
         ChangeRecorder rec(r);
         c.apply(f);
@@ -364,9 +348,9 @@ TEST(RouteReviewSm, HandsRoutesTheChangesThatTouchTheirUpstream) {
 }
 
 TEST(RouteReviewSm, RewritesForwardingEntriesAndPassesRpfRouteChanges) {
-    ReviewVrf f;
-    Route& a = f.route(sg("10.1.0.1", "239.1.1.1"));
-    Route& b = f.route(sg("10.1.0.2", "239.1.1.1"));
+    TestVrf f{TestVrf::Layout::twoUpstreams};
+    Route& a = f.route(sg("10.1.0.1", "239.1.1.1"), {"d1"});
+    Route& b = f.route(sg("10.1.0.2", "239.1.1.1"), {"d1"});
     f.mfibConfig().clearMfibCountInc();
     f.settle();
     EXPECT_EQ(a.mfibChangeCount(), 1u);
@@ -380,9 +364,9 @@ TEST(RouteReviewSm, RewritesForwardingEntriesAndPassesRpfRouteChanges) {
 }
 
 TEST(RouteReviewSm, FastFailoverFilterAddsAndRemovesBackupUpstreams) {
-    ReviewVrf f;
-    Route& in = f.route(sg("10.1.0.1", "239.1.1.1"));
-    Route& out = f.route(sg("10.1.0.1", "239.2.2.2"));
+    TestVrf f{TestVrf::Layout::twoUpstreams};
+    Route& in = f.route(sg("10.1.0.1", "239.1.1.1"), {"d1"});
+    Route& out = f.route(sg("10.1.0.1", "239.2.2.2"), {"d1"});
     f.unicastRouteIs(prefix("10.1.0.0/24"), "up2", ip("10.0.2.2"));
     Wirl::AddressRangeSet frr(Wirl::AddressFamily::ipv4);
     frr.add(prefix("239.1.0.0/16"));

@@ -12,22 +12,6 @@ namespace {
 using namespace Routing::Pim::SparseMode;
 using namespace Routing::Pim::SparseMode::Testing;
 
-// The two-upstream layout, nobody DR yet. `route()` gives a route include
-// receivers and its RPF toward up1's neighbour: RPF'(*,G) through the RP's
-// unicast route; an (S,G) route's is set here, as no upstream (S,G) machine
-// exists yet.
-struct ReviewVrf : TestVrf {
-    ReviewVrf() : TestVrf(Wirl::AddressFamily::ipv4, Start::later) {
-        twoUpstreamLayout(false);
-        start();
-    }
-    Route& route(const RouteKey& key, std::initializer_list<std::string_view> intfs = {"d1"}) {
-        Route& r = TestVrf::route(key, intfs);
-        if (!key.isWc()) r.umh()->doUpdateRpf(upstream("up1"));
-        return r;
-    }
-};
-
 std::vector<Wirl::IpGenAddr> members(const AddrSet* set) {
     std::vector<Wirl::IpGenAddr> out;
     if (set) out.assign(set->member().begin(), set->member().end());
@@ -75,11 +59,11 @@ TEST(RouteSm, AnInterfaceRecordCarriesStateWhileAnyProtocolStateIsThere) {
 }
 
 TEST(RouteSm, RegistersRoutesInIndexesAndUndoesItOnDelete) {
-    ReviewVrf f;
+    TestVrf f{TestVrf::Layout::twoUpstreams};
     const auto g1 = ip("239.1.1.1"), g2 = ip("239.2.2.2"), s1 = ip("10.1.0.1"), s2 = ip("10.1.0.2");
     for (const auto& k : {wc("239.1.1.1"), sg("10.1.0.1", "239.1.1.1"), sg("10.1.0.2", "239.1.1.1"),
                           sg("10.1.0.1", "239.2.2.2")}) {
-        f.route(k);
+        f.route(k, {"d1"});
     }
     auto& st = f.status();
     EXPECT_EQ(f.localStatus().wcRouteSize(), 1u);
@@ -117,7 +101,7 @@ TEST(RouteSm, LosingTheLastInterfaceMarksOnlyWildcardRoutes) {
                                                           {sg("10.1.0.1", "239.1.1.1"), false}};
     for (const auto& [key, marked] : cases) {
         SCOPED_TRACE(key.str());
-        ReviewVrf f;
+        TestVrf f{TestVrf::Layout::twoUpstreams};
         Route& r = f.route(key, {"d1", "d2"});
         r.routeIntfDel(IntfId("d1"));
         EXPECT_FALSE(r.markedForDeletion());  // d2 is left
@@ -132,9 +116,9 @@ TEST(RouteSm, LosingTheLastInterfaceMarksOnlyWildcardRoutes) {
 }
 
 TEST(RouteSm, UnmarkingBeforeTheReviewKeepsTheRoute) {
-    ReviewVrf f;
+    TestVrf f{TestVrf::Layout::twoUpstreams};
     const auto key = sg("10.1.0.1", "239.1.1.1");
-    Route& r = f.route(key);
+    Route& r = f.route(key, {"d1"});
     r.markedForDeletionIs(true);
     EXPECT_TRUE(f.localStatus().toBeDeletedRouteHas(key));
     EXPECT_TRUE(f.localStatus().changeSet()->routesMarkedForDeletion());
@@ -161,7 +145,7 @@ TEST(RouteSm, InterfaceRecordWithoutStateIsMarkedAndRemovedByTheReview) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        ReviewVrf f;
+        TestVrf f{TestVrf::Layout::twoUpstreams};
         f.routeReviewSm().preserveRouteIntfIs(c.preserve);
         const auto key = wc("239.1.1.1");
         Route& r = f.route(key, {"d1"});
@@ -185,9 +169,9 @@ TEST(RouteSm, InterfaceRecordWithoutStateIsMarkedAndRemovedByTheReview) {
 }
 
 TEST(RouteSm, RefusesAnotherRouteForItsKey) {
-    ReviewVrf f;
+    TestVrf f{TestVrf::Layout::twoUpstreams};
     const auto key = sg("10.1.0.1", "239.1.1.1");
-    Route& r = f.route(key);
+    Route& r = f.route(key, {"d1"});
     EXPECT_EQ(routeSmFactory(f.routeReviewSm(), Cask::Ptr<Route>(&r)),
               f.routeReviewSm().routeSm(key));
     auto other = Cask::make<Route>(key, &f.status().context(), 0.0);
@@ -204,12 +188,12 @@ TEST(RouteSm, RefusesAnotherRouteForItsKey) {
 }
 
 TEST(RouteSm, FastFailoverUpstreamFollowsTheFilter) {
-    ReviewVrf f;
+    TestVrf f{TestVrf::Layout::twoUpstreams};
     Wirl::AddressRangeSet frr(Wirl::AddressFamily::ipv4);
     frr.add(prefix("239.1.0.0/16"));
     f.localStatus().frrFilterStatus()->frrRangeIs(frr);
-    Route& in = f.route(sg("10.1.0.1", "239.1.1.1"));
-    Route& out = f.route(sg("10.1.0.1", "239.2.2.2"));
+    Route& in = f.route(sg("10.1.0.1", "239.1.1.1"), {"d1"});
+    Route& out = f.route(sg("10.1.0.1", "239.2.2.2"), {"d1"});
     ASSERT_NE(in.umhFrr(), nullptr);  // made at registration
     EXPECT_EQ(out.umhFrr(), nullptr);
     UpstreamInfo* first = in.umhFrr();
@@ -225,9 +209,9 @@ TEST(RouteSm, FastFailoverUpstreamFollowsTheFilter) {
 }
 
 TEST(RouteSm, RpfRequestFollowsTheUpstream) {
-    ReviewVrf f;
+    TestVrf f{TestVrf::Layout::twoUpstreams};
     const auto key = wc("239.1.1.1");
-    Route& r = f.route(key);
+    Route& r = f.route(key, {"d1"});
     auto info = f.rpfConfig().rpfConfigInfo(key);
     EXPECT_EQ(info.target, ip("10.9.9.9"));  // RP(G)
     EXPECT_EQ(info.rpfNeighbor, ip("10.0.1.2"));

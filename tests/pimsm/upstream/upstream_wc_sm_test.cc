@@ -16,17 +16,13 @@ using Routing::Pim::JoinPruneMessageInfo;
 // reached through "up1" until a test moves the unicast route to "up2".
 // Receivers sit on "d1".
 struct Upstream {
-    TestVrf vrf{Wirl::AddressFamily::ipv4, TestVrf::Start::later};
+    TestVrf vrf{TestVrf::Layout::twoUpstreamsIAmDr};
     const IpGenAddr rp = ip("10.9.9.9");
     const IpGenAddr group = ip("239.1.1.1");
     const IpGenAddr nbr1 = ip("10.0.1.2"), nbr2 = ip("10.0.2.2");
     const IntfId up1{"up1"}, up2{"up2"}, d1{"d1"};
     const RouteKey key = wc("239.1.1.1");
 
-    Upstream() {
-        vrf.twoUpstreamLayout(true);
-        vrf.start();
-    }
     UpstreamWcSm& sm() { return vrf.upstreamWcSm(); }
     Routing::Pim::JoinPruneStatus& jp() { return vrf.joinPrune(); }
     void unicastVia(std::string_view intf, const IpGenAddr& nextHop) {
