@@ -11,8 +11,9 @@
 // inputs later. Routes are created in the VRF's route status and registered
 // by the real route reactor.
 //
-// By default the VRF starts at once; `Start::later` leaves time to seed what
-// an earlier run left (a forwarding table, a membership table) first.
+// By default the VRF starts at once; with `Start::later` a test publishes
+// inputs (interfaces, neighbours, RP mapping, unicast routes, memberships)
+// before the machines start, then calls `start`.
 
 #include <memory>
 #include <string_view>
@@ -58,7 +59,6 @@ public:
 
     // Builds the container: every record and machine of the VRF.
     void start();
-    bool started() const { return bool(container_); }
 
     Wirl::AddressFamily family() const { return family_; }
     bool v4() const { return family_ == Wirl::AddressFamily::ipv4; }
@@ -106,7 +106,6 @@ public:
     void settle() { loop.runUntilIdle(); }
 
     // --- the VRF ------------------------------------------------------------
-    ContainerSm& container() const { return *container_; }
     const VrfContext& ctx() const { return container_->context(); }
     Status& status() const { return *ctx().status; }
     LocalStatus& localStatus() const { return *ctx().localStatus; }
@@ -115,9 +114,7 @@ public:
     Routing::Pim::ClearMrouteConfig& clearConfig() const { return *clearConfig_; }
     SsmConvertConfig& ssmConvert() const { return *ssmConvert_; }
     Platform::RpMapping& rpMapping() const { return *rpMapping_; }
-    Routing::Unicast::RouteTable& mrib() const { return *mrib_; }
     Routing::McastBoundary::Status& boundary() const { return *boundary_; }
-    Routing::Gmp::Tidal::Status& membership() const { return *membership_; }
     Routing::Pim::RpLocalStatus& rpLocal() const { return *rpLocal_; }
     Routing::Pim::GroupFilterStatus& groupFilter() const { return *ctx().groupFilterStatus; }
     Routing::Pim::RpfConfig& rpfConfig() const { return *ctx().rpfConfig; }
