@@ -1,25 +1,125 @@
+// MfibSm: forwarding records, interface indexes and their reference counts,
+// the wait list, restart and repair of a stored table, deferred builds.
 #include <random>
 
 #include <gtest/gtest.h>
 
 #include "cask/trace.h"
-#include "mfib_fixture.h"
+#include "pimsm/test_vrf.h"
 
 namespace Routing::Pim::SparseMode::Testing {
 namespace {
 
-class MfibSmTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        Cask::trace().clear();
-        Cask::trace().levelIs(8);
+// A VRF whose interfaces are made on first use as PIM interfaces on which
+// this router (10.0.0.5) is DR, with a neighbour 10.0.0.2, so a local
+// receiver on one puts it in the (*,G) immediate olist. Group n has its own
+// RP, 10.99.x.y, so each (*,G) route's RPF interface can be moved alone
+// through that RP's unicast route. The helpers that change something run the
+// turn's deferred builds, so a test reads the table as the turn left it.
+struct MfibVrf : TestVrf {
+    MfibVrf() : sm(&mfibSm()), table(&mfibTable()) {}
+
+    static IpGenAddr group(unsigned n) {
+        return IpGenAddr::v4(0xef010000u + n);  // 239.1.x.y
     }
-    void TearDown() override { Cask::trace().levelIs(4); }
-    MfibFixture f;
+    static RouteKey wcKey(unsigned n) { return RouteKey::wc(group(n)); }
+    static Routing::Multicast::Fib::IpGenRouteKey fibKey(const RouteKey& k) {
+        return Routing::Multicast::Fib::convertKey(k);
+    }
+
+    // The (*,G) route of group `n` with its RPF toward the RP on `rpfIntf`.
+    Route& wcRoute(unsigned n, const std::string& rpfIntf) {
+        rpTowardIs(group(n), rpfIntf);
+        Route& route = this->route(wcKey(n));
+        flush();
+        return route;
+    }
+    Route& sgRoute(unsigned source, unsigned n, const std::string& rpfIntf) {
+        const IpGenAddr s = IpGenAddr::v4(0xc0000200u + source);  // 192.0.2.x
+        pimIntfOf(rpfIntf);
+        unicastRouteIs(IpGenPrefix::hostPrefix(s), rpfIntf, nbr, 1, 1);
+        Route& route = this->route(RouteKey(s, group(n)));
+        flush();
+        return route;
+    }
+    void rpfIs(const Route& route, const std::string& intf) {
+        rpTowardIs(route.key().group(), intf);
+        flush();
+    }
+    // The group's RP, reached through `intf`.
+    void rpTowardIs(const IpGenAddr& g, const std::string& intf) {
+        const IpGenAddr rp = IpGenAddr::v4(0x0a630000u | (g.v4HostOrder() & 0xffffu));
+        rpIs(IpGenPrefix::hostPrefix(g), rp);
+        pimIntfOf(intf);
+        unicastRouteIs(IpGenPrefix::hostPrefix(rp), intf, nbr, 1, 1);
+    }
+    void receiverIs(Route& route, const std::string& intf, bool on) {
+        pimIntfOf(intf);
+        route.routeIntfIs(IntfId(intf))->localReceiverIncludeIs(on);
+        flush();
+    }
+    void forgetRoute(const RouteKey& key) {
+        removeRoute(key);
+        flush();
+    }
+
+    // A second forwarding stage started over the VRF as it is now, writing
+    // `table` and handing out indexes below `poolLimit`: what a restarted
+    // agent's stage meets when the routes it holds are back before it starts.
+    // `record`, `hasOif` and `expectConsistent` read it from then on.
+    void stageIs(Cask::Ptr<TMF::Status> t, std::uint32_t poolLimit = TMF::OifIndex::count) {
+        VrfContext c = ctx();
+        c.mfibTidal = t.get();
+        stage = std::make_unique<MfibSm>(c);
+        stage->oifIndexFreePoolLimitIs(poolLimit);
+        stage->handleInit();
+        sm = stage.get();
+        table = t;
+        flush();
+    }
+
+    const TMF::Route* record(const RouteKey& key) const { return table->route(fibKey(key)); }
+    bool hasOif(const RouteKey& key, const std::string& intf) const {
+        const TMF::Route* r = record(key);
+        return r && r->oif(sm->intfOifIndex(IntfId(intf)));
+    }
+
+    // Every mapped index is counted once per record with its bit, both
+    // mappings agree, every set bit is mapped, and no index is lost.
+    void expectConsistent() const {
+        std::size_t mapped = 0;
+        for (const auto& [index, entry] : table->oifIndexIntf()) {
+            ++mapped;
+            EXPECT_LT(index.value(), sm->oifIndexFreePoolLimit());
+            std::uint32_t users = 0;
+            for (const auto& [key, r] : table->route()) users += r.oif(index);
+            EXPECT_EQ(entry.refCount, users) << "index " << index.value();
+            EXPECT_GT(entry.refCount, 0u) << "index " << index.value();
+            EXPECT_EQ(sm->intfOifIndex(entry.intf), index);
+        }
+        for (const auto& [key, r] : table->route()) {
+            for (TMF::OifIndex i : r.oifIteratorConst()) {
+                EXPECT_TRUE(table->oifIndexIntfHas(i)) << key.str() << " bit " << i.value();
+            }
+        }
+        EXPECT_EQ(sm->intfOifIndexSize(), mapped);
+        EXPECT_EQ(sm->oifIndexFreePoolSize() + mapped, sm->oifIndexFreePoolLimit());
+    }
+
+    void pimIntfOf(const std::string& name) {
+        if (pim().intfHas(IntfId(name))) return;
+        intfIs(name, ip("10.0.0.5"), true);
+        neighborIs(name, nbr);
+    }
+
+    const IpGenAddr nbr = ip("10.0.0.2");
+    MfibSm* sm;
+    Cask::Ptr<TMF::Status> table;
+    std::unique_ptr<MfibSm> stage;
 };
 
-TEST_F(MfibSmTest, LocalReceiverProgramsWcRouteAndItsDepartureFreesTheIndex) {
-    f.start();
+TEST(MfibSm, LocalReceiverProgramsWcRouteAndItsDepartureFreesTheIndex) {
+    MfibVrf f;
     Route& wc = f.wcRoute(1, "up_rp");
     const RouteKey key = wc.key();
     f.receiverIs(wc, "d1", true);
@@ -32,7 +132,7 @@ TEST_F(MfibSmTest, LocalReceiverProgramsWcRouteAndItsDepartureFreesTheIndex) {
     EXPECT_TRUE(r->flag(TMF::Route::toCpu));
     EXPECT_EQ(f.sm->intfOifIndex(Wirl::IntfId("d1")), TMF::OifIndex(0));  // lowest first
     EXPECT_TRUE(
-        Cask::trace().contains("<Vrf:blue>Mfib: doCommitTidalRoute(): (*, 239.1.0.1) I "
+        Cask::trace().contains("<Vrf:red>Mfib: doCommitTidalRoute(): (*, 239.1.0.1) I "
                                "up_rp FRR  N  F 0x2 I 0x1 -> d1"));
     f.expectConsistent();
 
@@ -56,36 +156,37 @@ TEST_F(MfibSmTest, LocalReceiverProgramsWcRouteAndItsDepartureFreesTheIndex) {
     EXPECT_FALSE(f.record(key));
 }
 
-TEST_F(MfibSmTest, RouteWhoseOnlyInterfaceIsItsIifHasAnEmptyBitmap) {
-    f.start();
+TEST(MfibSm, RouteWhoseOnlyInterfaceIsItsIifHasAnEmptyBitmap) {
+    MfibVrf f;
     Route& wc = f.wcRoute(1, "up_rp");
     f.receiverIs(wc, "up_rp", true);
     const TMF::Route* r = f.record(wc.key());
     ASSERT_TRUE(r);
     EXPECT_EQ(r->oifs(), 0u);
     EXPECT_TRUE(Cask::trace().contains(
-        "<Vrf:blue>MfibSm::doCommitTidalRoute(): Note: No oifs in route (*, 239.1.0.1)"));
+        "<Vrf:red>MfibSm::doCommitTidalRoute(): Note: No oifs in route (*, 239.1.0.1)"));
     // The index handed out for the iif went back: nothing uses it.
     f.expectConsistent();
     EXPECT_EQ(f.sm->oifIndexFreePoolSize(), 512u);
 }
 
-TEST_F(MfibSmTest, IdenticalRecordIsNotWrittenAgain) {
-    f.start();
+TEST(MfibSm, IdenticalRecordIsNotWrittenAgain) {
+    MfibVrf f;
     Route& wc = f.wcRoute(1, "up_rp");
     f.receiverIs(wc, "d1", true);
     const auto writes = f.table->routeWriteCount();
     wc.routeChangedInc();
     wc.mfibChangeCountInc();
     f.sm->doCommitTidalRoute(*f.record(wc.key()));
+    f.flush();  // the rebuild the two changes asked for
     EXPECT_EQ(f.table->routeWriteCount(), writes);
     // A real change is written once.
     f.receiverIs(wc, "d2", true);
     EXPECT_EQ(f.table->routeWriteCount(), writes + 1);
 }
 
-TEST_F(MfibSmTest, ExhaustedIndexesPutTheRouteOnWaitUntilOneIsFreed) {
-    f.start();
+TEST(MfibSm, ExhaustedIndexesPutTheRouteOnWaitUntilOneIsFreed) {
+    MfibVrf f;
     std::vector<Route*> routes;
     for (unsigned n = 0; n < TMF::OifIndex::count; ++n) {
         routes.push_back(&f.wcRoute(n, "up_rp"));
@@ -114,30 +215,32 @@ TEST_F(MfibSmTest, ExhaustedIndexesPutTheRouteOnWaitUntilOneIsFreed) {
     f.expectConsistent();
 }
 
-TEST_F(MfibSmTest, RestartKeepsMatchingRecordsWithTheirIndexesAndRemovesStaleOnes) {
+TEST(MfibSm, RestartKeepsMatchingRecordsWithTheirIndexesAndRemovesStaleOnes) {
+    MfibVrf f;
+    auto stored = Cask::make<TMF::Status>();
     // What an earlier run left: (*,G1) on d1 (index 5) and d2 (index 7),
     // (*,G2) on d2 only; the agent now holds G1 alone.
     auto old = [](unsigned n, std::initializer_list<unsigned> bits) {
-        TMF::Route r(MfibFixture::fibKey(MfibFixture::wcKey(n)));
+        TMF::Route r(MfibVrf::fibKey(MfibVrf::wcKey(n)));
         r.iifIs(Wirl::IntfId("up_rp"));
         for (unsigned b : bits) r.oifIs(TMF::OifIndex(b), true);
         return r;
     };
-    f.table->routeIs(old(1, {5, 7}));
-    f.table->routeIs(old(2, {7}));
-    f.table->routeIs(old(3, {}));
-    f.table->oifIndexIntfIs({TMF::OifIndex(5), Wirl::IntfId("d1"), 1});
-    f.table->oifIndexIntfIs({TMF::OifIndex(7), Wirl::IntfId("d2"), 2});
+    stored->routeIs(old(1, {5, 7}));
+    stored->routeIs(old(2, {7}));
+    stored->routeIs(old(3, {}));
+    stored->oifIndexIntfIs({TMF::OifIndex(5), Wirl::IntfId("d1"), 1});
+    stored->oifIndexIntfIs({TMF::OifIndex(7), Wirl::IntfId("d2"), 2});
     Route& wc = f.wcRoute(1, "up_rp");
     f.receiverIs(wc, "d1", true);
     f.receiverIs(wc, "d2", true);
 
-    f.start();
+    f.stageIs(stored);
     EXPECT_TRUE(f.record(wc.key()));
-    EXPECT_FALSE(f.record(MfibFixture::wcKey(2)));
-    EXPECT_FALSE(f.record(MfibFixture::wcKey(3)));
+    EXPECT_FALSE(f.record(MfibVrf::wcKey(2)));
+    EXPECT_FALSE(f.record(MfibVrf::wcKey(3)));
     EXPECT_TRUE(Cask::trace().contains(
-        "<Vrf:blue>MfibSm::handleInit(): Restarting, deleting route (*, 239.1.0.2) from the MFIB"));
+        "<Vrf:red>MfibSm::handleInit(): Restarting, deleting route (*, 239.1.0.2) from the MFIB"));
     EXPECT_EQ(f.sm->intfOifIndex(Wirl::IntfId("d1")), TMF::OifIndex(5));
     EXPECT_EQ(f.sm->intfOifIndex(Wirl::IntfId("d2")), TMF::OifIndex(7));
     EXPECT_TRUE(f.hasOif(wc.key(), "d1"));
@@ -152,7 +255,7 @@ TEST_F(MfibSmTest, RestartKeepsMatchingRecordsWithTheirIndexesAndRemovesStaleOne
 // and repaired at start; the agent keeps running and programs the routes it
 // holds as if the table had been sound. Every case holds (*,G1) with
 // receivers on d1 and d2 and finds other (*,G) records of its own.
-TEST_F(MfibSmTest, RestartRepairsAnInconsistentTable) {
+TEST(MfibSm, RestartRepairsAnInconsistentTable) {
     struct Mapping {
         unsigned key, index;
         const char* intf;
@@ -193,26 +296,27 @@ TEST_F(MfibSmTest, RestartRepairsAnInconsistentTable) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        MfibFixture fx;
+        MfibVrf fx;
         Cask::trace().clear();
         Cask::trace().levelIs(4);
+        auto stored = Cask::make<TMF::Status>();
         std::vector<std::string> reports;
-        fx.table->corruptionHandlerIs([&](const std::string& what) { reports.push_back(what); });
+        stored->corruptionHandlerIs([&](const std::string& what) { reports.push_back(what); });
         for (const Mapping& m : c.mappings) {
-            fx.table->oifIndexIntfIs(TMF::OifIndex(m.key),
-                                     {TMF::OifIndex(m.index), Wirl::IntfId(m.intf), m.refCount});
+            stored->oifIndexIntfIs(TMF::OifIndex(m.key),
+                                   {TMF::OifIndex(m.index), Wirl::IntfId(m.intf), m.refCount});
         }
         for (const Stored& r : c.records) {
-            TMF::Route rec(MfibFixture::fibKey(MfibFixture::wcKey(r.group)));
+            TMF::Route rec(MfibVrf::fibKey(MfibVrf::wcKey(r.group)));
             rec.iifIs(Wirl::IntfId("up_rp"));
             for (unsigned b : r.bits) rec.oifIs(TMF::OifIndex(b), true);
-            fx.table->routeIs(rec);
+            stored->routeIs(rec);
         }
         Route& wc = fx.wcRoute(1, "up_rp");
         fx.receiverIs(wc, "d1", true);
         fx.receiverIs(wc, "d2", true);
 
-        fx.start(nullptr, c.poolLimit);
+        fx.stageIs(stored, c.poolLimit);
         EXPECT_GT(fx.table->corruptionCount(), 0u);
         EXPECT_EQ(reports.size(), fx.table->corruptionCount());
         EXPECT_TRUE(Cask::trace().contains("Corrupt forwarding table"));
@@ -220,7 +324,7 @@ TEST_F(MfibSmTest, RestartRepairsAnInconsistentTable) {
         EXPECT_TRUE(fx.hasOif(wc.key(), "d1"));
         EXPECT_TRUE(fx.hasOif(wc.key(), "d2"));
         EXPECT_EQ(fx.record(wc.key())->oifs(), 2u);
-        for (unsigned g = 2; g <= 3; ++g) EXPECT_FALSE(fx.record(MfibFixture::wcKey(g)));
+        for (unsigned g = 2; g <= 3; ++g) EXPECT_FALSE(fx.record(MfibVrf::wcKey(g)));
         fx.expectConsistent();
 
         // The repaired counts carry on: an interface leaving frees its index.
@@ -235,8 +339,9 @@ TEST_F(MfibSmTest, RestartRepairsAnInconsistentTable) {
 
 // The incoming interface never forwards, so a route whose receivers sit on
 // it needs no new index and is written at once even with none free.
-TEST_F(MfibSmTest, ReceiverOnTheIifNeedsNoIndexWhenThePoolIsEmpty) {
-    f.start(nullptr, 1);
+TEST(MfibSm, ReceiverOnTheIifNeedsNoIndexWhenThePoolIsEmpty) {
+    MfibVrf f;
+    f.stageIs(Cask::make<TMF::Status>(), 1);
     Route& full = f.wcRoute(0, "up_rp");
     f.receiverIs(full, "e0", true);
     ASSERT_EQ(f.sm->oifIndexFreePoolSize(), 0u);
@@ -258,8 +363,8 @@ TEST_F(MfibSmTest, ReceiverOnTheIifNeedsNoIndexWhenThePoolIsEmpty) {
     }
 }
 
-TEST_F(MfibSmTest, SgRouteWaitsForRegisterEvaluationThenInheritsAndDropsTheSharedTree) {
-    f.start();
+TEST(MfibSm, SgRouteWaitsForRegisterEvaluationThenInheritsAndDropsTheSharedTree) {
+    MfibVrf f;
     Route& wc = f.wcRoute(1, "up_rp");
     f.receiverIs(wc, "d1", true);
     f.receiverIs(wc, "up_s", true);
@@ -269,34 +374,43 @@ TEST_F(MfibSmTest, SgRouteWaitsForRegisterEvaluationThenInheritsAndDropsTheShare
         "isProgrammableRoute(): Waiting for register OIF evaluation for (192.0.2.10, 239.1.0.1)"));
 
     sg.registerOifEvaluatedIs(true);
+    f.flush();
     const TMF::Route* r = f.record(sg.key());
     ASSERT_TRUE(r);
     EXPECT_EQ(r->iif(), Wirl::IntfId("up_s"));
     EXPECT_TRUE(f.hasOif(sg.key(), "d1"));
     EXPECT_FALSE(f.hasOif(sg.key(), "up_s"));  // its own iif is not inherited
     EXPECT_TRUE(r->flag(TMF::Route::notifyProgrammable));
-    EXPECT_TRUE(r->fastdrop().isNull());
+    // The (*,G) receivers joined the shared tree: packets of S arriving on
+    // it are dropped.
+    ASSERT_EQ(wc.upJoinState(), UpJoinState::upJoined);
+    EXPECT_EQ(r->fastdrop(), Wirl::IntfId("up_rp"));
 
-    // The shared tree joined: packets of S arriving on it are dropped.
-    wc.upJoinStateIs(UpJoinState::upJoined);
-    EXPECT_EQ(f.record(sg.key())->fastdrop(), Wirl::IntfId("up_rp"));
+    // They leave, and so does the shared tree: nothing inherited or dropped.
+    f.receiverIs(wc, "d1", false);
+    f.receiverIs(wc, "up_s", false);
+    ASSERT_EQ(wc.upJoinState(), UpJoinState::upNotJoined);
+    ASSERT_TRUE(f.record(sg.key()));
+    EXPECT_EQ(f.record(sg.key())->oifs(), 0u);
+    EXPECT_TRUE(f.record(sg.key())->fastdrop().isNull());
     // A (*,G) interface change reaches the (S,G) record.
     f.receiverIs(wc, "d2", true);
     EXPECT_TRUE(f.hasOif(sg.key(), "d2"));
+    EXPECT_EQ(f.record(sg.key())->fastdrop(), Wirl::IntfId("up_rp"));
     f.expectConsistent();
 }
 
-TEST_F(MfibSmTest, ClearRemovesEveryRecordAndReference) {
-    f.start();
+TEST(MfibSm, ClearRemovesEveryRecordAndReference) {
+    MfibVrf f;
     for (unsigned n = 0; n < 3; ++n) f.receiverIs(f.wcRoute(n, "up_rp"), "d1", true);
-    f.sm->handleClearMfib();
+    f.mfibConfig().clearMfibCountInc();
     EXPECT_EQ(f.table->routeSize(), 0u);
     EXPECT_EQ(f.table->oifIndexIntfSize(), 0u);
     f.expectConsistent();
 }
 
-TEST_F(MfibSmTest, SingleInterfaceEdgeCases) {
-    f.start();
+TEST(MfibSm, SingleInterfaceEdgeCases) {
+    MfibVrf f;
     Route& wc = f.wcRoute(1, "up_rp");
     f.receiverIs(wc, "d1", true);
     TMF::Route r = *f.record(wc.key());
@@ -316,9 +430,9 @@ TEST_F(MfibSmTest, SingleInterfaceEdgeCases) {
 // Reference counts equal the number of records with the bit set after every
 // step of a random walk over receivers, RPF changes and route churn, and
 // every record carries exactly its receivers less its iif.
-TEST_F(MfibSmTest, RandomChurnKeepsReferenceCountsExact) {
+TEST(MfibSm, RandomChurnKeepsReferenceCountsExact) {
     Cask::trace().levelIs(4);
-    f.start();
+    MfibVrf f;
     constexpr unsigned groups = 12, intfs = 10;
     std::mt19937 rng(20240611);
     std::vector<Route*> route(groups, nullptr);
@@ -339,17 +453,17 @@ TEST_F(MfibSmTest, RandomChurnKeepsReferenceCountsExact) {
         } else {
             // The route leaves with its receivers; a later step brings it back
             // without them.
-            f.forgetRoute(route[g]->key());
             for (unsigned k = 0; k < intfs; ++k) {
                 if (rx[g][k]) f.receiverIs(*route[g], name(k), false);
             }
+            f.forgetRoute(route[g]->key());
             route[g] = nullptr;
         }
         SCOPED_TRACE(fmt::format("step {}", step));
         f.expectConsistent();
         for (unsigned k = 0; k < groups; ++k) {
             if (!route[k]) {
-                EXPECT_FALSE(f.record(MfibFixture::wcKey(k)));
+                EXPECT_FALSE(f.record(MfibVrf::wcKey(k)));
                 continue;
             }
             for (unsigned j = 0; j < intfs; ++j) {
@@ -364,10 +478,9 @@ TEST_F(MfibSmTest, RandomChurnKeepsReferenceCountsExact) {
 // On a loop, a route's changes in one turn are built once, when the turn's
 // handler chain has settled: the route appearing and its receiver arriving
 // in the same turn commit one record, with the receiver's interface.
-TEST_F(MfibSmTest, ChangesOfOneTurnBuildTheRecordOnce) {
-    Cask::VirtualClock clock;
-    Cask::EventLoop loop(clock);
-    f.start(&loop);
+TEST(MfibSm, ChangesOfOneTurnBuildTheRecordOnce) {
+    MfibVrf f;
+    f.pimIntfOf("d1");
     struct Case {
         const char* name;
         int changes;  // receiver toggles after the join, in the same turn
@@ -377,26 +490,28 @@ TEST_F(MfibSmTest, ChangesOfOneTurnBuildTheRecordOnce) {
         const unsigned n = c.changes + 1;
         const std::uint64_t writes = f.table->routeWriteCount();
         const std::uint64_t builds = f.sm->builds();
-        loop.post([&] {
-            Route& r = f.wcRoute(n, "up1");
-            f.receiverIs(r, "d1", true);
-            for (int i = 0; i < c.changes; ++i) f.receiverIs(r, "d1", i % 2 == 1);
+        f.rpTowardIs(f.group(n), "up1");
+        f.flush();
+        f.loop.post([&] {
+            Intf& d1 = *f.route(f.wcKey(n)).routeIntfIs(IntfId("d1"));
+            d1.localReceiverIncludeIs(true);
+            for (int i = 0; i < c.changes; ++i) d1.localReceiverIncludeIs(i % 2 == 1);
             EXPECT_EQ(f.sm->dirtyRoutes(), 1u);
             EXPECT_EQ(f.record(f.wcKey(n)), nullptr);  // nothing built inside the turn
         });
-        loop.runOnce();
+        f.loop.runOnce();
         EXPECT_EQ(f.sm->builds() - builds, 1u);
         EXPECT_EQ(f.table->routeWriteCount() - writes, 1u);
         EXPECT_TRUE(f.hasOif(f.wcKey(n), "d1"));
         EXPECT_EQ(f.sm->dirtyRoutes(), 0u);
     }
     // Removing a dirty route drops its pending build and its record.
-    loop.post([&] {
-        f.receiverIs(f.wcRoute(1, "up1"), "d1", false);
-        f.forgetRoute(f.wcKey(1));
+    f.loop.post([&] {
+        f.route(f.wcKey(1)).routeIntfIs(IntfId("d1"))->localReceiverIncludeIs(false);
+        f.removeRoute(f.wcKey(1));
     });
     const std::uint64_t builds = f.sm->builds();
-    loop.runOnce();
+    f.loop.runOnce();
     EXPECT_EQ(f.sm->builds(), builds);
     EXPECT_EQ(f.record(f.wcKey(1)), nullptr);
     f.expectConsistent();

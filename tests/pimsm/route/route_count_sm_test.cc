@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "pimsm/route/route_count_sm.h"
+#include "pimsm/test_vrf.h"
 
 namespace {
 
@@ -18,25 +19,29 @@ RouteKey key(int n) {
 }
 
 TEST(RouteCountSm, CountersStartAtZeroAndFollowTheirSets) {
-    auto ls = localStatusFactory(Wirl::AddressFamily::ipv4);
-    auto rpf = Cask::make<Routing::Pim::RpfStatus>();
-    auto tidal = Cask::make<Tidal::Status>();
-    ls->switchingRouteIs(key(9));  // present before the machine starts
-    VrfContext ctx;
-    ctx.vrfName = L3::VrfName("red");
-    ctx.localStatus = ls.get();
-    ctx.rpfStatus = rpf.get();
-    ctx.routeCounts = tidal.get();
-    auto sm = routeCountSmFactory(ctx);
-    const auto count = [&](Tidal::RouteCounterKind kind) {
+    Testing::TestVrf vrf;
+    LocalStatus* ls = &vrf.localStatus();
+    Routing::Pim::RpfStatus* rpf = &vrf.rpfStatus();
+    Tidal::Status* tidal = vrf.ctx().routeCounts;
+    const auto count = [&](Tidal::RouteCounterKind kind, const Tidal::Status& from) {
         const Tidal::RouteCounterKey k{kind, 0};
-        EXPECT_TRUE(tidal->routeCounterHas(k));
-        return tidal->routeCounter(k).value;
+        EXPECT_TRUE(from.routeCounterHas(k));
+        return from.routeCounter(k).value;
     };
-    EXPECT_EQ(count(Tidal::unresolvedRouteCount), 0u);
-    EXPECT_EQ(count(Tidal::toBeDeletedRouteCount), 0u);
-    EXPECT_EQ(count(Tidal::switchingRouteCount), 1u);
+    for (auto kind :
+         {Tidal::unresolvedRouteCount, Tidal::toBeDeletedRouteCount, Tidal::switchingRouteCount}) {
+        EXPECT_EQ(count(kind, *tidal), 0u);
+    }
     EXPECT_EQ(tidal->routeCounterSize(), 3u);
+
+    // A machine started over a set that is not empty counts what is there.
+    ls->switchingRouteIs(key(9));
+    auto started = Cask::make<Tidal::Status>();
+    VrfContext ctx = vrf.ctx();
+    ctx.routeCounts = started.get();
+    auto late = routeCountSmFactory(ctx);
+    EXPECT_EQ(count(Tidal::switchingRouteCount, *started), 1u);
+    EXPECT_EQ(count(Tidal::unresolvedRouteCount, *started), 0u);
 
     struct Case {
         Tidal::RouteCounterKind kind;
@@ -52,16 +57,16 @@ TEST(RouteCountSm, CountersStartAtZeroAndFollowTheirSets) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.kind);
-        const auto start = count(c.kind);
+        const auto start = count(c.kind, *tidal);
         c.add(key(1));
         c.add(key(2));
         c.add(key(2));  // already there
-        EXPECT_EQ(count(c.kind), start + 2);
+        EXPECT_EQ(count(c.kind, *tidal), start + 2);
         c.del(key(1));
-        EXPECT_EQ(count(c.kind), start + 1);
+        EXPECT_EQ(count(c.kind, *tidal), start + 1);
         c.del(key(2));
         c.del(key(3));  // never there
-        EXPECT_EQ(count(c.kind), start);
+        EXPECT_EQ(count(c.kind, *tidal), start);
     }
 }
 

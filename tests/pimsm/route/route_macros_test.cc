@@ -3,19 +3,109 @@
 // worked out by hand from the RFC 7761 definitions, not from the code under test.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <compare>
 #include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "pimsm/route/route_fixture.h"
+#include "pimsm/test_vrf.h"
 
 namespace {
 
 using namespace Routing::Pim::SparseMode;
-using Testing::RouteFixture;
+using Routing::Pim::RouteKey;
+using Routing::Pim::Rpf;
 using Wirl::AddressFamily;
+
+// One group with a (*,G) and an (S,G) route over five PIM interfaces. "up_rp" is
+// RPF_interface(RP(G)), "up_s" is RPF_interface(S), "d1".."d3" are downstream. This router is
+// DR on d1 and d2 only.
+//
+// Addresses come in either family (10.0.N.H or 2001:db8:N::H, N the interface's subnet) so the
+// same tables run over IPv4 and IPv6. My address on each interface is host 5; hosts 2 and 9
+// are other routers, PIM neighbours below and above mine, so an assert tie on preference and
+// metric can be won or lost on the address.
+struct MacroVrf : Testing::TestVrf {
+    static constexpr std::array<std::string_view, 5> intfNames = {"d1", "d2", "d3", "up_rp",
+                                                                  "up_s"};
+    static constexpr unsigned myHost = 5, lowHost = 2, highHost = 9;
+    // MRIB preference and metric toward RP(G) and toward S.
+    static constexpr std::uint32_t rpPref = 120, rpMetric = 20, srcPref = 110, srcMetric = 30;
+
+    explicit MacroVrf(AddressFamily family) : TestVrf(family, Start::later) {
+        for (unsigned n = 0; n < intfNames.size(); ++n) {
+            const auto name = intfNames[n];
+            // DR: me on d1 and d2, the higher neighbour elsewhere.
+            intfIs(name, me(name)).usedDrIs(n < 2 ? me(name) : peer(name, highHost));
+            neighborIs(name, peer(name, lowHost));
+            neighborIs(name, peer(name, highHost));
+        }
+        // RPF'(*,G) and RPF'(S,G) through the unicast routes toward RP(G) and S.
+        const auto group = *Wirl::IpGenAddr::parse(v4() ? "239.1.1.1" : "ff0e::1:1");
+        const auto source = *Wirl::IpGenAddr::parse(v4() ? "192.0.2.10" : "2001:db8:ff::10");
+        const auto rp = addr(99, 1);
+        rpIs(Wirl::IpGenPrefix(
+                 v4() ? *Wirl::IpGenAddr::parse("224.0.0.0") : *Wirl::IpGenAddr::parse("ff00::"),
+                 v4() ? 4 : 8),
+             rp);
+        unicastRouteIs(Wirl::IpGenPrefix::hostPrefix(rp), "up_rp", peer("up_rp", lowHost), rpPref,
+                       rpMetric);
+        unicastRouteIs(Wirl::IpGenPrefix::hostPrefix(source), "up_s", peer("up_s", lowHost),
+                       srcPref, srcMetric);
+        start();
+        wcRoute = &route(RouteKey::wc(group));
+        sgRoute = &route(RouteKey(source, group));
+    }
+
+    Wirl::IpGenAddr addr(unsigned subnet, unsigned host) const {
+        return *Wirl::IpGenAddr::parse(v4() ? fmt::format("10.0.{}.{}", subnet, host)
+                                            : fmt::format("2001:db8:{}::{}", subnet, host));
+    }
+    // Another router's address on `intf` (my_ip(I) is host `myHost`).
+    Wirl::IpGenAddr peer(std::string_view intf, unsigned host) const {
+        for (unsigned n = 0; n < intfNames.size(); ++n) {
+            if (intfNames[n] == intf) return addr(n + 1, host);
+        }
+        return addr(0, host);
+    }
+    Wirl::IpGenAddr me(std::string_view intf) const { return peer(intf, myHost); }
+
+    // The routes' interface records, created on first use.
+    Intf& wc(std::string_view intf) { return *wcRoute->routeIntfIs(Wirl::IntfId(intf)); }
+    Intf& sg(std::string_view intf) { return *sgRoute->routeIntfIs(Wirl::IntfId(intf)); }
+    // Gives both routes a record on every interface: a record without state must read like
+    // no record at all.
+    void addAllRecords() {
+        for (auto name : intfNames) {
+            wc(name);
+            sg(name);
+        }
+    }
+
+    // spt_assert_metric(S,I), rpt_assert_metric(G,I) as RFC 7761 defines them from the RPF
+    // routes above.
+    AssertMetric sptMetric(std::string_view intf) const {
+        return AssertMetric{false, srcPref, srcMetric, me(intf)};
+    }
+    AssertMetric rptMetric(std::string_view intf) const {
+        return AssertMetric{true, rpPref, rpMetric, me(intf)};
+    }
+    static AssertInfo loser(const AssertMetric& winner) {
+        return AssertInfo{AssertState::iAmAssertLoser, winner};
+    }
+    static AssertInfo winner(const AssertMetric& mine) {
+        return AssertInfo{AssertState::iAmAssertWinner, mine};
+    }
+
+    // The group's (*,G) route leaves the VRF (SSM, or the route was removed); the test keeps
+    // the record.
+    void forgetWcRoute() { removeRoute(wcRoute->key()); }
+
+    Cask::Ptr<Route> wcRoute;
+    Cask::Ptr<Route> sgRoute;
+};
 
 constexpr AddressFamily families[] = {AddressFamily::ipv4, AddressFamily::ipv6};
 
@@ -23,7 +113,7 @@ constexpr AddressFamily families[] = {AddressFamily::ipv4, AddressFamily::ipv6};
 // interface the route has no record for is left out.
 std::string members(const Route& route, bool (Intf::*pred)() const) {
     std::string out;
-    for (auto name : RouteFixture::intfNames) {
+    for (auto name : MacroVrf::intfNames) {
         const Intf* i = route.routeIntfRaw(Wirl::IntfId(name));
         if (!i || !(i->*pred)()) continue;
         if (!out.empty()) out += ' ';
@@ -53,7 +143,7 @@ std::string walkSgRpt(const Route& r) {
     return out;
 }
 
-using Setup = std::function<void(RouteFixture&)>;
+using Setup = std::function<void(MacroVrf&)>;
 
 // --- olists, JoinDesired, PruneDesired ------------------------------------------------------
 
@@ -65,35 +155,33 @@ struct OlistCase {
 };
 
 // Winner metrics on an (S,G) assert that do / do not beat spt_assert_metric(S,I).
-AssertMetric strongSpt(const RouteFixture& f, const char* intf) {
-    return {false, RouteFixture::srcPref - 10, 1000, f.peer(intf, RouteFixture::lowHost)};
+AssertMetric strongSpt(const MacroVrf& f, const char* intf) {
+    return {false, MacroVrf::srcPref - 10, 1000, f.peer(intf, MacroVrf::lowHost)};
 }
-AssertMetric weakSpt(const RouteFixture& f, const char* intf) {
-    return {false, RouteFixture::srcPref, RouteFixture::srcMetric + 1,
-            f.peer(intf, RouteFixture::highHost)};
+AssertMetric weakSpt(const MacroVrf& f, const char* intf) {
+    return {false, MacroVrf::srcPref, MacroVrf::srcMetric + 1, f.peer(intf, MacroVrf::highHost)};
 }
-AssertMetric rptWinner(const RouteFixture& f, const char* intf) {
-    return {true, RouteFixture::rpPref, RouteFixture::rpMetric,
-            f.peer(intf, RouteFixture::highHost)};
+AssertMetric rptWinner(const MacroVrf& f, const char* intf) {
+    return {true, MacroVrf::rpPref, MacroVrf::rpMetric, f.peer(intf, MacroVrf::highHost)};
 }
 
 const std::vector<OlistCase> olistCases = {
-    {"no state", [](RouteFixture&) {}, "", "", "", "", false},
+    {"no state", [](MacroVrf&) {}, "", "", "", "", false},
     {"(*,G) Join and Prune-Pending are both joins",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d1").joinStateIs(JoinState::joined);
          f.wc("d2").joinStateIs(JoinState::prunePending);
      },
      "d1 d2", "", "d1 d2", "d1 d2", false},
     {"(S,G) joins alone: no RPT join, so no (S,G,rpt) prune even with the SPT bit",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.sgRoute->spTreeIs(true);
          f.sg("d1").joinStateIs(JoinState::joined);
          f.sg("d3").joinStateIs(JoinState::prunePending);
      },
      "", "d1 d3", "", "d1 d3", false},
     {"(S,G,rpt) Prune and PruneTmp prune, Prune-Pending does not",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          for (auto d : {"d1", "d2", "d3"}) f.wc(d).joinStateIs(JoinState::joined);
          f.sg("d1").rptStateIs(RptState::rptPruned);
          f.sg("d2").rptStateIs(RptState::rptPruneTmp);
@@ -101,45 +189,45 @@ const std::vector<OlistCase> olistCases = {
      },
      "d1 d2 d3", "", "d3", "d3", false},
     {"(S,G,rpt) Prune-Pending-Tmp does not prune",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d2").joinStateIs(JoinState::joined);
          f.sg("d2").rptStateIs(RptState::rptPrunePendingTmp);
      },
      "d2", "", "d2", "d2", false},
     {"every (*,G) join pruned for S: inherited_olist(S,G,rpt) null, PruneDesired",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d1").joinStateIs(JoinState::joined);
          f.sg("d1").rptStateIs(RptState::rptPruned);
      },
      "d1", "", "", "", true},
     {"(S,G,rpt) pruned but (S,G) joined on the same interface",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d1").joinStateIs(JoinState::joined);
          f.sg("d1").joinStateIs(JoinState::joined);
          f.sg("d1").rptStateIs(RptState::rptPruned);
      },
      "d1", "d1", "", "d1", true},
     {"(*,G) local include counts on a DR only",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d1").localReceiverIncludeIs(true);
          f.wc("d3").localReceiverIncludeIs(true);
      },
      "d1", "", "d1", "d1", false},
     {"(*,G) local include on a non-DR that won the (*,G) assert",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d3").localReceiverIncludeIs(true);
-         f.wc("d3").assertInfoIs(RouteFixture::winner(f.rptMetric("d3")));
+         f.wc("d3").assertInfoIs(MacroVrf::winner(f.rptMetric("d3")));
      },
      "d3", "", "d3", "d3", false},
     {"(S,G) local include on a DR, and on a non-DR that won the (S,G) assert",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.sg("d2").localReceiverIncludeIs(true);
          f.sg("d3").localReceiverIncludeIs(true);
-         f.sg("d3").assertInfoIs(RouteFixture::winner(f.sptMetric("d3")));
+         f.sg("d3").assertInfoIs(MacroVrf::winner(f.sptMetric("d3")));
      },
      "", "d2 d3", "", "d2 d3", false},
     {"(S,G) local exclude removes pim_include(*,G) only, not joins(*,G)",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d1").localReceiverIncludeIs(true);
          f.wc("d2").localReceiverIncludeIs(true);
          f.wc("d2").joinStateIs(JoinState::joined);
@@ -148,84 +236,84 @@ const std::vector<OlistCase> olistCases = {
      },
      "d1 d2", "", "d2", "d2", false},
     {"pim_exclude(S,G) on a non-DR follows the (*,G) assert winner",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d3").localReceiverIncludeIs(true);
-         f.wc("d3").assertInfoIs(RouteFixture::winner(f.rptMetric("d3")));
+         f.wc("d3").assertInfoIs(MacroVrf::winner(f.rptMetric("d3")));
          f.sg("d3").localReceiverExcludeIs(true);
      },
      "d3", "", "", "", true},
     {"(*,G) assert loser: out of joins and pim_include, even on a DR",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d1").joinStateIs(JoinState::joined);
-         f.wc("d1").assertInfoIs(RouteFixture::loser(rptWinner(f, "d1")));
+         f.wc("d1").assertInfoIs(MacroVrf::loser(rptWinner(f, "d1")));
          f.wc("d2").localReceiverIncludeIs(true);
-         f.wc("d2").assertInfoIs(RouteFixture::loser(rptWinner(f, "d2")));
+         f.wc("d2").assertInfoIs(MacroVrf::loser(rptWinner(f, "d2")));
      },
      "", "", "", "", false},
     {"(*,G) assert loser keeps (S,G) joins",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d1").joinStateIs(JoinState::joined);
-         f.wc("d1").assertInfoIs(RouteFixture::loser(rptWinner(f, "d1")));
+         f.wc("d1").assertInfoIs(MacroVrf::loser(rptWinner(f, "d1")));
          f.sg("d1").joinStateIs(JoinState::joined);
      },
      "", "d1", "", "d1", false},
     {"no assert is lost on RPF_interface(RP(G)), (*,G) nor (S,G,rpt)",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("up_rp").joinStateIs(JoinState::joined);
-         f.wc("up_rp").assertInfoIs(RouteFixture::loser(rptWinner(f, "up_rp")));
-         f.sg("up_rp").assertInfoIs(RouteFixture::loser(strongSpt(f, "up_rp")));
+         f.wc("up_rp").assertInfoIs(MacroVrf::loser(rptWinner(f, "up_rp")));
+         f.sg("up_rp").assertInfoIs(MacroVrf::loser(strongSpt(f, "up_rp")));
      },
      "up_rp", "", "up_rp", "up_rp", false},
     {"(S,G) loser to a winner better than spt_assert_metric: out of both olists",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d1").joinStateIs(JoinState::joined);
          f.sg("d1").joinStateIs(JoinState::joined);
-         f.sg("d1").assertInfoIs(RouteFixture::loser(strongSpt(f, "d1")));
+         f.sg("d1").assertInfoIs(MacroVrf::loser(strongSpt(f, "d1")));
          f.sg("d2").localReceiverIncludeIs(true);
-         f.sg("d2").assertInfoIs(RouteFixture::loser(strongSpt(f, "d2")));
+         f.sg("d2").assertInfoIs(MacroVrf::loser(strongSpt(f, "d2")));
      },
      "d1", "", "", "", true},
     {"(S,G) loser to a winner worse than spt_assert_metric keeps (S,G) join and include",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d1").joinStateIs(JoinState::joined);
          f.sg("d1").joinStateIs(JoinState::joined);
-         f.sg("d1").assertInfoIs(RouteFixture::loser(weakSpt(f, "d1")));
+         f.sg("d1").assertInfoIs(MacroVrf::loser(weakSpt(f, "d1")));
          f.sg("d2").localReceiverIncludeIs(true);
-         f.sg("d2").assertInfoIs(RouteFixture::loser(weakSpt(f, "d2")));
+         f.sg("d2").assertInfoIs(MacroVrf::loser(weakSpt(f, "d2")));
      },
      "d1", "d1 d2", "", "d1 d2", true},
     {"(S,G) loser on RPF_interface(S) without the SPT bit loses it from the RPT olist",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("up_s").joinStateIs(JoinState::joined);
-         f.sg("up_s").assertInfoIs(RouteFixture::loser(strongSpt(f, "up_s")));
+         f.sg("up_s").assertInfoIs(MacroVrf::loser(strongSpt(f, "up_s")));
      },
      "up_s", "", "", "", true},
     {"(S,G) loser on RPF_interface(S) with the SPT bit keeps it; RPF' differ: PruneDesired",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.sgRoute->spTreeIs(true);
          f.wc("up_s").joinStateIs(JoinState::joined);
-         f.sg("up_s").assertInfoIs(RouteFixture::loser(strongSpt(f, "up_s")));
+         f.sg("up_s").assertInfoIs(MacroVrf::loser(strongSpt(f, "up_s")));
      },
      "up_s", "", "up_s", "up_s", true},
     {"SPT bit, RPF'(*,G) == RPF'(S,G): no PruneDesired",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.sgRoute->spTreeIs(true);
          f.sgRoute->umh()->doUpdateRpf(f.wcRoute->rpf());
          f.wc("d1").joinStateIs(JoinState::joined);
      },
      "d1", "", "d1", "d1", false},
     {"SPT bit, same RPF' neighbour reached with another preference and metric",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.sgRoute->spTreeIs(true);
          auto rpf = f.wcRoute->rpf();
-         rpf.preference = RouteFixture::srcPref;
-         rpf.metric = RouteFixture::srcMetric;
+         rpf.preference = MacroVrf::srcPref;
+         rpf.metric = MacroVrf::srcMetric;
          f.sgRoute->umh()->doUpdateRpf(rpf);
          f.wc("d1").joinStateIs(JoinState::joined);
      },
      "d1", "", "d1", "d1", false},
     {"SPT bit, RPF'(*,G) != RPF'(S,G) with a non-null olist: PruneDesired",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.sgRoute->spTreeIs(true);
          f.wc("d1").joinStateIs(JoinState::joined);
          f.sg("d2").joinStateIs(JoinState::joined);
@@ -233,7 +321,7 @@ const std::vector<OlistCase> olistCases = {
      "d1", "d2", "d1", "d1 d2", true},
 };
 
-void checkOlists(RouteFixture& f, const OlistCase& c, bool everyRecord) {
+void checkOlists(MacroVrf& f, const OlistCase& c, bool everyRecord) {
     const Route& wc = *f.wcRoute;
     Route& sg = *f.sgRoute;
     if (everyRecord) {
@@ -266,7 +354,7 @@ TEST(RouteMacros, OlistsJoinDesiredAndPruneDesired) {
     for (auto family : families) {
         for (const auto& c : olistCases) {
             SCOPED_TRACE(testing::Message() << Wirl::familyName(family) << ": " << c.name);
-            RouteFixture f(family);
+            MacroVrf f(family);
             c.set(f);
             {
                 SCOPED_TRACE("only the records the case made");
@@ -280,7 +368,7 @@ TEST(RouteMacros, OlistsJoinDesiredAndPruneDesired) {
 }
 
 TEST(RouteMacros, WithoutAStarGRouteOnlyTheSgTermsCount) {
-    RouteFixture f(AddressFamily::ipv6);
+    MacroVrf f(AddressFamily::ipv6);
     f.sgRoute->spTreeIs(true);
     f.wc("d1").joinStateIs(JoinState::joined);  // the (*,G) route is about to be unregistered
     f.sg("d2").joinStateIs(JoinState::joined);
@@ -309,11 +397,11 @@ struct Offer {
     std::uint32_t pref, metric;
     unsigned host;
 };
-constexpr unsigned lo = RouteFixture::lowHost, hi = RouteFixture::highHost;
-constexpr auto sp = RouteFixture::srcPref, sm = RouteFixture::srcMetric;
-constexpr auto rp = RouteFixture::rpPref, rm = RouteFixture::rpMetric;
+constexpr unsigned lo = MacroVrf::lowHost, hi = MacroVrf::highHost;
+constexpr auto sp = MacroVrf::srcPref, sm = MacroVrf::srcMetric;
+constexpr auto rp = MacroVrf::rpPref, rm = MacroVrf::rpMetric;
 
-AssertMetric offer(const RouteFixture& f, std::string_view intf, const Offer& o) {
+AssertMetric offer(const MacroVrf& f, std::string_view intf, const Offer& o) {
     return {o.rpt, o.pref, o.metric, f.peer(intf, o.host)};
 }
 
@@ -373,7 +461,7 @@ TEST(RouteMacros, LostAssertSgOnlyWhenTheWinnerBeatsSptAssertMetric) {
     for (auto family : families) {
         for (const auto& c : cases) {
             SCOPED_TRACE(testing::Message() << Wirl::familyName(family) << ": " << c.name);
-            RouteFixture f(family);
+            MacroVrf f(family);
             f.sgRoute->spTreeIs(c.spt);
             Intf& i = f.sg(c.intf);
             i.assertInfoIs(AssertInfo{c.state, offer(f, c.intf, c.winner)});
@@ -393,44 +481,44 @@ struct AssertCase {
 };
 
 const std::vector<AssertCase> assertCases = {
-    {"no state", [](RouteFixture&) {}, "", "", "", ""},
+    {"no state", [](MacroVrf&) {}, "", "", "", ""},
     {"(*,G) join, no SPT bit: track on RPF_interface(RP(G)) too",
-     [](RouteFixture& f) { f.wc("d1").joinStateIs(JoinState::joined); }, "", "d1", "d1 up_rp",
+     [](MacroVrf& f) { f.wc("d1").joinStateIs(JoinState::joined); }, "", "d1", "d1 up_rp",
      "d1 up_rp"},
     {"(*,G) join, SPT bit and keepalive: track on RPF_interface(S) instead",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.sgRoute->spTreeIs(true);
          f.sgRoute->katExpiredIs(false);
          f.wc("d1").joinStateIs(JoinState::joined);
      },
      "d1", "d1", "d1 up_s", "d1 up_rp"},
     {"SPT bit: (S,G,rpt) prune, (S,G) join, (*,G) assert loser",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.sgRoute->spTreeIs(true);
          f.wc("d1").joinStateIs(JoinState::joined);
          f.sg("d1").rptStateIs(RptState::rptPruned);
          f.sg("d2").joinStateIs(JoinState::joined);
          f.wc("d3").joinStateIs(JoinState::joined);
-         f.wc("d3").assertInfoIs(RouteFixture::loser(rptWinner(f, "d3")));
+         f.wc("d3").assertInfoIs(MacroVrf::loser(rptWinner(f, "d3")));
      },
      "d2", "d1 d3", "d2 up_s", "d1 d3 up_rp"},
     {"local include: on a DR or as assert winner only",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.sg("d1").localReceiverIncludeIs(true);
          f.sg("d3").localReceiverIncludeIs(true);
-         f.sg("d3").assertInfoIs(RouteFixture::winner(f.sptMetric("d3")));
+         f.sg("d3").assertInfoIs(MacroVrf::winner(f.sptMetric("d3")));
          f.wc("d2").localReceiverIncludeIs(true);
          f.wc("d3").localReceiverIncludeIs(true);  // not DR, no (*,G) assert won
      },
      "", "d2", "d1 d2 d3 up_rp up_s", "d2 up_rp"},
     {"a DR with (*,G) receivers keeps tracking the (*,G) assert it lost",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.wc("d2").localReceiverIncludeIs(true);
-         f.wc("d2").assertInfoIs(RouteFixture::loser(rptWinner(f, "d2")));
+         f.wc("d2").assertInfoIs(MacroVrf::loser(rptWinner(f, "d2")));
      },
      "", "", "", "d2"},
     {"SPT bit: local exclude and (S,G) include",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.sgRoute->spTreeIs(true);
          f.wc("d1").localReceiverIncludeIs(true);
          f.sg("d1").localReceiverExcludeIs(true);
@@ -438,7 +526,7 @@ const std::vector<AssertCase> assertCases = {
      },
      "d2", "d1", "d2 up_s", "d1 up_rp"},
     {"joins on RPF_interface(S): no (S,G) assert there, a (*,G) one",
-     [](RouteFixture& f) {
+     [](MacroVrf& f) {
          f.sgRoute->spTreeIs(true);
          f.wc("up_s").joinStateIs(JoinState::joined);
          f.sg("up_s").joinStateIs(JoinState::joined);
@@ -450,7 +538,7 @@ TEST(RouteMacros, CouldAssertTrackingAndMyAssertMetric) {
     for (auto family : families) {
         for (const auto& c : assertCases) {
             SCOPED_TRACE(testing::Message() << Wirl::familyName(family) << ": " << c.name);
-            RouteFixture f(family);
+            MacroVrf f(family);
             c.set(f);
             f.addAllRecords();
             const Route& wc = *f.wcRoute;
@@ -460,7 +548,7 @@ TEST(RouteMacros, CouldAssertTrackingAndMyAssertMetric) {
             EXPECT_EQ(members(wc, &Intf::couldAssertWc), c.couldAssertWc);
             EXPECT_EQ(members(sg, &Intf::assertTrackingDesiredSg), c.trackingSg);
             EXPECT_EQ(members(wc, &Intf::assertTrackingDesiredWc), c.trackingWc);
-            for (auto name : RouteFixture::intfNames) {
+            for (auto name : MacroVrf::intfNames) {
                 SCOPED_TRACE(name);
                 const Intf& s = f.sg(name);
                 const Intf& w = f.wc(name);
@@ -556,7 +644,7 @@ TEST(RouteMacros, ReceivedAssertAgainstMyMetricAndTheWinner) {
     for (auto family : families) {
         for (const auto& c : cases) {
             SCOPED_TRACE(testing::Message() << Wirl::familyName(family) << ": " << c.name);
-            RouteFixture f(family);
+            MacroVrf f(family);
             // d1: CouldAssert(S,G) and CouldAssert(*,G); d3: neither.
             f.sgRoute->spTreeIs(true);
             f.wc("d1").joinStateIs(JoinState::joined);
@@ -565,7 +653,7 @@ TEST(RouteMacros, ReceivedAssertAgainstMyMetricAndTheWinner) {
             Intf& i = c.wc ? f.wc(c.intf) : f.sg(c.intf);
             if (c.lost) {
                 const Offer w = c.wc ? Offer{true, rp - 10, rm, lo} : Offer{false, sp - 10, sm, lo};
-                i.assertInfoIs(RouteFixture::loser(offer(f, c.intf, w)));
+                i.assertInfoIs(MacroVrf::loser(offer(f, c.intf, w)));
             }
             EXPECT_EQ(c.wc ? i.isPreferredAssertWc(rx) : i.isPreferredAssertSg(rx), c.preferred);
             EXPECT_EQ(c.wc ? i.isInferiorAssertWc(rx) : i.isInferiorAssertSg(rx), c.inferior);

@@ -5,13 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "pimsm/route/review_fixture.h"
+#include "pimsm/test_vrf.h"
 
 namespace {
 
 using namespace Routing::Pim::SparseMode;
 using namespace Routing::Pim::SparseMode::Testing;
-using Routing::Pim::RouteKey;
 
 std::vector<Wirl::IpGenAddr> members(const AddrSet* set) {
     std::vector<Wirl::IpGenAddr> out;
@@ -60,24 +59,25 @@ TEST(RouteSm, AnInterfaceRecordCarriesStateWhileAnyProtocolStateIsThere) {
 }
 
 TEST(RouteSm, RegistersRoutesInIndexesAndUndoesItOnDelete) {
-    ReviewFixture f;
+    TestVrf f{TestVrf::Layout::twoUpstreams};
     const auto g1 = ip("239.1.1.1"), g2 = ip("239.2.2.2"), s1 = ip("10.1.0.1"), s2 = ip("10.1.0.2");
     for (const auto& k : {wc("239.1.1.1"), sg("10.1.0.1", "239.1.1.1"), sg("10.1.0.2", "239.1.1.1"),
                           sg("10.1.0.1", "239.2.2.2")}) {
-        f.route(k);
+        f.route(k, {"d1"});
     }
-    auto& st = *f.status;
-    EXPECT_EQ(f.localStatus->wcRouteSize(), 1u);
-    EXPECT_EQ(f.localStatus->sgRouteSize(), 3u);
-    EXPECT_EQ(f.review->routeSmSize(), 4u);
+    auto& st = f.status();
+    EXPECT_EQ(f.localStatus().wcRouteSize(), 1u);
+    EXPECT_EQ(f.localStatus().sgRouteSize(), 3u);
+    EXPECT_EQ(f.routeReviewSm().routeSmSize(), 4u);
     EXPECT_EQ(st.wcRouteCount(), 1u);
     EXPECT_EQ(st.sgRouteCount(), 3u);
     EXPECT_EQ(st.group(g1), 3u);
     EXPECT_EQ(st.group(g2), 1u);
     EXPECT_EQ(members(st.source(s1).get()), (std::vector{g1, g2}));
     EXPECT_EQ(members(st.groupSource(g1).get()), (std::vector{s1, s2}));
-    EXPECT_FALSE(st.sourceHas(Wirl::IpGenAddr::zero(ReviewFixture::v4)));  // (*,G) has no source
-    EXPECT_TRUE(f.rpfConfig->rpfConfigInfoHas(sg("10.1.0.2", "239.1.1.1")));
+    EXPECT_FALSE(
+        st.sourceHas(Wirl::IpGenAddr::zero(Wirl::AddressFamily::ipv4)));  // (*,G) has no source
+    EXPECT_TRUE(f.rpfConfig().rpfConfigInfoHas(sg("10.1.0.2", "239.1.1.1")));
     EXPECT_TRUE(Cask::trace().contains(
         "<Vrf:red>RouteSm: Route(10.1.0.2, 239.1.1.1) created, flags: rpTree 0 wildCard 0"));
 
@@ -86,9 +86,9 @@ TEST(RouteSm, RegistersRoutesInIndexesAndUndoesItOnDelete) {
     EXPECT_EQ(members(st.groupSource(g1).get()), (std::vector{s1}));
     EXPECT_EQ(st.group(g1), 2u);
     EXPECT_EQ(st.sgRouteCount(), 2u);
-    EXPECT_FALSE(f.localStatus->sgRouteHas(sg("10.1.0.2", "239.1.1.1")));
-    EXPECT_FALSE(f.rpfConfig->rpfConfigInfoHas(sg("10.1.0.2", "239.1.1.1")));
-    EXPECT_EQ(f.review->routeSmSize(), 3u);
+    EXPECT_FALSE(f.localStatus().sgRouteHas(sg("10.1.0.2", "239.1.1.1")));
+    EXPECT_FALSE(f.rpfConfig().rpfConfigInfoHas(sg("10.1.0.2", "239.1.1.1")));
+    EXPECT_EQ(f.routeReviewSm().routeSmSize(), 3u);
 
     st.routeDel(sg("10.1.0.1", "239.2.2.2"));
     EXPECT_FALSE(st.groupHas(g2));
@@ -101,13 +101,13 @@ TEST(RouteSm, LosingTheLastInterfaceMarksOnlyWildcardRoutes) {
                                                           {sg("10.1.0.1", "239.1.1.1"), false}};
     for (const auto& [key, marked] : cases) {
         SCOPED_TRACE(key.str());
-        ReviewFixture f;
+        TestVrf f{TestVrf::Layout::twoUpstreams};
         Route& r = f.route(key, {"d1", "d2"});
-        r.routeIntfDel(intf("d1"));
+        r.routeIntfDel(IntfId("d1"));
         EXPECT_FALSE(r.markedForDeletion());  // d2 is left
-        r.routeIntfDel(intf("d2"));
+        r.routeIntfDel(IntfId("d2"));
         EXPECT_EQ(r.markedForDeletion(), marked);
-        EXPECT_EQ(f.localStatus->toBeDeletedRouteHas(key), marked);
+        EXPECT_EQ(f.localStatus().toBeDeletedRouteHas(key), marked);
         EXPECT_TRUE(Cask::trace().contains("<Vrf:red>RouteSm: no interface in  route" + key.str()));
         EXPECT_EQ(Cask::trace().contains("), marking route for deletion"), marked);
         f.settle();
@@ -116,17 +116,17 @@ TEST(RouteSm, LosingTheLastInterfaceMarksOnlyWildcardRoutes) {
 }
 
 TEST(RouteSm, UnmarkingBeforeTheReviewKeepsTheRoute) {
-    ReviewFixture f;
+    TestVrf f{TestVrf::Layout::twoUpstreams};
     const auto key = sg("10.1.0.1", "239.1.1.1");
-    Route& r = f.route(key);
+    Route& r = f.route(key, {"d1"});
     r.markedForDeletionIs(true);
-    EXPECT_TRUE(f.localStatus->toBeDeletedRouteHas(key));
-    EXPECT_TRUE(f.localStatus->changeSet()->routesMarkedForDeletion());
+    EXPECT_TRUE(f.localStatus().toBeDeletedRouteHas(key));
+    EXPECT_TRUE(f.localStatus().changeSet()->routesMarkedForDeletion());
     r.markedForDeletionIs(false);
-    EXPECT_FALSE(f.localStatus->toBeDeletedRouteHas(key));
+    EXPECT_FALSE(f.localStatus().toBeDeletedRouteHas(key));
     f.settle();
     EXPECT_TRUE(f.has(key));
-    EXPECT_EQ(f.status->route(key).get(), &r);
+    EXPECT_EQ(f.status().route(key).get(), &r);
 }
 
 TEST(RouteSm, InterfaceRecordWithoutStateIsMarkedAndRemovedByTheReview) {
@@ -145,17 +145,17 @@ TEST(RouteSm, InterfaceRecordWithoutStateIsMarkedAndRemovedByTheReview) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        ReviewFixture f;
-        f.review->preserveRouteIntfIs(c.preserve);
+        TestVrf f{TestVrf::Layout::twoUpstreams};
+        f.routeReviewSm().preserveRouteIntfIs(c.preserve);
         const auto key = wc("239.1.1.1");
         Route& r = f.route(key, {"d1"});
-        Intf& d2 = *r.routeIntfIs(intf("d2"));
+        Intf& d2 = *r.routeIntfIs(IntfId("d2"));
         d2.localReceiverIncludeIs(c.keepInclude);
         d2.joinStateIs(JoinState::joined);
         d2.joinStateIs(JoinState::noInfo);
         const bool marked = !c.preserve && !c.keepInclude;
         EXPECT_EQ(d2.toBeDeleted(), marked);
-        EXPECT_EQ(f.localStatus->changeSet()->intfChangeHas(intf("d2")), marked);
+        EXPECT_EQ(f.localStatus().changeSet()->intfChangeHas(IntfId("d2")), marked);
         EXPECT_EQ(Cask::trace().contains("(), marking interface for deletion: d2"), marked);
         if (c.joinAgain) {
             d2.joinStateIs(JoinState::joined);
@@ -163,19 +163,20 @@ TEST(RouteSm, InterfaceRecordWithoutStateIsMarkedAndRemovedByTheReview) {
             EXPECT_TRUE(Cask::trace().contains("(), resetting marked for deletion: d2"));
         }
         f.settle();
-        EXPECT_EQ(!r.routeIntfHas(intf("d2")), c.removed);
-        EXPECT_TRUE(r.routeIntfHas(intf("d1")));
+        EXPECT_EQ(!r.routeIntfHas(IntfId("d2")), c.removed);
+        EXPECT_TRUE(r.routeIntfHas(IntfId("d1")));
     }
 }
 
 TEST(RouteSm, RefusesAnotherRouteForItsKey) {
-    ReviewFixture f;
+    TestVrf f{TestVrf::Layout::twoUpstreams};
     const auto key = sg("10.1.0.1", "239.1.1.1");
-    Route& r = f.route(key);
-    EXPECT_EQ(routeSmFactory(*f.review, Cask::Ptr<Route>(&r)), f.review->routeSm(key));
-    auto other = Cask::make<Route>(key, &f.status->context(), 0.0);
+    Route& r = f.route(key, {"d1"});
+    EXPECT_EQ(routeSmFactory(f.routeReviewSm(), Cask::Ptr<Route>(&r)),
+              f.routeReviewSm().routeSm(key));
+    auto other = Cask::make<Route>(key, &f.status().context(), 0.0);
     try {
-        routeSmFactory(*f.review, other);
+        routeSmFactory(f.routeReviewSm(), other);
         FAIL() << "accepted a second route for the key";
     } catch (const ReinstantiationError& e) {
         EXPECT_EQ(std::string(e.what()),
@@ -187,40 +188,42 @@ TEST(RouteSm, RefusesAnotherRouteForItsKey) {
 }
 
 TEST(RouteSm, FastFailoverUpstreamFollowsTheFilter) {
-    ReviewFixture f;
-    Wirl::AddressRangeSet frr(ReviewFixture::v4);
-    frr.add(*Wirl::IpGenPrefix::parse("239.1.0.0/16"));
-    f.localStatus->frrFilterStatus()->frrRangeIs(frr);
-    Route& in = f.route(sg("10.1.0.1", "239.1.1.1"));
-    Route& out = f.route(sg("10.1.0.1", "239.2.2.2"));
+    TestVrf f{TestVrf::Layout::twoUpstreams};
+    Wirl::AddressRangeSet frr(Wirl::AddressFamily::ipv4);
+    frr.add(prefix("239.1.0.0/16"));
+    f.localStatus().frrFilterStatus()->frrRangeIs(frr);
+    Route& in = f.route(sg("10.1.0.1", "239.1.1.1"), {"d1"});
+    Route& out = f.route(sg("10.1.0.1", "239.2.2.2"), {"d1"});
     ASSERT_NE(in.umhFrr(), nullptr);  // made at registration
     EXPECT_EQ(out.umhFrr(), nullptr);
     UpstreamInfo* first = in.umhFrr();
-    RouteSm& sm = *f.review->routeSm(in.key());
+    RouteSm& sm = *f.routeReviewSm().routeSm(in.key());
     sm.updateUmhFrr();
     sm.updateUmhFrr();
     EXPECT_EQ(in.umhFrr(), first);
     EXPECT_EQ(Cask::trace().count("Frr enabled, create umhFrr"), 1u);
-    f.localStatus->frrFilterStatus()->frrRangeIs(Wirl::AddressRangeSet(ReviewFixture::v4));
+    f.localStatus().frrFilterStatus()->frrRangeIs(Wirl::AddressRangeSet(Wirl::AddressFamily::ipv4));
     in.spTreeIs(true);  // any flag change re-evaluates
     EXPECT_EQ(in.umhFrr(), nullptr);
     EXPECT_EQ(Cask::trace().count("Frr disabled, delete umhFrr"), 1u);
 }
 
 TEST(RouteSm, RpfRequestFollowsTheUpstream) {
-    ReviewFixture f;
+    TestVrf f{TestVrf::Layout::twoUpstreams};
     const auto key = wc("239.1.1.1");
-    Route& r = f.route(key);
-    auto info = f.rpfConfig->rpfConfigInfo(key);
-    EXPECT_EQ(info.target, Wirl::IpGenAddr());  // no RP known yet
+    Route& r = f.route(key, {"d1"});
+    auto info = f.rpfConfig().rpfConfigInfo(key);
+    EXPECT_EQ(info.target, ip("10.9.9.9"));  // RP(G)
     EXPECT_EQ(info.rpfNeighbor, ip("10.0.1.2"));
-    r.umh()->rpIs(ip("192.0.2.1"));
+    f.rpIs(prefix("239.1.1.1/32"), ip("192.0.2.1"));  // not reachable: no RPF neighbour
+    f.settle();
     r.umh()->prevRpfIs(f.upstream("up2"));
-    info = f.rpfConfig->rpfConfigInfo(key);
+    info = f.rpfConfig().rpfConfigInfo(key);
     EXPECT_EQ(info.target, ip("192.0.2.1"));
+    EXPECT_EQ(info.rpfNeighbor, Wirl::IpGenAddr());
     EXPECT_EQ(info.prevRpfNeighbor, ip("10.0.2.2"));
-    f.status->routeDel(key);
-    EXPECT_FALSE(f.rpfConfig->rpfConfigInfoHas(key));
+    f.status().routeDel(key);
+    EXPECT_FALSE(f.rpfConfig().rpfConfigInfoHas(key));
 }
 
 }  // namespace

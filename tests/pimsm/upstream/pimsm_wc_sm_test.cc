@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "pimsm/test_vrf.h"
 #include "pimsm/upstream/rpf_table.h"
-#include "upstream_fixture.h"
 
 namespace Routing::Pim::SparseMode::Testing {
 namespace {
