@@ -140,6 +140,13 @@ void UpstreamSgSm::RhoRoute::handleChangeFlags() {
     r.umh()->doUpdateRpf(fresh.rpf);
     r.umh()->rpfAttachedIs(fresh.attached);
     if (flags.has(Bit::prevRpfNbrGenId)) resend(r.prevRpf(), "prevRpf");
+    // A neighbour that went and came back within one review keeps its
+    // place as RPF' but its Join/Prune entry was made afresh, empty.
+    const Rpf& now = r.rpf();
+    if (joined && now.hasNeighbor() && sameNeighbor(now, old) && !sm_.joinWrittenAt(now, key) &&
+        sm_.writer_.neighbor(now.intf, now.neighbor)) {
+        sm_.doRpfNeighborJoin(key, now.intf, now.neighbor);
+    }
     sm_.doEvalJoinDesiredSg(r);
 }
 

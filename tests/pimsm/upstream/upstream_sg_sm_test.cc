@@ -209,17 +209,27 @@ TEST(UpstreamSgSm, ChangeFlagsResendToARestartedNeighborAndIgnoreOthers) {
     using Bit = ChangeFlags::Bit;
     struct Case {
         ChangeFlags flags;
+        bool flap;  // the neighbour went and came back before the review
         bool resent;
         const char* text;
     };
-    for (const Case c : {Case{{Bit::rpfNbrGenId}, true, "nbrGenId changed, send join to rpf nbr"},
-                         Case{{Bit::rpfDrStatus}, false, "Ignoring change flags: rpfDrStatus"}}) {
+    for (const Case c :
+         {Case{{Bit::rpfNbrGenId}, false, true, "nbrGenId changed, send join to rpf nbr"},
+          Case{{Bit::rpfNbrStatus}, true, true, "RPF change: Sending triggered join"},
+          Case{{Bit::rpfDrStatus}, false, false, "Ignoring change flags: rpfDrStatus"}}) {
         SCOPED_TRACE(c.text);
         SgFixture s;
         s.receiverIs(true);
         s.sent(s.f.nbr1);
+        if (c.flap) {
+            s.f.neighborIs(s.f.up1, s.f.nbr1, false);
+            s.f.neighborIs(s.f.up1, s.f.nbr1);
+            ASSERT_FALSE(s.has(s.f.nbr1, periodic, Kind::joined));
+        }
+        Cask::trace().clear();
         s.changeFlags(c.flags);
         EXPECT_EQ(s.has(s.f.nbr1, triggered, Kind::joined), c.resent);
+        EXPECT_TRUE(s.has(s.f.nbr1, periodic, Kind::joined));
         EXPECT_TRUE(Cask::trace().contains(c.text));
     }
 }
