@@ -372,26 +372,43 @@ TEST(UpstreamSgSm, StartUpDropsPeriodicEntriesLeftForGoneOrMovedRoutes) {
         "Deleting periodic prune for deleted route (10.8.8.9, 239.4.4.4) for neighbor 10.0.1.2"));
 }
 
+// Reactor blocks, index bytes and watcher slots per route, for n routes
+// given to the machine with `add(i)`.
+template <class R, class Map, class Add>
+double bytesPerRoute(const Map& map, std::uint32_t n, Add add) {
+    auto& pool = Cask::ReactorPool<R>::instance();
+    const std::size_t before = pool.inUse();
+    std::size_t watchers = 0;
+    for (std::uint32_t i = 0; i < n; ++i) watchers += add(i);
+    EXPECT_EQ(pool.inUse() - before, n);
+    const std::size_t bytes = (pool.inUse() - before) * Cask::ReactorPool<R>::blockSize +
+                              map.indexFootprint() + watchers * sizeof(void*);
+    return double(bytes) / n;
+}
+
 TEST(UpstreamSgSm, ReactorsStayWithinTheirBudgetPerRoute) {
     SgFixture s;
     constexpr std::uint32_t n = 256;
-    const std::size_t before = Cask::ReactorPool<UpstreamSgSm::RhoRoute>::instance().inUse();
-    std::size_t watchers = 0;
-    for (std::uint32_t i = 0; i < n; ++i) {
-        const RouteKey key(Wirl::IpGenAddr::v4(0x0a080100u + i), s.f.group);
+    // Watcher slots this machine adds to a route and its upstream.
+    auto give = [&](const RouteKey& key, bool wc) {
         auto r = s.f.status.routeIs(key);
         const std::size_t w0 = r->notifieeCount() + r->umh()->notifieeCount();
-        s.f.ls->sgRouteIs(key, r);
-        watchers += r->notifieeCount() + r->umh()->notifieeCount() - w0;
-    }
-    const std::size_t blocks =
-        (Cask::ReactorPool<UpstreamSgSm::RhoRoute>::instance().inUse() - before) *
-        Cask::ReactorPool<UpstreamSgSm::RhoRoute>::blockSize;
-    const double perRoute =
-        double(blocks + s.sm->routeMap().indexFootprint() + watchers * sizeof(void*)) / n;
-    EXPECT_EQ(Cask::ReactorPool<UpstreamSgSm::RhoRoute>::instance().inUse() - before, n);
-    EXPECT_LE(perRoute, 64.0) << "blocks " << blocks / n << " index "
-                              << s.sm->routeMap().indexFootprint() / n << " watchers " << watchers;
+        if (wc) {
+            s.f.ls->wcRouteIs(key, r);
+        } else {
+            s.f.ls->sgRouteIs(key, r);
+        }
+        return r->notifieeCount() + r->umh()->notifieeCount() - w0;
+    };
+    const double sg = bytesPerRoute<UpstreamSgSm::RhoRoute>(s.sm->routeMap(), n, [&](auto i) {
+        return give(RouteKey(Wirl::IpGenAddr::v4(0x0a080100u + i), s.f.group), false);
+    });
+    const double wc = bytesPerRoute<UpstreamSgSm::RhoWcRoute>(s.sm->wcRouteMap(), n, [&](auto i) {
+        return give(RouteKey::wc(Wirl::IpGenAddr::v4(0xef020000u + i)), true);
+    });
+    EXPECT_LE(sg, 64.0);
+    EXPECT_LE(wc, 64.0);
+    std::printf("UpstreamSgSm reactors, bytes per route: (S,G) %.1f, (*,G) %.1f\n", sg, wc);
 }
 
 }  // namespace
