@@ -198,6 +198,8 @@ void ContainerSm::handleInitialized() {
     routeReviewSm_ = routeReviewSmFactory(ctx_);
     routeReviewSm_->pimCountersIs(pimCounters_);
 
+    // Upstream (S,G): joins toward the sources.
+    upstreamSgSm_ = upstreamSgSmFactory(ctx_);
     // Upstream (*,G): joins toward the RP.
     upstreamWcSm_ = upstreamWcSmFactory(ctx_);
     // RP mapping changes reach the (*,G) routes through a sliced review.

@@ -21,6 +21,7 @@
 #include "pimsm/upstream/agent_status.h"
 #include "pimsm/upstream/pimsm_wc_sm.h"
 #include "pimsm/upstream/rpf_table.h"
+#include "pimsm/upstream/upstream_sg_sm.h"
 #include "pimsm/upstream/upstream_wc_sm.h"
 #include "pimsm/upstream/wc_route_review_sm.h"
 #include "platform/group_ranges.h"
@@ -75,6 +76,7 @@ public:
     ::Tidal::Multicast::Fib::Status* mfibTidal() const { return mfibTidal_.get(); }
     Routing::Pim::JoinPruneStatus* joinPruneStatus() const { return joinPruneStatus_.get(); }
     Routing::Pim::JoinPruneRxStatus* rxJoinPrune() const { return rxJoinPrune_.get(); }
+    UpstreamSgSm* upstreamSgSm() const { return upstreamSgSm_.get(); }
     UpstreamWcSm* upstreamWcSm() const { return upstreamWcSm_.get(); }
     WcRouteReviewSm* wcRouteReviewSm() const { return wcRouteReviewSm_.get(); }
     MfibSm* mfibSm() const { return mfibSm_.get(); }
@@ -136,6 +138,7 @@ private:
     std::unique_ptr<RouteCountSm> routeCountSm_;
     std::unique_ptr<RouteReviewSm> routeReviewSm_;
     Cask::Ptr<SsmConvertConfig> ssmConvertConfig_;
+    Cask::Ptr<UpstreamSgSm> upstreamSgSm_;
     Cask::Ptr<UpstreamWcSm> upstreamWcSm_;
     std::unique_ptr<WcRouteReviewSm> wcRouteReviewSm_;
     Cask::Ptr<GmpSm> gmpSm_;

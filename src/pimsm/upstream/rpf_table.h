@@ -14,6 +14,7 @@
 #include <optional>
 
 #include "pimsm/route/unicast_routing_status.h"
+#include "platform/pim_status.h"
 #include "platform/rpf.h"
 #include "wirl/ip_gen_prefix.h"
 
@@ -24,6 +25,7 @@ struct RpfLookup {
     Routing::Pim::Rpf rpf;
     Wirl::IpGenPrefix prefix;
     bool attached = false;
+    bool operator==(const RpfLookup&) const = default;
 };
 
 class PimRpfTable {
@@ -33,6 +35,12 @@ public:
     bool available() const { return status_ && status_->rpfTable(); }
     // The route toward `addr`; nullopt without a table or a covering route.
     std::optional<RpfLookup> doLookup(const Wirl::IpGenAddr& addr) const;
+    // What RPF can say from an interface alone, when the unicast table has
+    // no route (the routes are not back yet after a restart): the PIM
+    // interface, with its PIM neighbour when it has exactly one. Nullopt for
+    // an interface that does not run PIM or is a pseudo-interface.
+    static std::optional<RpfLookup> rpfInfoFromIntfId(Wirl::IntfId intf,
+                                                      const Routing::Pim::Status& pim);
 
 private:
     const UnicastRoutingStatus* status_;
