@@ -118,6 +118,39 @@ TEST(SlicedReview, SliceEndsAfterTheItemThatReachesItsBudget) {
     }
 }
 
+// Reviews due in one turn share the turn's budget, and end-of-turn work left
+// by the previous turn counts against it: a turn stays near one quantum.
+TEST(SlicedReview, SlicesOfOneTurnShareItsBudget) {
+    Fixture f(5);
+    f.costPerItem = 0.05;
+    f.review->quantumIs(0.125);
+    Bag other;
+    for (int i = 1; i <= 5; ++i) other.itemIs(i);
+    std::vector<int> otherVisited;
+    SlicedReview<int>::Steps steps;
+    steps.walk = orderedWalk(other.item());
+    steps.visit = [&](int k) {
+        otherVisited.push_back(k);
+        f.clock.advanceBy(0.05);
+    };
+    SlicedReview<int> second(f.loop, ReviewTiming{0, 0}, ReviewTexts{"red", "Other: "},
+                             std::move(steps));
+    second.quantumIs(0.125);
+    f.review->request();
+    second.request();
+    f.clock.advanceTo(f.loop.nextExpiry());
+    ASSERT_TRUE(f.loop.runOnce());
+    // Three items reach the budget; the second review gets the one item every
+    // slice is owed.
+    EXPECT_EQ(f.visited.size() + otherVisited.size(), 4u);
+    // A turn that starts with 0.1 s of end-of-turn work leaves room for one
+    // item of each.
+    f.loop.atEndOfTurn([&] { f.clock.advanceBy(0.1); });
+    const std::size_t before = f.visited.size() + otherVisited.size();
+    ASSERT_TRUE(f.loop.runOnce());
+    EXPECT_EQ(f.visited.size() + otherVisited.size() - before, 2u);
+}
+
 // The bucket decides when a review starts, never when a suspended one goes
 // on: with the bucket empty, every slice still runs on the next turn at the
 // same time, and the continuation takes no credit.
