@@ -347,8 +347,9 @@ void Route::setFlag(W& word, unsigned bit, bool v, void (N::*handler)()) {
     const W mask = W(1u << bit);
     if (bool(word & mask) == v) return;
     word = v ? W(word | mask) : W(word & ~mask);
-    Cask::Ptr<Route> self(this);  // a watcher may drop the last other reference
-    notify(handler);
+    // A watcher may drop the last reference: then the route is gone and the
+    // second announcement is not made.
+    if (!notify(handler)) return;
     notify(&Notifiee::handleRouteFlags);
 }
 
