@@ -301,6 +301,8 @@ TEST(SgRouteSmTest, NoCacheFilters) {
         const char* arrival;
         bool created;
         const char* trace;
+        bool mbrArrival = false;
+        bool wcProgrammable = false;
     };
     const Case cases[] = {
         {"plain", false, false, "src", true, "Create route."},
@@ -308,6 +310,9 @@ TEST(SgRouteSmTest, NoCacheFilters) {
          "Ignoring cache miss, boundary filter on interface"},
         {"boundary elsewhere", true, false, "d1", true, "Create route."},
         {"bidirectional group", false, true, "src", false, "ignoring bidirectional group"},
+        {"border-router interface", false, false, "src", true, "Create MBR route.", true},
+        {"(*,G) forwarded by the hardware", false, false, "src", false,
+         "is programmable, so ignoring NoCache upcall for", false, true},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -326,8 +331,13 @@ TEST(SgRouteSmTest, NoCacheFilters) {
             groups.add(*Wirl::IpGenPrefix::parse("239.1.0.0/16"));
             f.groupFilter->bidirRangeIs(groups);
         }
+        if (c.mbrArrival) f.pim->intfRaw(IntfId(c.arrival))->mbrIs(true);
+        if (c.wcProgrammable) {
+            f.route(RouteKey::wc(f.group), f.up1, f.nbr1).programmableIs(true);
+        }
+        const std::size_t before = f.ls->sgRouteSize();
         f.upcall(MrtUpcall::Kind::noCache, f.key(f.local), IntfId(c.arrival));
-        EXPECT_EQ(f.status->routeSize(), c.created ? 1u : 0u);
+        EXPECT_EQ(f.ls->sgRouteSize() - before, c.created ? 1u : 0u);
         EXPECT_TRUE(Cask::trace().contains(c.trace));
         EXPECT_EQ(f.ls->processingCacheMissSize(), 0u);
         if (!c.created) continue;
@@ -336,6 +346,8 @@ TEST(SgRouteSmTest, NoCacheFilters) {
         EXPECT_EQ(r.iif(), f.src);
         EXPECT_TRUE(r.umh()->directlyConnected());
         EXPECT_TRUE(r.spTree());  // a connected source: first packet
+        EXPECT_EQ(r.mbr(), c.mbrArrival);
+        EXPECT_EQ(r.mbrIif(), c.mbrArrival ? IntfId(c.arrival) : IntfId());
     }
 }
 
