@@ -122,6 +122,9 @@ Json countersRow(const L3::VrfName& vrf, const ContainerSm& c) {
     row["ignored-rx-joins"] = c.upstreamWcSm()->ignoredRxJoins();
     row["ignored-rx-prunes"] = c.upstreamWcSm()->ignoredRxPrunes();
     row["ignored-link-local"] = c.gmpSm()->ignoredLinkLocal();
+    std::uint64_t wrongVif = 0;
+    for (const auto& [key, n] : ls.wrongVifCount()) wrongVif += n;
+    row["wrong-vif"] = wrongVif;
     return row;
 }
 

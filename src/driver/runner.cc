@@ -249,9 +249,9 @@ void Runner::apply(const Event& ev) {
         case Event::Kind::data: {
             // What the forwarding plane reports for these packets: without
             // an entry, the first packet goes up as a cache miss; on another
-            // interface than the entry's incoming one, each packet goes up
-            // as a wrong-VIF report; otherwise the entry forwards them and
-            // its packet count grows.
+            // interface than the entry's incoming one, a wrong-VIF report
+            // (the plane reports such packets rate-limited, one per burst);
+            // otherwise the entry forwards them and its packet count grows.
             const Routing::Pim::RouteKey key(ev.source, ev.group);
             auto upcalls = db_.mrtUpcall(ev.vrf);
             auto fib = db_.mfibTable(ev.vrf);
@@ -261,9 +261,7 @@ void Runner::apply(const Event& ev) {
             if (!record) {
                 upcalls->upcallPush({Kind::noCache, key, 0, ev.interface});
             } else if (record->iif() != ev.interface) {
-                for (unsigned i = 0; i < ev.packets; ++i) {
-                    upcalls->upcallPush({Kind::wrongVif, key, 0, ev.interface});
-                }
+                upcalls->upcallPush({Kind::wrongVif, key, 0, ev.interface});
             } else {
                 upcalls->activityIs(key, upcalls->activity(key) + ev.packets);
             }
