@@ -1,6 +1,7 @@
 #include "driver/outputs.h"
 
 #include <algorithm>
+#include <map>
 
 #include <fmt/format.h>
 
@@ -70,7 +71,40 @@ Json routeRow(const L3::VrfName& vrf, const Route& r) {
     row["upstream"] = enumName(r.upJoinState());
     row["oifs"] = oifs;
     row["why"] = reasons;
+    // The data-driven state of an (S,G) route ("-" for a (*,G) route): the
+    // SPT bit, the keepalive timer, and whether the register tunnel is in
+    // the olist ("pending" until that was decided).
+    const bool sg = !r.isWc();
+    row["spt"] = sg ? (r.spTree() ? "true" : "false") : "-";
+    row["keepalive"] = !sg ? "-" : r.katExpired() ? "expired" : "running";
+    row["register"] = !sg                         ? "-"
+                      : !r.registerOifEvaluated() ? "pending"
+                      : r.oifRegister()           ? "oif"
+                                                  : "no-oif";
     return row;
+}
+
+// CouldRegister per route, and the routes for which Register-Stops may be
+// sent, from the VRF's register configuration.
+void registerRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
+    const auto* rc = c.registerConfig();
+    if (!rc) return;
+    std::map<Routing::Pim::RouteKey, Json> byKey;
+    auto row = [&](const Routing::Pim::RouteKey& k) -> Json& {
+        Json& r = byKey[k];
+        if (r.is_null()) {
+            r["vrf"] = vrf.str();
+            r["route"] = k.str();
+            r["could-register"] = "-";
+            r["register-stop"] = false;
+        }
+        return r;
+    };
+    for (const auto& [k, active] : rc->couldRegisterSg()) {
+        row(k)["could-register"] = active ? "active" : "inactive";
+    }
+    for (const auto& k : rc->couldSendRegisterStop()) row(k)["register-stop"] = true;
+    for (auto& [k, r] : byKey) rows.push_back(std::move(r));
 }
 
 Json countersRow(const L3::VrfName& vrf, const ContainerSm& c) {
@@ -88,6 +122,9 @@ Json countersRow(const L3::VrfName& vrf, const ContainerSm& c) {
     row["ignored-rx-joins"] = c.upstreamWcSm()->ignoredRxJoins();
     row["ignored-rx-prunes"] = c.upstreamWcSm()->ignoredRxPrunes();
     row["ignored-link-local"] = c.gmpSm()->ignoredLinkLocal();
+    std::uint64_t wrongVif = 0;
+    for (const auto& [key, n] : ls.wrongVifCount()) wrongVif += n;
+    row["wrong-vif"] = wrongVif;
     return row;
 }
 
@@ -194,6 +231,9 @@ Json vrfOutput(Runner& runner, const Scenario& scenario, Output what) {
                 break;
             case Output::forwarding:
                 forwardingRows(v.name, *c, rows);
+                break;
+            case Output::register_:
+                registerRows(v.name, *c, rows);
                 break;
             default:
                 break;

@@ -49,6 +49,7 @@ std::vector<std::string> keyFields(Output what) {
     switch (what) {
         case Output::routes:
         case Output::forwarding:
+        case Output::register_:
             return {"vrf", "route"};
         case Output::joinPrune:
             return {"vrf", "neighbor", "set", "group"};

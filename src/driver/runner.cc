@@ -134,6 +134,9 @@ void Runner::publish(const VrfSpec& v) {
     db_.groupFilterStatusIs(v.name, Cask::make<Routing::Pim::GroupFilterStatus>(fam));
     db_.frrFilterStatusIs(v.name, Cask::make<FrrFilterStatus>(fam));
     db_.hwMfibStatusIs(v.name, Cask::make<Platform::HwMfibStatus>());
+    // The register process and the forwarding plane's packet reports.
+    db_.registerStatusIs(v.name, Cask::make<RegisterStatus>());
+    db_.mrtUpcallIs(v.name, Cask::make<Routing::Pim::MrtUpcallStatus>());
     db_.membershipTableIs(v.name, Cask::make<Routing::Gmp::Tidal::Status>());
     db_.pimEnabledVrfIs(v.name);
     auto local = Cask::make<Platform::VrfStatusLocal>();
@@ -241,6 +244,39 @@ void Runner::apply(const Event& ev) {
                 status->vxlanIntfDel(id);
             }
             for (const auto id : ev.interfaces) status->vxlanIntfIs(id, true);
+            return;
+        }
+        case Event::Kind::data: {
+            // What the forwarding plane reports for these packets: without
+            // an entry, the first packet goes up as a cache miss; on another
+            // interface than the entry's incoming one, a wrong-VIF report
+            // (the plane reports such packets rate-limited, one per burst);
+            // otherwise the entry forwards them and its packet count grows.
+            const Routing::Pim::RouteKey key(ev.source, ev.group);
+            auto upcalls = db_.mrtUpcall(ev.vrf);
+            auto fib = db_.mfibTable(ev.vrf);
+            if (!upcalls || !fib) return;  // the VRF is not running
+            const auto* record = fib->route(Routing::Multicast::Fib::convertKey(key));
+            using Kind = Routing::Pim::MrtUpcall::Kind;
+            if (!record) {
+                upcalls->upcallPush({Kind::noCache, key, 0, ev.interface});
+            } else if (record->iif() != ev.interface) {
+                upcalls->upcallPush({Kind::wrongVif, key, 0, ev.interface});
+            } else {
+                upcalls->activityIs(key, upcalls->activity(key) + ev.packets);
+            }
+            return;
+        }
+        case Event::Kind::registerOif:
+        case Event::Kind::noRegisterOif: {
+            auto status = db_.registerStatus(ev.vrf);
+            if (!status) return;
+            const Routing::Pim::RouteKey key(ev.source, ev.group);
+            if (ev.kind == Event::Kind::registerOif) {
+                ev.flag ? status->registerOifIs(key) : status->registerOifDel(key);
+            } else {
+                ev.flag ? status->noRegisterOifIs(key) : status->noRegisterOifDel(key);
+            }
             return;
         }
         case Event::Kind::rxJoinPrune: {

@@ -249,6 +249,7 @@ const std::map<std::string, Output> outputNames = {
     {"routes", Output::routes},         {"join-prune", Output::joinPrune},
     {"forwarding", Output::forwarding}, {"counters", Output::counters},
     {"trace", Output::trace},           {"events", Output::events},
+    {"register", Output::register_},
 };
 
 class Parser {
@@ -460,6 +461,9 @@ private:
             {"fast-failover-ranges", Event::Kind::fastFailoverRanges},
             {"fast-failover-intfs", Event::Kind::fastFailoverIntfs},
             {"vxlan-intfs", Event::Kind::vxlanIntfs},
+            {"data", Event::Kind::data},
+            {"register-oif", Event::Kind::registerOif},
+            {"no-register-oif", Event::Kind::noRegisterOif},
             {"show", Event::Kind::show},
             {"expect", Event::Kind::expect},
         };
@@ -645,13 +649,44 @@ private:
                 if (auto h = b["hold-time"]) ev.holdTime = r_.count(h, 65535, "hold-time");
                 return;
             }
+            case Event::Kind::data: {
+                const char* what = "a data event";
+                r_.keys(b, {"vrf", "source", "group", "interface", "packets"}, what);
+                const VrfSpec& v = eventVrf(b);
+                ev.vrf = v.name;
+                ev.interface = knownIntf(v, r_.need(b, "interface", what));
+                ev.source = r_.addr(r_.need(b, "source", what), fam);
+                if (!ev.source.isUnicast()) r_.fail(b["source"], "the source must be unicast");
+                ev.group = r_.addr(r_.need(b, "group", what), fam);
+                if (!ev.group.isMulticast()) r_.fail(b["group"], "the group must be multicast");
+                if (auto p = b["packets"]) {
+                    ev.packets = r_.count(p, 0xffffffff, "packets");
+                    if (!ev.packets) r_.fail(p, "packets is at least 1");
+                }
+                return;
+            }
+            case Event::Kind::registerOif:
+            case Event::Kind::noRegisterOif: {
+                const char* what = ev.kind == Event::Kind::registerOif ? "a register-oif event"
+                                                                       : "a no-register-oif event";
+                r_.keys(b, {"vrf", "source", "group", "set"}, what);
+                const VrfSpec& v = eventVrf(b);
+                ev.vrf = v.name;
+                ev.source = r_.addr(r_.need(b, "source", what), fam);
+                if (!ev.source.isUnicast()) r_.fail(b["source"], "the source must be unicast");
+                ev.group = r_.addr(r_.need(b, "group", what), fam);
+                if (!ev.group.isMulticast()) r_.fail(b["group"], "the group must be multicast");
+                ev.flag = true;
+                if (auto f = b["set"]) ev.flag = r_.flag(f);
+                return;
+            }
             case Event::Kind::show: {
                 auto one = [&](const YAML::Node& o) {
                     auto it = outputNames.find(r_.text(o));
                     if (it == outputNames.end()) {
                         r_.fail(o,
                                 fmt::format("unknown output '{}' (routes, join-prune, forwarding, "
-                                            "counters, trace, events)",
+                                            "counters, register, trace, events)",
                                             r_.text(o)));
                     }
                     ev.outputs.push_back(it->second);
@@ -691,6 +726,8 @@ const char* outputName(Output o) {
             return "forwarding";
         case Output::counters:
             return "counters";
+        case Output::register_:
+            return "register";
         case Output::trace:
             return "trace";
         case Output::events:

@@ -91,7 +91,7 @@ struct VrfSpec {
 };
 
 // What a `show` or `expect` names.
-enum class Output { routes, joinPrune, forwarding, counters, trace, events };
+enum class Output { routes, joinPrune, forwarding, counters, register_, trace, events };
 const char* outputName(Output o);
 
 struct Event {
@@ -113,6 +113,9 @@ struct Event {
         fastFailoverRanges,  // the groups with a fast-failover backup upstream, replaced
         fastFailoverIntfs,   // the interfaces running fast failover, replaced
         vxlanIntfs,          // the interfaces carrying multicast over VXLAN, replaced
+        data,                // data packets from a source to a group arrive on an interface
+        registerOif,         // the register process wants the register tunnel in a route's olist
+        noRegisterOif,       // the register process wants it out (or withdraws that wish)
         show,
         expect,
     };
@@ -134,6 +137,7 @@ struct Event {
     Wirl::IpGenAddr upstream;
     Wirl::IpGenAddr rpAddress;
     unsigned holdTime = 210;
+    unsigned packets = 1;  // data
     UnicastRouteSpec route;
     RpSpec rp;
     std::vector<Wirl::IpGenPrefix> groups;  // bidir-ranges, fast-failover-ranges

@@ -20,7 +20,9 @@
 #include "platform/mfib_records.h"
 #include "platform/mfib_table.h"
 #include "platform/mroute_clear.h"
+#include "platform/mrt_upcall.h"
 #include "platform/pim_status.h"
+#include "platform/register_status.h"
 #include "platform/rp_local.h"
 #include "platform/vrf_records.h"
 #include "platform/vxlan_status.h"
@@ -59,6 +61,8 @@ public:
         virtual void handleMcastVxlanStatus(const Vrf&) {}
         virtual void handleGroupFilterStatus(const Vrf&) {}
         virtual void handleFrrFilterStatus(const Vrf&) {}
+        virtual void handleRegisterStatus(const Vrf&) {}
+        virtual void handleMrtUpcall(const Vrf&) {}
         // Inputs for the whole address family.
         virtual void handleMcastBoundaryStatus() {}
         virtual void handleNamespace(const Wirl::NamespaceName&) {}
@@ -120,6 +124,12 @@ public:
     CASK_RECORD_MAP(frrFilterStatus, FrrFilterStatus, Vrf,
                     Routing::Pim::SparseMode::FrrFilterStatus, "Platform::StateDb")
 
+    // The register process's wishes per (S,G) route, and what the
+    // forwarding plane reports about data packets.
+    CASK_RECORD_MAP(registerStatus, RegisterStatus, Vrf, Routing::Pim::SparseMode::RegisterStatus,
+                    "Platform::StateDb")
+    CASK_RECORD_MAP(mrtUpcall, MrtUpcall, Vrf, Routing::Pim::MrtUpcallStatus, "Platform::StateDb")
+
     // --- address-family-wide inputs -----------------------------------------
     CASK_ATTR(Cask::Ptr<Routing::McastBoundary::Status>, mcastBoundaryStatus, McastBoundaryStatus)
     // Kernel network namespaces that exist.
@@ -170,6 +180,8 @@ private:
     Cask::RecordMap<Vrf, Routing::Multicast::VxlanStatus> mcastVxlanStatus_;
     Cask::RecordMap<Vrf, Routing::Pim::GroupFilterStatus> groupFilterStatus_;
     Cask::RecordMap<Vrf, Routing::Pim::SparseMode::FrrFilterStatus> frrFilterStatus_;
+    Cask::RecordMap<Vrf, Routing::Pim::SparseMode::RegisterStatus> registerStatus_;
+    Cask::RecordMap<Vrf, Routing::Pim::MrtUpcallStatus> mrtUpcall_;
     Cask::KeySet<std::string> mount_;
 };
 

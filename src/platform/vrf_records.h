@@ -6,6 +6,7 @@
 // tests and the scenario driver write them here.
 
 #include <cstdint>
+#include <map>
 
 #include "cask/collection.h"
 #include "platform/route_key.h"
@@ -151,18 +152,29 @@ private:
 };
 
 // Register settings of a VRF's sparse-mode instance, kept by the agent for
-// the register process.
+// the register process: the (S,G) routes whose source this router could
+// register (RFC 7761 CouldRegister), each with whether the source is still
+// active, and the routes whose traffic arrives on the source tree (their SPT
+// bit is set), for which an RP may send Register-Stops.
 class RegisterConfig : public Cask::Record<RegisterConfig> {
 public:
     class Notifiee : public Cask::NotifieeOf<RegisterConfig> {
     public:
         using NotifieeOf::NotifieeOf;
         virtual void handleEnabled() {}
+        virtual void handleCouldRegisterSg(const Routing::Pim::RouteKey&) {}
+        virtual void handleCouldSendRegisterStop(const Routing::Pim::RouteKey&) {}
     };
     CASK_ATTR(bool, enabled, Enabled)
+    // Key -> the source is active (false once it has been idle too long).
+    CASK_VALUE_MAP(couldRegisterSg, CouldRegisterSg, Routing::Pim::RouteKey, bool)
+    CASK_KEY_SET(couldSendRegisterStop, CouldSendRegisterStop, Routing::Pim::RouteKey)
 
 private:
     bool enabled_ = false;
+    Cask::ValueMap<Routing::Pim::RouteKey, bool, std::map<Routing::Pim::RouteKey, bool>>
+        couldRegisterSg_;
+    Cask::OrderedKeySet<Routing::Pim::RouteKey> couldSendRegisterStop_;
 };
 
 }  // namespace Platform

@@ -152,6 +152,17 @@ void ContainerSm::handleInitialized() {
     // Register and advertised-source status; the SSM range in force.
     db.mountIs(tidalPath("register"));
     db.mountIs(tidalPath("advertisedSg"));
+    registerStatus_ = db.registerStatus(vrf_);
+    if (!registerStatus_) {
+        registerStatus_ = Cask::make<RegisterStatus>();
+        db.registerStatusIs(vrf_, registerStatus_);
+    }
+    // What the forwarding plane reports about data packets.
+    mrtUpcall_ = db.mrtUpcall(vrf_);
+    if (!mrtUpcall_) {
+        mrtUpcall_ = Cask::make<Routing::Pim::MrtUpcallStatus>();
+        db.mrtUpcallIs(vrf_, mrtUpcall_);
+    }
     ssmGroupInfo_ = Cask::make<SsmGroupInfo>(pc_.family);
     localStatus_->ssmGroupInfoIs(ssmGroupInfo_);
 
@@ -189,6 +200,8 @@ void ContainerSm::handleInitialized() {
     ctx_.mfibTidal = mfibTidal_.get();
     ctx_.hwMfibStatus = hwMfibStatus_.get();
     ctx_.registerConfig = registerConfig_.get();
+    ctx_.registerStatus = registerStatus_.get();
+    ctx_.mrtUpcall = mrtUpcall_.get();
     ctx_.pimCounters = pimCounters_.get();
     ctx_.routeCounts = tidalStatus_.get();
 
@@ -197,6 +210,9 @@ void ContainerSm::handleInitialized() {
     routeCountSm_ = routeCountSmFactory(ctx_);
     routeReviewSm_ = routeReviewSmFactory(ctx_);
     routeReviewSm_->pimCountersIs(pimCounters_);
+
+    // (S,G) routes from data: cache misses, SPT bit, keepalive, register.
+    sgRouteSm_ = sgRouteSmFactory(ctx_);
 
     // Upstream (S,G): joins toward the sources.
     upstreamSgSm_ = upstreamSgSmFactory(ctx_);

@@ -11,6 +11,7 @@
 #include "pimsm/agent/params_container.h"
 #include "pimsm/common/vrf_context.h"
 #include "pimsm/forwarding/mfib_sm.h"
+#include "pimsm/forwarding/sg_route_sm.h"
 #include "pimsm/membership/gmp_sm.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/route_count_sm.h"
@@ -80,6 +81,10 @@ public:
     UpstreamWcSm* upstreamWcSm() const { return upstreamWcSm_.get(); }
     WcRouteReviewSm* wcRouteReviewSm() const { return wcRouteReviewSm_.get(); }
     MfibSm* mfibSm() const { return mfibSm_.get(); }
+    SgRouteSm* sgRouteSm() const { return sgRouteSm_.get(); }
+    Platform::RegisterConfig* registerConfig() const { return registerConfig_.get(); }
+    RegisterStatus* registerStatus() const { return registerStatus_.get(); }
+    Routing::Pim::MrtUpcallStatus* mrtUpcall() const { return mrtUpcall_.get(); }
     AgentStatus* agentStatus() const { return agentStatus_.get(); }
 
     CASK_ATTR(bool, initialized, Initialized)
@@ -135,8 +140,11 @@ private:
     std::unique_ptr<PimRpfTable> pimRpfTable_;
     Cask::Ptr<Routing::Pim::Tidal::MessageCounters> pimCounters_;
     Cask::Ptr<SsmGroupInfo> ssmGroupInfo_;
+    Cask::Ptr<RegisterStatus> registerStatus_;
+    Cask::Ptr<Routing::Pim::MrtUpcallStatus> mrtUpcall_;
     std::unique_ptr<RouteCountSm> routeCountSm_;
     std::unique_ptr<RouteReviewSm> routeReviewSm_;
+    std::unique_ptr<SgRouteSm> sgRouteSm_;
     Cask::Ptr<SsmConvertConfig> ssmConvertConfig_;
     Cask::Ptr<UpstreamSgSm> upstreamSgSm_;
     Cask::Ptr<UpstreamWcSm> upstreamWcSm_;

@@ -11,8 +11,11 @@
 // Tests build a context through the real container (see the test VRF
 // builder), so a machine under test sees exactly what it sees in the agent.
 
+#include <functional>
+
 #include "cask/event_loop.h"
 #include "wirl/address_family.h"
+#include "wirl/ip_gen_addr.h"
 #include "wirl/vrf_name.h"
 
 namespace Platform {
@@ -38,6 +41,7 @@ class Status;
 }
 namespace Routing::Pim {
 class Status;
+class MrtUpcallStatus;
 class RpfConfig;
 class RpfStatus;
 class GroupFilterStatus;
@@ -59,6 +63,7 @@ class FrrFilterStatus;
 class SsmGroupInfo;
 class SsmConvertConfig;
 class PimRpfTable;
+class RegisterStatus;
 namespace Tidal {
 class Status;
 }
@@ -103,6 +108,12 @@ struct VrfContext {
     ::Tidal::Multicast::Fib::Status* mfibTidal = nullptr;
     Platform::HwMfibStatus* hwMfibStatus = nullptr;
     Platform::RegisterConfig* registerConfig = nullptr;
+    RegisterStatus* registerStatus = nullptr;  // null: no register process
+    // What the forwarding plane reports about data packets (upcalls, activity).
+    Routing::Pim::MrtUpcallStatus* mrtUpcall = nullptr;  // null: no data seen
+    // The per-group SPT switchover threshold: true when the group is to
+    // switch to the source tree. Empty: no threshold information (false).
+    std::function<bool(const Wirl::IpGenAddr& group)> sptThreshold;
 
     Routing::Pim::Tidal::MessageCounters* pimCounters = nullptr;
     Tidal::Status* routeCounts = nullptr;  // the route gauges other processes read

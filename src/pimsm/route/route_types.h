@@ -61,13 +61,14 @@ struct ChangeFlagsTraits {
         prevRpfNbrGenId,    // the previous RPF neighbour restarted
         rpfFrrNbrStatus,    // the fast-failover RPF neighbour came, went or flapped
         rpfFrrNbrGenId,     // the fast-failover RPF neighbour restarted
+        programmable,       // hardware-only programming of the route was allowed or withdrawn
         rpfRouteChanged,    // the unicast route used for RPF changed
     };
     static constexpr const char* names[] = {
         "rpfIntfStatus",  "rpfBoundary",      "prevRpfIntfStatus", "rpfFrrIntfStatus",
         "mbrIntfStatus",  "sourceInject",     "rpfDrStatus",       "rpfNbrStatus",
         "rpfNbrGenId",    "prevRpfNbrStatus", "prevRpfNbrGenId",   "rpfFrrNbrStatus",
-        "rpfFrrNbrGenId", "rpfRouteChanged",
+        "rpfFrrNbrGenId", "programmable",     "rpfRouteChanged",
     };
 };
 using ChangeFlags = Cask::BitFlags<ChangeFlagsTraits>;

@@ -1,0 +1,163 @@
+#pragma once
+// SgRouteSm: the data-driven side of a VRF's (S,G) routes (RFC 7761 4.2, 4.4).
+// Watches: forwarding-plane upcalls and activity, LocalStatus.sgRoute, RegisterStatus.
+// Writes:  (S,G) routes on cache miss, their SPT/keepalive/register flags; RegisterConfig.
+//
+// A no-cache upcall (first packet of a flow without a forwarding entry)
+// creates the (S,G) route; every packet report (upcall or activity of a
+// forwarding entry) runs the route's forwarding rules: Update_SPTbit, the
+// keepalive restart and CheckSwitchToSpt. The keepalive timer
+// (Keepalive_Period, 210 s) and the inactivity of each route are checked by
+// a sliced review that the inactivity timer starts every
+// `inactivityInterval`; an idle route whose keepalive expired and that holds
+// no other (S,G) state is marked for deletion, and unmarked if data comes
+// back before the route review removes it.
+//
+// CouldRegister(S,G) is published per route into RegisterConfig (active or
+// inactive by the expired flags), and decides, with the register process's
+// RegisterStatus, whether the register tunnel is in the route's outgoing
+// list (`oifRegister`). The forwarding stage programs an (S,G) route only
+// once that decision was made (`registerOifEvaluated`).
+//
+// Route attributes it owns: spTree, katExpired, expiredFlags,
+// firstInactivityTime, mbr (with umh.mbrIif), oifRegister,
+// registerOifEvaluated, programmable of routes the hardware may forward
+// alone, markedForDeletion of idle routes; LocalStatus.processingCacheMiss
+// and wrongVifCount. A route it creates comes with the unicast RPF toward
+// the source in its upstream; the upstream (S,G) machine keeps it after.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "cask/reactor_map.h"
+#include "cask/sliced_review.h"
+#include "cask/timer.h"
+#include "pimsm/common/vrf_context.h"
+#include "pimsm/route/local_status.h"
+#include "pimsm/route/status.h"
+#include "platform/mrt_upcall.h"
+#include "platform/register_status.h"
+#include "platform/vrf_records.h"
+
+namespace Routing::Pim::SparseMode {
+
+class SgRouteSm : public LocalStatus::Notifiee {
+public:
+    static constexpr Cask::Seconds keepalivePeriod = 210.0;
+    // The change flag raised when a route's hardware-only programmability
+    // changes.
+    static constexpr std::uint32_t programmableChangeFlag = 0x2000;
+
+    // One per (S,G) route: keeps the route's register-stop entry with its SPT
+    // bit, re-decides CouldRegister when its inputs change, and holds the
+    // time its keepalive timer was last restarted.
+    class RhoRoute : public RouteReactor {
+    public:
+        RhoRoute(SgRouteSm& sm, Route& route);
+        Route& route() const { return *notifier(); }
+
+        void handleRouteInit();
+        void handleDelete();
+        void handleSpTree() override;
+        void handleMarkedForDeletion() override { sm_.couldRegister(route()); }
+        void handleExpiredFlags() override { sm_.couldRegister(route()); }
+        void handleChangeFlags() override;
+        void handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) override;
+
+        Cask::Seconds katStart() const { return katStart_; }
+        void katStartIs(Cask::Seconds t) { katStart_ = t; }
+
+    private:
+        SgRouteSm& sm_;
+        Cask::Seconds katStart_;
+    };
+
+    // Reads from the context: loop, status, localStatus, pimStatus, config and
+    // registerConfig (required); registerStatus, mrtUpcall, rpfTable,
+    // rpMapping, rpLocalStatus, ssmGroupInfo, groupFilterStatus,
+    // mcastBoundaryStatus, mcastVxlanStatus and sptThreshold (each read as
+    // "nothing" when absent).
+    explicit SgRouteSm(const VrfContext& ctx);
+    ~SgRouteSm() override;
+    SgRouteSm(const SgRouteSm&) = delete;
+    SgRouteSm& operator=(const SgRouteSm&) = delete;
+
+    const L3::VrfName& vrfName() const { return ctx_.vrfName; }
+
+    // --- attributes (seconds) --------------------------------------------
+    Cask::Seconds registerInactiveInterval = 45.0;
+    Cask::Seconds advertiseInactiveInterval = 45.0;
+    Cask::Seconds minDelay = 0.01;
+    Cask::Seconds maxDelay = 0.03;
+    Cask::Seconds reviewQuantum = 0.1;
+    // How often the inactivity review runs while (S,G) routes exist.
+    Cask::Seconds inactivityInterval = 10.0;
+    // The VRF lets routes that need no help from the agent be forwarded by
+    // the hardware alone.
+    bool hwProgrammingAllowed = false;
+
+    bool initialized() const { return initialized_; }
+    bool reviewTriggered() const { return review_->pending() || review_->inProgress(); }
+    const Routing::Pim::RouteKey& reviewBookmark() const { return review_->bookmark(); }
+    bool inactivityArmed() const { return inactivityTimer_.armed(); }
+    RhoRoute* rhoRoute(const Routing::Pim::RouteKey& key) const { return routes_.get(key); }
+    std::size_t rhoRouteSize() const { return routes_.size(); }
+
+    // Takes up the routes present and starts the inactivity monitoring.
+    void handleStatusInitialized();
+    void handleSgRoute(const Routing::Pim::RouteKey& key) override;
+
+    // --- upcalls and activity ------------------------------------------------
+    void handleUpcall();
+    void handleNoCache(const Routing::Pim::MrtUpcall& u);
+    void handleWrongVif(const Routing::Pim::MrtUpcall& u);
+    void handleActivity(const Routing::Pim::RouteKey& key);
+    // The register process changed its wish for one route.
+    void handleRegisterStatus(const Routing::Pim::RouteKey& key) { doMaybeUpdateRegisterOif(key); }
+    // The SPT threshold changed: every route is looked at again.
+    void handleSptConfigChanged() { review_->request(); }
+
+    // --- decisions --------------------------------------------------------
+    bool switchToSptDesired(Route& route);
+    void checkSwitchToSpt(Route& route);
+    void updateSptBit(Route& route, Wirl::IntfId intfId);
+    void couldRegister(Route& route);
+    void doMaybeUpdateRegisterOif(const Routing::Pim::RouteKey& key);
+    // The forwarding rules a packet from S to G arriving on `intfId` runs.
+    void doEvalFwdingRules(Route& route, Wirl::IntfId intfId);
+    void doUpdateExpiredFlags(Route& route);
+    // Marks an idle route for deletion; with `dataSeen` (a packet report)
+    // also takes back a mark the route no longer deserves.
+    void doMaybeMarkRouteForDeletion(Route& route, bool dataSeen);
+    // One route in the inactivity review.
+    void doReviewRoute(const Routing::Pim::RouteKey& key);
+
+private:
+    class UpcallWatcher;
+    class RegisterWatcher;
+
+    bool groupIgnored(const Routing::Pim::RouteKey& key, const char* where) const;
+    bool boundaryOn(Wirl::IntfId intf, const Wirl::IpGenAddr& group) const;
+    // The border-router handling of a packet on `intf`; true when it applies.
+    bool mbrIntf(Wirl::IntfId intf) const;
+    Cask::Ptr<Route> doCreateRoute(const Routing::Pim::RouteKey& key, Wirl::IntfId intf, bool mbr);
+    void doRestartKeepalive(Route& route, const char* why);
+    void doEnableInactivity();
+    void doCreateReview();
+    Cask::Seconds now() const { return ctx_.loop->now(); }
+
+    const VrfContext& ctx_;
+    Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute> routes_;
+    std::unique_ptr<UpcallWatcher> upcallWatcher_;
+    std::unique_ptr<RegisterWatcher> registerWatcher_;
+    std::unique_ptr<Cask::SlicedReview<Routing::Pim::RouteKey>> review_;
+    Cask::Timer inactivityTimer_;
+    bool handlingUpcalls_ = false;
+    bool initialized_ = false;
+};
+
+// Creates the VRF's SgRouteSm and starts it.
+std::unique_ptr<SgRouteSm> sgRouteSmFactory(const VrfContext& ctx);
+
+}  // namespace Routing::Pim::SparseMode
