@@ -128,13 +128,13 @@ void TestVrf::unicastRouteIs(const IpGenPrefix& dest, std::string_view intf,
     mrib_->routeIs({dest, IntfId(intf), nextHop, preference, metric, false});
 }
 
-Route& TestVrf::route(const RouteKey& key, std::initializer_list<std::string_view> receivers) {
-    Cask::Ptr<Route> r = status().routeIs(key, [&](Route& fresh) {
-        if (key.isWc()) return;
-        if (auto found = ctx().rpfTable->doLookup(key.source())) {
-            fresh.umh()->doUpdateRpf(found->rpf);
-        }
-    });
+void TestVrf::connectedRouteIs(const IpGenPrefix& dest, std::string_view intf) {
+    mrib_->routeIs({dest, IntfId(intf), IpGenAddr(), 0, 0, true});
+}
+
+Route& TestVrf::route(const RouteKey& key, std::initializer_list<std::string_view> receivers,
+                      const std::function<void(Route&)>& prepare) {
+    Cask::Ptr<Route> r = prepare ? status().routeIs(key, prepare) : status().routeIs(key);
     CASK_ASSERT(r, "test route refused");
     for (auto intf : receivers) r->routeIntfIs(IntfId(intf))->localReceiverIncludeIs(true);
     return *r;

@@ -15,6 +15,7 @@
 // inputs (interfaces, neighbours, RP mapping, unicast routes, memberships)
 // before the machines start, then calls `start`.
 
+#include <functional>
 #include <memory>
 #include <string_view>
 
@@ -81,6 +82,8 @@ public:
     // The multicast RIB, which RPF lookups toward sources and RPs read.
     void unicastRouteIs(const IpGenPrefix& dest, std::string_view intf, const IpGenAddr& nextHop,
                         std::uint32_t preference = 110, std::uint32_t metric = 20);
+    // A directly connected prefix: no next hop.
+    void connectedRouteIs(const IpGenPrefix& dest, std::string_view intf);
     void unicastRouteDel(const IpGenPrefix& dest) { mrib_->routeDel(dest); }
     // The membership table IGMP / MLD write.
     void join(const RouteIntfKey& key, FilterMode mode = FilterMode::include) {
@@ -90,10 +93,12 @@ public:
 
     // --- routes (after start) -----------------------------------------------
     // The route of `key`, created in the route status when absent; the route
-    // reactor registers it. Interfaces in `receivers` get an include receiver.
-    // No upstream (S,G) machine exists yet: a new (S,G) route gets RPF'(S,G)
-    // from the unicast route toward S, if any, here.
-    Route& route(const RouteKey& key, std::initializer_list<std::string_view> receivers = {});
+    // reactor registers it, and the upstream machines give it its RPF'.
+    // `prepare` runs on a new route before any machine hears of it (what a
+    // restart hands over, say). Interfaces in `receivers` then get an include
+    // receiver.
+    Route& route(const RouteKey& key, std::initializer_list<std::string_view> receivers = {},
+                 const std::function<void(Route&)>& prepare = {});
     bool has(const RouteKey& key) const { return bool(status().route(key)); }
     // Removes a route from the route status, as the route review does.
     void removeRoute(const RouteKey& key) { status().routeDel(key); }
@@ -125,6 +130,7 @@ public:
     Routing::Multicast::Fib::Config& mfibConfig() const { return *ctx().mfibConfig; }
 
     RouteReviewSm& routeReviewSm() const { return *container_->routeReviewSm(); }
+    UpstreamSgSm& upstreamSgSm() const { return *container_->upstreamSgSm(); }
     UpstreamWcSm& upstreamWcSm() const { return *container_->upstreamWcSm(); }
     WcRouteReviewSm& wcRouteReviewSm() const { return *container_->wcRouteReviewSm(); }
     GmpSm& gmpSm() const { return *container_->gmpSm(); }
