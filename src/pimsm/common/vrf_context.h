@@ -15,6 +15,9 @@
 #include "wirl/address_family.h"
 #include "wirl/vrf_name.h"
 
+namespace Acl {
+class AclConfig;
+}
 namespace Platform {
 class RpMapping;
 class RegisterConfig;
@@ -59,6 +62,7 @@ class FrrFilterStatus;
 class SsmGroupInfo;
 class SsmConvertConfig;
 class PimRpfTable;
+class SptThresholdInfo;
 namespace Tidal {
 class Status;
 }
@@ -74,6 +78,7 @@ struct VrfContext {
     Routing::Multicast::Fib::Config* mfibConfig = nullptr;  // null: no forwarding config
     SsmConvertConfig* ssmConvertConfig = nullptr;           // null: no SSM conversion
     Platform::RpMapping* rpMapping = nullptr;               // null: no RP mapping
+    Acl::AclConfig* aclConfig = nullptr;                    // the family's access lists
 
     // The route table.
     Status* status = nullptr;
@@ -81,6 +86,8 @@ struct VrfContext {
     SsmGroupInfo* ssmGroupInfo = nullptr;
     Routing::Pim::GroupFilterStatus* groupFilterStatus = nullptr;
     FrrFilterStatus* frrFilterStatus = nullptr;
+    // Which groups switch to the source tree (SptThresholdSm writes it).
+    SptThresholdInfo* sptThresholdInfo = nullptr;
 
     // Interfaces, neighbours, unicast routing toward sources and RPs.
     Routing::Pim::Status* pimStatus = nullptr;
