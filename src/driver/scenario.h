@@ -91,8 +91,20 @@ struct VrfSpec {
 };
 
 // What a `show` or `expect` names.
-enum class Output { routes, joinPrune, forwarding, counters, trace, events };
+enum class Output { routes, joinPrune, forwarding, counters, sptThreshold, trace, events };
 const char* outputName(Output o);
+
+// One switchover exception of an `spt-threshold` event: an access list and
+// the threshold of the groups it permits.
+struct AccessListSpec {
+    struct Rule {
+        bool permit = true;
+        Wirl::IpGenPrefix group;
+    };
+    std::string name;
+    bool immediate = true;
+    std::optional<std::vector<Rule>> rules;  // absent: the list's rules are left as they are
+};
 
 struct Event {
     enum class Kind {
@@ -113,6 +125,7 @@ struct Event {
         fastFailoverRanges,  // the groups with a fast-failover backup upstream, replaced
         fastFailoverIntfs,   // the interfaces running fast failover, replaced
         vxlanIntfs,          // the interfaces carrying multicast over VXLAN, replaced
+        sptThreshold,        // the switchover default and exceptions, replaced
         show,
         expect,
     };
@@ -126,7 +139,7 @@ struct Event {
     bool include = true;
     Wirl::IpGenAddr address;  // neighbour / RP / next hop
     unsigned genId = 0;
-    bool flag = false;  // dr
+    bool flag = false;  // dr; spt-threshold: the default is immediate
     // rx-join-prune: the entry's kind ("wc", "sg", "sg-rpt"), join or
     // prune (`flag`), the neighbour it is addressed to, the RP of a (*,G)
     // entry and the hold time; the sender is `address`.
@@ -136,10 +149,11 @@ struct Event {
     unsigned holdTime = 210;
     UnicastRouteSpec route;
     RpSpec rp;
-    std::vector<Wirl::IpGenPrefix> groups;  // bidir-ranges, fast-failover-ranges
-    std::vector<Wirl::IntfId> interfaces;   // fast-failover-intfs, vxlan-intfs
-    std::vector<Output> outputs;            // show
-    std::string expectJson;                 // expect: the expected outputs, as JSON text
+    std::vector<Wirl::IpGenPrefix> groups;    // bidir-ranges, fast-failover-ranges
+    std::vector<Wirl::IntfId> interfaces;     // fast-failover-intfs, vxlan-intfs
+    std::vector<AccessListSpec> accessLists;  // spt-threshold
+    std::vector<Output> outputs;              // show
+    std::string expectJson;                   // expect: the expected outputs, as JSON text
 };
 
 struct Scenario {
