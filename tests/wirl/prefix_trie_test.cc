@@ -87,6 +87,23 @@ TEST(PrefixTrieTest, EraseKeepsTheOtherPrefixesOfALength) {
     EXPECT_THROW(t.insert(prefix("ff3e::/32")), std::invalid_argument);
 }
 
+TEST(PrefixTrieTest, PrefixesComeBackInAddressOrder) {
+    const std::vector<std::pair<AddressFamily, std::vector<std::string>>> cases = {
+        {AddressFamily::ipv4, {"0.0.0.0/0", "224.0.0.0/4", "239.1.0.0/16", "239.1.2.3/32"}},
+        {AddressFamily::ipv6, {"ff00::/8", "ff3e::/32", "ff3e::1:2/128", "ff3e::8000:0/97"}},
+    };
+    for (const auto& [family, sorted] : cases) {
+        PrefixTrie t(family);
+        for (auto it = sorted.rbegin(); it != sorted.rend(); ++it) t.insert(prefix(*it));
+        std::vector<std::string> out;
+        for (const auto& p : t.prefixes()) out.push_back(p.str());
+        EXPECT_EQ(out, sorted);
+        for (const auto& p : sorted) EXPECT_TRUE(t.contains(prefix(p))) << p;
+        EXPECT_FALSE(
+            t.contains(prefix(family == AddressFamily::ipv4 ? "239.1.0.0/17" : "ff3e::/33")));
+    }
+}
+
 // Random inserts and erases against a scan over every prefix held.
 TEST(PrefixTrieTest, AgreesWithAScanUnderRandomChanges) {
     std::mt19937 rng(7);
