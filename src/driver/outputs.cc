@@ -165,6 +165,32 @@ void joinPruneRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
     }
 }
 
+// The switchover default, each exception with the prefixes its list yields,
+// and the two tries the group decision reads.
+Json sptThresholdRow(const L3::VrfName& vrf, const ContainerSm& c) {
+    auto prefixes = [](const Wirl::PrefixTrie& t) {
+        Json out = Json::array();
+        for (const auto& p : t.prefixes()) out.push_back(p.str());
+        return out;
+    };
+    Json lists = Json::array();
+    for (const auto& [name, acl] : c.sptThresholdSm()->drSwitchAcl()) {
+        lists.push_back(fmt::format("{} ({}): {}", name, drSwitchThreshName(acl.threshold),
+                                    acl.grpPrefix.empty()
+                                        ? std::string("-")
+                                        : fmt::format("{}", fmt::join(acl.grpPrefix, " "))));
+    }
+    const auto& info = *c.sptThresholdInfo();
+    Json row;
+    row["vrf"] = vrf.str();
+    row["default"] = drSwitchThreshName(c.context().config->drSwitch());
+    row["access-lists"] = lists;
+    row["trie-immediate"] = prefixes(info.trieImmediate());
+    row["trie-never"] = prefixes(info.trieNever());
+    row["changes"] = info.sptConfigChanged();
+    return row;
+}
+
 std::string fibFlagWords(const ::Tidal::Multicast::Fib::Route& r) {
     using F = ::Tidal::Multicast::Fib::Route;
     const std::pair<F::Flag, const char*> names[] = {
@@ -225,6 +251,9 @@ Json vrfOutput(Runner& runner, const Scenario& scenario, Output what) {
                 break;
             case Output::counters:
                 rows.push_back(countersRow(v.name, *c));
+                break;
+            case Output::sptThreshold:
+                rows.push_back(sptThresholdRow(v.name, *c));
                 break;
             case Output::joinPrune:
                 joinPruneRows(v.name, *c, rows);

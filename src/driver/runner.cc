@@ -63,6 +63,7 @@ Runner::Runner(const Scenario& scenario, RunOptions options)
     Cask::eventLog().clear();
     Cask::eventLog().timeSourceIs([this] { return clock_.now(); });
     db_.mcastBoundaryStatusIs(Cask::make<Routing::McastBoundary::Status>());
+    db_.aclConfigIs(Cask::make<Acl::AclConfig>());
     for (const auto& vrf : scenario.vrfs) publish(vrf);
     if (scenario.family == Wirl::AddressFamily::ipv4) {
         agent_ = std::make_unique<Agent4>(db_, loop_);
@@ -276,6 +277,39 @@ void Runner::apply(const Event& ev) {
                 ev.flag ? status->registerOifIs(key) : status->registerOifDel(key);
             } else {
                 ev.flag ? status->noRegisterOifIs(key) : status->noRegisterOifDel(key);
+            }
+            return;
+        }
+        case Event::Kind::sptThreshold: {
+            using Thresh = Config::DrSwitchThresh;
+            auto config = db_.config(ev.vrf);
+            auto acls = db_.aclConfig();
+            // Rules first, so that an exception made below finds its list.
+            for (const auto& l : ev.accessLists) {
+                if (!l.rules) continue;
+                Acl::AccessList list;
+                for (const auto& r : *l.rules) list.rule.push_back({r.permit, r.group});
+                acls->aclIs(l.name, list);
+            }
+            auto named = [](const Event& e, const std::string& name) {
+                return std::any_of(e.accessLists.begin(), e.accessLists.end(),
+                                   [&](const AccessListSpec& l) { return l.name == name; });
+            };
+            std::vector<std::string> dropped;
+            for (const auto& [name, threshold] : config->drSwitchAcl()) {
+                if (!named(ev, name)) dropped.push_back(name);
+            }
+            for (const auto& name : dropped) config->drSwitchAclDel(name);
+            for (const auto& l : ev.accessLists) {
+                config->drSwitchAclIs(l.name, l.immediate ? Thresh::immediate : Thresh::never);
+            }
+            config->drSwitchIs(ev.flag ? Thresh::immediate : Thresh::never);
+            // A list that no VRF names any more is forgotten with its rules.
+            for (const auto& name : dropped) {
+                bool used = false;
+                for (const auto& v : scenario_.vrfs)
+                    used = used || db_.config(v.name)->drSwitchAclHas(name);
+                if (!used) acls->aclDel(name);
             }
             return;
         }

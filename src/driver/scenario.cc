@@ -248,8 +248,8 @@ nlohmann::ordered_json toJson(const YAML::Node& n) {
 const std::map<std::string, Output> outputNames = {
     {"routes", Output::routes},         {"join-prune", Output::joinPrune},
     {"forwarding", Output::forwarding}, {"counters", Output::counters},
+    {"register", Output::register_},    {"spt-threshold", Output::sptThreshold},
     {"trace", Output::trace},           {"events", Output::events},
-    {"register", Output::register_},
 };
 
 class Parser {
@@ -464,6 +464,7 @@ private:
             {"data", Event::Kind::data},
             {"register-oif", Event::Kind::registerOif},
             {"no-register-oif", Event::Kind::noRegisterOif},
+            {"spt-threshold", Event::Kind::sptThreshold},
             {"show", Event::Kind::show},
             {"expect", Event::Kind::expect},
         };
@@ -620,6 +621,31 @@ private:
                 }
                 return;
             }
+            case Event::Kind::sptThreshold: {
+                r_.keys(b, {"vrf", "default", "access-lists"}, "an SPT threshold");
+                ev.vrf = eventVrf(b).name;
+                ev.flag = true;
+                if (auto d = b["default"]) ev.flag = immediate(d);
+                std::set<std::string> seen;
+                r_.list(b["access-lists"], "access-lists", [&](const YAML::Node& a) {
+                    r_.keys(a, {"name", "threshold", "rules"}, "an access list");
+                    AccessListSpec l;
+                    const auto nameNode = r_.need(a, "name", "an access list");
+                    l.name = r_.text(nameNode);
+                    if (l.name.empty()) r_.fail(nameNode, "an access-list name is empty");
+                    if (!seen.insert(l.name).second) {
+                        r_.fail(nameNode, fmt::format("access list {} is listed twice", l.name));
+                    }
+                    l.immediate = immediate(r_.need(a, "threshold", "an access list"));
+                    if (auto rules = a["rules"]) {
+                        l.rules.emplace();
+                        r_.list(rules, "rules",
+                                [&](const YAML::Node& r) { l.rules->push_back(aclRule(r)); });
+                    }
+                    ev.accessLists.push_back(std::move(l));
+                });
+                return;
+            }
             case Event::Kind::rxJoinPrune: {
                 r_.keys(b,
                         {"vrf", "interface", "from", "upstream-neighbor", "entry", "action",
@@ -686,7 +712,7 @@ private:
                     if (it == outputNames.end()) {
                         r_.fail(o,
                                 fmt::format("unknown output '{}' (routes, join-prune, forwarding, "
-                                            "counters, register, trace, events)",
+                                            "counters, register, spt-threshold, trace, events)",
                                             r_.text(o)));
                     }
                     ev.outputs.push_back(it->second);
@@ -710,6 +736,30 @@ private:
         }
     }
 
+    // A switchover threshold: true for immediate, false for never.
+    bool immediate(const YAML::Node& n) {
+        const auto t = r_.text(n);
+        if (t != "immediate" && t != "never") r_.fail(n, "a threshold is immediate or never");
+        return t == "immediate";
+    }
+
+    // "permit PREFIX" or "deny PREFIX".
+    AccessListSpec::Rule aclRule(const YAML::Node& n) {
+        const auto t = r_.text(n);
+        const auto space = t.find(' ');
+        const auto action = t.substr(0, space);
+        if (space == std::string::npos || (action != "permit" && action != "deny")) {
+            r_.fail(n, "a rule is 'permit PREFIX' or 'deny PREFIX'");
+        }
+        const auto text = t.substr(space + 1);
+        auto p = Wirl::IpGenPrefix::parse(text);
+        if (!p) r_.fail(n, fmt::format("'{}' is not an address prefix", text));
+        if (p->family() != s_.family) {
+            r_.fail(n, fmt::format("'{}' is not an {} prefix", text, Wirl::familyName(s_.family)));
+        }
+        return {action == "permit", *p};
+    }
+
     Reader& r_;
     Scenario& s_;
 };
@@ -728,6 +778,8 @@ const char* outputName(Output o) {
             return "counters";
         case Output::register_:
             return "register";
+        case Output::sptThreshold:
+            return "spt-threshold";
         case Output::trace:
             return "trace";
         case Output::events:

@@ -91,8 +91,29 @@ struct VrfSpec {
 };
 
 // What a `show` or `expect` names.
-enum class Output { routes, joinPrune, forwarding, counters, register_, trace, events };
+enum class Output {
+    routes,
+    joinPrune,
+    forwarding,
+    counters,
+    register_,
+    sptThreshold,
+    trace,
+    events
+};
 const char* outputName(Output o);
+
+// One switchover exception of an `spt-threshold` event: an access list and
+// the threshold of the groups it permits.
+struct AccessListSpec {
+    struct Rule {
+        bool permit = true;
+        Wirl::IpGenPrefix group;
+    };
+    std::string name;
+    bool immediate = true;
+    std::optional<std::vector<Rule>> rules;  // absent: the list's rules are left as they are
+};
 
 struct Event {
     enum class Kind {
@@ -116,6 +137,7 @@ struct Event {
         data,                // data packets from a source to a group arrive on an interface
         registerOif,         // the register process wants the register tunnel in a route's olist
         noRegisterOif,       // the register process wants it out (or withdraws that wish)
+        sptThreshold,        // the switchover default and exceptions, replaced
         show,
         expect,
     };
@@ -129,7 +151,7 @@ struct Event {
     bool include = true;
     Wirl::IpGenAddr address;  // neighbour / RP / next hop
     unsigned genId = 0;
-    bool flag = false;  // dr
+    bool flag = false;  // dr; spt-threshold: the default is immediate
     // rx-join-prune: the entry's kind ("wc", "sg", "sg-rpt"), join or
     // prune (`flag`), the neighbour it is addressed to, the RP of a (*,G)
     // entry and the hold time; the sender is `address`.
@@ -140,10 +162,11 @@ struct Event {
     unsigned packets = 1;  // data
     UnicastRouteSpec route;
     RpSpec rp;
-    std::vector<Wirl::IpGenPrefix> groups;  // bidir-ranges, fast-failover-ranges
-    std::vector<Wirl::IntfId> interfaces;   // fast-failover-intfs, vxlan-intfs
-    std::vector<Output> outputs;            // show
-    std::string expectJson;                 // expect: the expected outputs, as JSON text
+    std::vector<Wirl::IpGenPrefix> groups;    // bidir-ranges, fast-failover-ranges
+    std::vector<Wirl::IntfId> interfaces;     // fast-failover-intfs, vxlan-intfs
+    std::vector<AccessListSpec> accessLists;  // spt-threshold
+    std::vector<Output> outputs;              // show
+    std::string expectJson;                   // expect: the expected outputs, as JSON text
 };
 
 struct Scenario {

@@ -1,7 +1,8 @@
 #pragma once
 // Group-range inputs of a VRF that decide which groups sparse mode handles
 // and how:
-// - SparseModeConfig: the VRF's sparse-mode configuration (its SSM range);
+// - SparseModeConfig: the VRF's sparse-mode configuration (its SSM range,
+//   its shortest-path-tree switchover thresholds);
 // - SsmGroupInfo: the SSM range in force and the `ssmGroup` test;
 // - GroupFilterStatus: groups sparse mode must leave alone (bidirectional
 //   ranges);
@@ -9,7 +10,9 @@
 // - SsmConvertConfig: groups whose (*,G) memberships are converted into
 //   (S,G) memberships for a configured set of sources.
 
+#include <cstdint>
 #include <optional>
+#include <string>
 
 #include "cask/collection.h"
 #include "wirl/address_range_set.h"
@@ -20,19 +23,33 @@ namespace Routing::Pim::SparseMode {
 
 class Config : public Cask::Record<Config> {
 public:
+    // When a last-hop router moves a group's traffic from the shared tree
+    // to the source's tree: on the first packet, or never. As the VRF's
+    // default, any non-zero value means immediately.
+    enum class DrSwitchThresh : std::uint8_t { never = 0, immediate = 1 };
+
     class Notifiee : public Cask::NotifieeOf<Config> {
     public:
         using NotifieeOf::NotifieeOf;
         virtual void handleSsmRange() {}
+        virtual void handleDrSwitch() {}
+        virtual void handleDrSwitchAcl(const std::string&) {}
     };
     explicit Config(Wirl::AddressFamily family) : family_(family) {}
     Wirl::AddressFamily family() const { return family_; }
     // The configured SSM range; unset means the family's default range.
     CASK_ATTR(std::optional<Wirl::AddressRangeSet>, ssmRange, SsmRange)
+    // The VRF's default switchover threshold.
+    CASK_ATTR(DrSwitchThresh, drSwitch, DrSwitch)
+    // Exceptions to the default: access-list name -> the threshold of the
+    // groups the list permits (Acl::AclConfig holds the lists).
+    CASK_VALUE_MAP(drSwitchAcl, DrSwitchAcl, std::string, DrSwitchThresh)
 
 private:
     Wirl::AddressFamily family_;
     std::optional<Wirl::AddressRangeSet> ssmRange_;
+    DrSwitchThresh drSwitch_ = DrSwitchThresh::immediate;
+    Cask::ValueMap<std::string, DrSwitchThresh> drSwitchAcl_;
 };
 
 class SsmGroupInfo : public Cask::Record<SsmGroupInfo> {

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "cask/collection.h"
+#include "platform/access_list.h"
 #include "platform/group_ranges.h"
 #include "platform/mcast_boundary.h"
 #include "platform/membership.h"
@@ -65,6 +66,7 @@ public:
         virtual void handleMrtUpcall(const Vrf&) {}
         // Inputs for the whole address family.
         virtual void handleMcastBoundaryStatus() {}
+        virtual void handleAclConfig() {}
         virtual void handleNamespace(const Wirl::NamespaceName&) {}
         virtual void handleStandby() {}
         virtual void handleOption(const std::string&) {}
@@ -132,6 +134,8 @@ public:
 
     // --- address-family-wide inputs -----------------------------------------
     CASK_ATTR(Cask::Ptr<Routing::McastBoundary::Status>, mcastBoundaryStatus, McastBoundaryStatus)
+    // The family's access lists (read by the VRFs' switchover thresholds).
+    CASK_ATTR(Cask::Ptr<Acl::AclConfig>, aclConfig, AclConfig)
     // Kernel network namespaces that exist.
     CASK_KEY_SET(namespace_, Namespace, Wirl::NamespaceName)
     // The supervisor this agent runs on is the standby one.
@@ -168,6 +172,7 @@ private:
     Cask::RecordMap<Vrf, Routing::Gmp::Tidal::Status> membershipTable_;
     Cask::RecordMap<Vrf, Routing::Pim::SparseMode::SsmConvertConfig> ssmConvertConfig_;
     Cask::Ptr<Routing::McastBoundary::Status> mcastBoundaryStatus_;
+    Cask::Ptr<Acl::AclConfig> aclConfig_;
     Cask::KeySet<Wirl::NamespaceName> namespace__;
     bool standby_ = false;
     Cask::ValueMap<std::string, std::string> option_;

@@ -141,6 +141,14 @@ TEST(Scenario, StructureAndNamesAreChecked) {
         {events + "    join: x\n", "t.yaml:9:11: the event's body must be a mapping"},
         {head + "events:\n  - at: 1\n    show: {a: b}\n", "t.yaml:9:11: expected a single value"},
         {head + std::string("\0x", 2), "t.yaml:7:1: not a text file (NUL byte)"},
+        {events + "    spt-threshold: {default: sometimes}\n",
+         "t.yaml:9:30: a threshold is immediate or never"},
+        {events + "    spt-threshold: {access-lists: [{name: a, threshold: never}, {name: a, "
+                  "threshold: never}]}\n",
+         "t.yaml:9:72: access list a is listed twice"},
+        {events + "    spt-threshold: {access-lists: [{name: a, threshold: never, rules: [permit "
+                  "ff3e::/16]}]}\n",
+         "t.yaml:9:72: 'ff3e::/16' is not an ipv4 prefix"},
     };
     for (const auto& [text, message] : cases) {
         SCOPED_TRACE(message);

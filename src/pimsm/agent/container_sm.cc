@@ -112,6 +112,9 @@ void ContainerSm::handleInitialized() {
     // Received Join/Prune messages.
     rxJoinPrune_ = Cask::make<Routing::Pim::JoinPruneRxStatus>();
 
+    // Which groups switch to the source tree, filled by SptThresholdSm.
+    sptThresholdInfo_ = Cask::make<SptThresholdInfo>(pc_.family, vrf_);
+
     // RP mapping: this router's RP addresses; RPF lookups for the RP.
     rpLocalStatus_ = db.rpLocalStatus(vrf_);
     if (!rpLocalStatus_) {
@@ -174,6 +177,12 @@ void ContainerSm::handleInitialized() {
     clearConfig_ = db.clearConfig(vrf_);
     ssmConvertConfig_ = db.ssmConvertConfig(vrf_);
     rpMapping_ = db.staticRpStatus(vrf_);
+    aclConfig_ = db.aclConfig();
+    if (!aclConfig_) {
+        // No access list is configured for the family yet.
+        aclConfig_ = Cask::make<Acl::AclConfig>();
+        db.aclConfigIs(aclConfig_);
+    }
     mcastBoundaryStatus_ = db.mcastBoundaryStatus();
     hwMfibStatus_ = db.hwMfibStatus(vrf_);
     ctx_.config = config_.get();
@@ -181,11 +190,16 @@ void ContainerSm::handleInitialized() {
     ctx_.mfibConfig = mfibConfig_.get();
     ctx_.ssmConvertConfig = ssmConvertConfig_.get();
     ctx_.rpMapping = rpMapping_.get();
+    ctx_.aclConfig = aclConfig_.get();
     ctx_.status = status_.get();
     ctx_.localStatus = localStatus_.get();
     ctx_.ssmGroupInfo = ssmGroupInfo_.get();
     ctx_.groupFilterStatus = groupFilterStatus_.get();
     ctx_.frrFilterStatus = frrFilterStatus_.get();
+    ctx_.sptThresholdInfo = sptThresholdInfo_.get();
+    ctx_.sptThreshold = [this](const Wirl::IpGenAddr& group) {
+        return sptThresholdInfo_->sptThreshold(group, *config_);
+    };
     ctx_.pimStatus = pimStatus_.get();
     ctx_.rpfConfig = rpfConfig_.get();
     ctx_.rpfStatus = rpfStatus_.get();
@@ -210,6 +224,9 @@ void ContainerSm::handleInitialized() {
     routeCountSm_ = routeCountSmFactory(ctx_);
     routeReviewSm_ = routeReviewSmFactory(ctx_);
     routeReviewSm_->pimCountersIs(pimCounters_);
+
+    // The switchover policy per group, before the machines that read it.
+    sptThresholdSm_ = sptThresholdSmFactory(ctx_);
 
     // (S,G) routes from data: cache misses, SPT bit, keepalive, register.
     sgRouteSm_ = sgRouteSmFactory(ctx_);

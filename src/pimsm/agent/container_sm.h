@@ -12,6 +12,7 @@
 #include "pimsm/common/vrf_context.h"
 #include "pimsm/forwarding/mfib_sm.h"
 #include "pimsm/forwarding/sg_route_sm.h"
+#include "pimsm/forwarding/spt_threshold_sm.h"
 #include "pimsm/membership/gmp_sm.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/route_count_sm.h"
@@ -73,6 +74,8 @@ public:
     Routing::Pim::Tidal::MessageCounters* pimCounters() const { return pimCounters_.get(); }
     RouteCountSm* routeCountSm() const { return routeCountSm_.get(); }
     RouteReviewSm* routeReviewSm() const { return routeReviewSm_.get(); }
+    SptThresholdInfo* sptThresholdInfo() const { return sptThresholdInfo_.get(); }
+    SptThresholdSm* sptThresholdSm() const { return sptThresholdSm_.get(); }
     GmpSm* gmpSm() const { return gmpSm_.get(); }
     ::Tidal::Multicast::Fib::Status* mfibTidal() const { return mfibTidal_.get(); }
     Routing::Pim::JoinPruneStatus* joinPruneStatus() const { return joinPruneStatus_.get(); }
@@ -111,6 +114,7 @@ private:
     Cask::Ptr<Config> config_;
     Cask::Ptr<Routing::Pim::ClearMrouteConfig> clearConfig_;
     Cask::Ptr<Platform::RpMapping> rpMapping_;
+    Cask::Ptr<Acl::AclConfig> aclConfig_;
     Cask::Ptr<Routing::McastBoundary::Status> mcastBoundaryStatus_;
     Cask::Ptr<Platform::HwMfibStatus> hwMfibStatus_;
 
@@ -133,6 +137,7 @@ private:
     Cask::Ptr<Routing::Pim::JoinPruneStatus> joinPruneStatus_;
     std::unique_ptr<Routing::Pim::JoinPruneNeighborSm> joinPruneNeighborSm_;
     Cask::Ptr<Routing::Pim::JoinPruneRxStatus> rxJoinPrune_;
+    Cask::Ptr<SptThresholdInfo> sptThresholdInfo_;
     Cask::Ptr<Routing::Pim::RpLocalStatus> rpLocalStatus_;
     Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig_;
     Cask::Ptr<Routing::Multicast::Fib::SparseModeStatus> failoverIntfs_;
@@ -145,6 +150,7 @@ private:
     std::unique_ptr<RouteCountSm> routeCountSm_;
     std::unique_ptr<RouteReviewSm> routeReviewSm_;
     std::unique_ptr<SgRouteSm> sgRouteSm_;
+    std::unique_ptr<SptThresholdSm> sptThresholdSm_;
     Cask::Ptr<SsmConvertConfig> ssmConvertConfig_;
     Cask::Ptr<UpstreamSgSm> upstreamSgSm_;
     Cask::Ptr<UpstreamWcSm> upstreamWcSm_;

@@ -18,6 +18,9 @@
 #include "wirl/ip_gen_addr.h"
 #include "wirl/vrf_name.h"
 
+namespace Acl {
+class AclConfig;
+}
 namespace Platform {
 class RpMapping;
 class RegisterConfig;
@@ -64,6 +67,7 @@ class SsmGroupInfo;
 class SsmConvertConfig;
 class PimRpfTable;
 class RegisterStatus;
+class SptThresholdInfo;
 namespace Tidal {
 class Status;
 }
@@ -79,6 +83,7 @@ struct VrfContext {
     Routing::Multicast::Fib::Config* mfibConfig = nullptr;  // null: no forwarding config
     SsmConvertConfig* ssmConvertConfig = nullptr;           // null: no SSM conversion
     Platform::RpMapping* rpMapping = nullptr;               // null: no RP mapping
+    Acl::AclConfig* aclConfig = nullptr;                    // the family's access lists
 
     // The route table.
     Status* status = nullptr;
@@ -86,6 +91,8 @@ struct VrfContext {
     SsmGroupInfo* ssmGroupInfo = nullptr;
     Routing::Pim::GroupFilterStatus* groupFilterStatus = nullptr;
     FrrFilterStatus* frrFilterStatus = nullptr;
+    // Which groups switch to the source tree (SptThresholdSm writes it).
+    SptThresholdInfo* sptThresholdInfo = nullptr;
 
     // Interfaces, neighbours, unicast routing toward sources and RPs.
     Routing::Pim::Status* pimStatus = nullptr;

@@ -6,6 +6,7 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/forwarding/spt_threshold_sm.h"
 #include "pimsm/upstream/rpf_table.h"
 #include "platform/group_ranges.h"
 #include "platform/mcast_boundary.h"
@@ -34,6 +35,18 @@ public:
     RegisterWatcher(SgRouteSm& sm, RegisterStatus& s) : RegisterStatus::Notifiee(&s), sm_(sm) {}
     void handleRegisterOif(const RouteKey& key) override { sm_.handleRegisterStatus(key); }
     void handleNoRegisterOif(const RouteKey& key) override { sm_.handleRegisterStatus(key); }
+
+private:
+    SgRouteSm& sm_;
+};
+
+// The switchover decision moved (a threshold or an access list changed):
+// SwitchToSptDesired is re-evaluated over the routes.
+class SgRouteSm::ThresholdWatcher : public SptThresholdInfo::Notifiee {
+public:
+    ThresholdWatcher(SgRouteSm& sm, SptThresholdInfo& s)
+        : SptThresholdInfo::Notifiee(&s), sm_(sm) {}
+    void handleSptConfigChanged() override { sm_.handleSptConfigChanged(); }
 
 private:
     SgRouteSm& sm_;
@@ -83,6 +96,9 @@ void SgRouteSm::handleStatusInitialized() {
     routes_.sweep(ctx_.localStatus->sgRoute(), [this](const RouteKey& k) { handleSgRoute(k); });
     if (ctx_.registerStatus) {
         registerWatcher_ = std::make_unique<RegisterWatcher>(*this, *ctx_.registerStatus);
+    }
+    if (ctx_.sptThresholdInfo) {
+        thresholdWatcher_ = std::make_unique<ThresholdWatcher>(*this, *ctx_.sptThresholdInfo);
     }
     if (ctx_.mrtUpcall) {
         upcallWatcher_ = std::make_unique<UpcallWatcher>(*this, *ctx_.mrtUpcall);

@@ -136,6 +136,7 @@ public:
 private:
     class UpcallWatcher;
     class RegisterWatcher;
+    class ThresholdWatcher;
 
     bool groupIgnored(const Routing::Pim::RouteKey& key, const char* where) const;
     bool boundaryOn(Wirl::IntfId intf, const Wirl::IpGenAddr& group) const;
@@ -151,6 +152,7 @@ private:
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute> routes_;
     std::unique_ptr<UpcallWatcher> upcallWatcher_;
     std::unique_ptr<RegisterWatcher> registerWatcher_;
+    std::unique_ptr<ThresholdWatcher> thresholdWatcher_;
     std::unique_ptr<Cask::SlicedReview<Routing::Pim::RouteKey>> review_;
     Cask::Timer inactivityTimer_;
     bool handlingUpcalls_ = false;

