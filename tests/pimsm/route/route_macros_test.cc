@@ -57,6 +57,13 @@ struct MacroVrf : Testing::TestVrf {
         start();
         wcRoute = &route(RouteKey::wc(group));
         sgRoute = &route(RouteKey(source, group));
+        // The tables set the (S,G) route's state by hand and read the macros. The (S,G)
+        // machines would act on that state (joining clears the SPT bit a case sets, an assert
+        // loss moves RPF'), so the route leaves their view once registered: its RPF' stays as
+        // registration made it, and it keeps its link to the (*,G) route.
+        settle();
+        localStatus().sgRouteDel(sgRoute->key());
+        settle();
     }
 
     Wirl::IpGenAddr addr(unsigned subnet, unsigned host) const {
