@@ -107,8 +107,11 @@ public:
     // Runs the work queued for the end of the turn and posted work, without
     // letting virtual time pass: deferred builds, not timers.
     void flush();
-    // Runs until nothing is posted or armed (reviews and their timers).
-    void settle() { loop.runUntilIdle(); }
+    // Runs posted work, reviews and their timers until nothing is due within `settleHorizon` of
+    // loop time: the (S,G) route machine's inactivity check repeats for as long as (S,G) routes
+    // exist, so a VRF with (S,G) routes is never idle.
+    static constexpr Cask::Seconds settleHorizon = 60;
+    void settle() { loop.runUntilIdle(loop.now() + settleHorizon); }
 
     // --- the VRF ------------------------------------------------------------
     const VrfContext& ctx() const { return container_->context(); }

@@ -157,6 +157,14 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
     if (wc) {
         for (const auto& [id, intf] : wc->routeIntf()) {
             if (incoming(id) || isPseudoIntf(id) || !intf->immediateOlistWc()) continue;
+            // RFC 7761 inherited_olist(S,G,rpt): an interface where the source is
+            // pruned off the shared tree, excluded by a host, or where the
+            // assert was lost is not inherited.
+            if (const Intf* own = route.routeIntfRaw(id); own && !own->inheritedOlistSgRpt()) {
+                CASK_VRF_TRACE(8, vrf, "MfibSm::handleRoute({}): Skip inherited interface {}", key,
+                               id);
+                continue;
+            }
             CASK_VRF_TRACE(8, vrf, "MfibSm::handleRoute({}): Add inherited interface {}", key, id);
             addTidalRouteOif(sm_, tmpRoute, id);
         }

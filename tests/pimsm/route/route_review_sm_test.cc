@@ -113,7 +113,7 @@ TEST(RouteReviewSm, ChangeDuringSuspendedReviewWaitsForExactlyOneMoreReview) {
                                         "rpfIntfStatus|rpfDrStatus", "rpfNbrGenId", "rpfNbrGenId",
                                         "rpfNbrGenId"}));
     EXPECT_EQ(traced("RouteReviewSm: Starting new review"), 2u);
-    EXPECT_EQ(f.loop.armedTimers(), 0u);
+    EXPECT_FALSE(f.routeReviewSm().reviewTimer()->timer().armed());
 }
 
 TEST(RouteReviewSm, ResumesAfterTheBookmarkedRouteWhenItWasDeleted) {
@@ -362,7 +362,8 @@ TEST(RouteReviewSm, RewritesForwardingEntriesAndPassesRpfRouteChanges) {
     f.unicastRouteIs(prefix("10.1.0.1/32"), "up2", ip("10.0.2.2"));
     EXPECT_EQ(recA.seen, std::vector<ChangeFlags>{ChangeFlags{Bit::rpfRouteChanged}});
     EXPECT_TRUE(recB.seen.empty());
-    EXPECT_EQ(f.loop.armedTimers(), 0u);  // applied at once, no review
+    // Applied at once, no review.
+    EXPECT_FALSE(f.routeReviewSm().reviewTimer()->timer().armed());
 }
 
 TEST(RouteReviewSm, FastFailoverFilterAddsAndRemovesBackupUpstreams) {
