@@ -36,7 +36,11 @@ using WallClock = std::chrono::steady_clock;
 // Groups 239.0.0.1, 239.0.0.2, ...: administratively scoped (RFC 2365), so outside the default
 // SSM range and mapped to the static RP.
 constexpr std::uint32_t firstGroup = 0xef000001u;
-constexpr std::size_t maxRoutes = 0x00ffffffu;  // up to 239.255.255.255
+// SSM joins use 232.0.0.1, 232.0.0.2, ... (the default SSM range) and one source, reached like
+// the RP through Ethernet2.
+constexpr std::uint32_t firstSsmGroup = 0xe8000001u;
+constexpr std::string_view ssmSource = "10.99.0.10";
+constexpr std::size_t maxRoutes = 0x00ffffffu;  // up to 239.255.255.255 (232.255.255.255)
 // The example's join comes at 1 s: by then the VRF is up and the neighbour and RP are known.
 constexpr Cask::Seconds joinsAt = 1;
 // Loop time after the joins by which every record must be there. Joins, Join/Prune and
@@ -55,8 +59,13 @@ Wirl::IpGenAddr addr(std::string_view text) {
 Wirl::IpGenPrefix prefix(std::string_view text) {
     return *Wirl::IpGenPrefix::parse(text);
 }
-Wirl::IpGenAddr group(std::size_t i) {
-    return Wirl::IpGenAddr::v4(firstGroup + std::uint32_t(i));
+Wirl::IpGenAddr group(std::size_t i, bool ssm = false) {
+    return Wirl::IpGenAddr::v4((ssm ? firstSsmGroup : firstGroup) + std::uint32_t(i));
+}
+// The route key of the i-th join.
+Routing::Pim::RouteKey joinKey(std::size_t i, bool ssm) {
+    return ssm ? Routing::Pim::RouteKey(addr(ssmSource), group(i, true))
+               : Routing::Pim::RouteKey::wc(group(i));
 }
 
 // The last-hop router of examples/last-hop.yaml, without its events.
@@ -94,8 +103,9 @@ Driver::Scenario lastHopScenario() {
 class CommitWatch : public TMF::Status::Notifiee {
 public:
     CommitWatch(TMF::Status& table, std::size_t routes, Wirl::IntfId iif, Wirl::IntfId oif,
-                const Progress& progress)
+                const Progress& progress, bool ssm)
         : Notifiee(&table),
+          ssm_(ssm),
           done_(routes, false),
           iif_(iif),
           oif_(oif),
@@ -106,7 +116,7 @@ public:
     WallClock::time_point completedAt() const { return completedAt_; }
 
     bool correct(const TMF::Route* r) const {
-        if (!r || !r->key().wildcard() || r->iif() != iif_) return false;
+        if (!r || r->key().wildcard() == ssm_ || r->iif() != iif_) return false;
         for (auto index : r->oifIteratorConst()) {
             if (notifier()->oifIndexIntf(index).intf == oif_) return true;
         }
@@ -114,8 +124,8 @@ public:
     }
 
     void handleRoute(const TMF::IpGenRouteKey& key) override {
-        if (!key.wildcard() || key.group().family() != Wirl::AddressFamily::ipv4) return;
-        const std::size_t i = key.group().v4HostOrder() - firstGroup;
+        if (key.wildcard() == ssm_ || key.group().family() != Wirl::AddressFamily::ipv4) return;
+        const std::size_t i = key.group().v4HostOrder() - (ssm_ ? firstSsmGroup : firstGroup);
         if (i >= done_.size()) return;
         const bool ok = correct(notifier()->route(key));
         if (ok == done_[i]) return;
@@ -136,6 +146,7 @@ public:
     }
 
 private:
+    bool ssm_;
     std::vector<bool> done_;
     std::size_t committed_ = 0;
     WallClock::time_point completedAt_;
@@ -182,7 +193,7 @@ double heapBytes() {
 // one kind after the other, each measured as the heap growth it caused. The rest of the agent's
 // heap is the machines' per-route state (reactors, watchers, queues, Join/Prune contents).
 std::vector<HeapShare> heapShares(std::size_t routes, const std::vector<TMF::Route>& records,
-                                  double agentBytes) {
+                                  double agentBytes, bool ssm) {
     std::vector<HeapShare> out;
     const double n = double(routes);
     double accounted = 0;
@@ -196,7 +207,7 @@ std::vector<HeapShare> heapShares(std::size_t routes, const std::vector<TMF::Rou
         Cask::VirtualClock clock;
         auto ls = SM::localStatusFactory(Wirl::AddressFamily::ipv4);
         auto status = Cask::make<SM::Status>(clock, SM::RouteContext{nullptr, ls.get()});
-        auto key = [](std::size_t i) { return Routing::Pim::RouteKey::wc(group(i)); };
+        auto key = [ssm](std::size_t i) { return joinKey(i, ssm); };
         double h = heapBytes();
         for (std::size_t i = 0; i < routes; ++i) status->routeIs(key(i));
         share("route records and route status", h);
@@ -204,10 +215,17 @@ std::vector<HeapShare> heapShares(std::size_t routes, const std::vector<TMF::Rou
         for (std::size_t i = 0; i < routes; ++i) status->route(key(i))->routeIntfIs(host);
         share("interface records", h);
         h = heapBytes();
-        for (std::size_t i = 0; i < routes; ++i) ls->wcRouteIs(key(i), status->route(key(i)));
-        share("(*,G) route index", h);
+        for (std::size_t i = 0; i < routes; ++i) {
+            if (ssm) {
+                ls->sgRouteIs(key(i), status->route(key(i)));
+            } else {
+                ls->wcRouteIs(key(i), status->route(key(i)));
+            }
+        }
+        share(ssm ? "(S,G) route index" : "(*,G) route index", h);
+        out.back().what = "route index ((*,G) or (S,G))";
         h = heapBytes();
-        for (std::size_t i = 0; i < routes; ++i) status->groupIs(group(i));
+        for (std::size_t i = 0; i < routes; ++i) status->groupIs(key(i).group());
         share("routes-per-group index", h);
     }
     {
@@ -222,7 +240,7 @@ std::vector<HeapShare> heapShares(std::size_t routes, const std::vector<TMF::Rou
 
 }  // namespace
 
-EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& progress) {
+EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& progress, bool ssm) {
     if (routes == 0 || routes > maxRoutes) {
         throw std::invalid_argument(fmt::format("routes must be 1 to {}", maxRoutes));
     }
@@ -242,17 +260,18 @@ EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& pr
     auto table = runner.db().mfibTable(vrf);
     auto members = runner.db().membershipTable(vrf);
     if (!table || !members) throw std::runtime_error("the VRF did not come up");
-    CommitWatch watch(*table, routes, upstream, host, progress);
+    CommitWatch watch(*table, routes, upstream, host, progress, ssm);
 
     EndToEndResult res;
     res.routes = routes;
     res.realTime = realTime;
+    res.ssm = ssm;
     const double rssBefore = residentBytes();
     const double heapBefore = heapBytes();
     if (progress) progress(0, routes);
     const auto start = WallClock::now();
     for (std::size_t i = 0; i < routes; ++i) {
-        const Routing::Gmp::Tidal::RouteIntfKey key{Routing::Pim::RouteKey::wc(group(i)), host};
+        const Routing::Gmp::Tidal::RouteIntfKey key{joinKey(i, ssm), host};
         members->membershipIs(key, {key, Routing::Gmp::Tidal::FilterMode::include});
     }
     const double heapMembers = heapBytes();
@@ -269,9 +288,10 @@ EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& pr
             if (next - joinsAt > virtualLimit) {
                 throw std::runtime_error(fmt::format(
                     "the loop {} after {:.1f} s of loop time with only {} of {} groups having a "
-                    "(*,G) record from {} to {}",
+                    "{} record from {} to {}",
                     next == Cask::never ? "went idle" : "ran out of time", loop.now() - joinsAt,
-                    watch.committed(), routes, upstream.name(), host.name()));
+                    watch.committed(), routes, ssm ? "(S,G)" : "(*,G)", upstream.name(),
+                    host.name()));
             }
             loop.clock().waitUntil(next);
         }
@@ -290,11 +310,10 @@ EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& pr
     std::vector<TMF::Route> records;
     records.reserve(routes);
     for (std::size_t i = 0; i < routes; ++i) {
-        const auto* r =
-            table->route(Routing::Multicast::Fib::convertKey(Routing::Pim::RouteKey::wc(group(i))));
+        const auto* r = table->route(Routing::Multicast::Fib::convertKey(joinKey(i, ssm)));
         if (!watch.correct(r)) {
             throw std::runtime_error(
-                fmt::format("(*, {}) has no correct forwarding record", group(i).str()));
+                fmt::format("{} has no correct forwarding record", joinKey(i, ssm)));
         }
         records.push_back(*r);
     }
@@ -303,7 +322,7 @@ EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& pr
             fmt::format("{} forwarding records for {} groups", table->routeSize(), routes));
     }
     res.floorSeconds = floorSeconds(records);
-    res.heapBreakdown = heapShares(routes, records, heapDone - heapMembers);
+    res.heapBreakdown = heapShares(routes, records, heapDone - heapMembers, ssm);
     res.routesPerSecond = double(routes) / res.agentSeconds;
     res.bytesPerRoute = res.rssGrowthBytes / double(routes);
     res.floorRatio = res.floorSeconds > 0 ? res.agentSeconds / res.floorSeconds : 0;
@@ -314,6 +333,7 @@ nlohmann::ordered_json toJson(const EndToEndResult& r) {
     nlohmann::ordered_json j;
     j["routes"] = r.routes;
     j["real_time"] = r.realTime;
+    j["joins"] = r.ssm ? "ssm-sg" : "any-source-wc";
     j["routes_per_second"] = r.routesPerSecond;
     j["agent_seconds"] = r.agentSeconds;
     j["peak_rss_kib"] = r.peakRssKiB;
@@ -334,9 +354,9 @@ nlohmann::ordered_json toJson(const EndToEndResult& r) {
 
 std::string toTable(const std::vector<EndToEndResult>& results) {
     using Row = std::pair<std::string, std::function<std::string(const EndToEndResult&)>>;
-    const double firstRate = results.empty() ? 0 : results.front().routesPerSecond;
     std::vector<Row> rows = {
         {"routes (host joins)", [](auto& r) { return fmt::format("{}", r.routes); }},
+        {"joins", [](auto& r) { return std::string(r.ssm ? "SSM (S,G)" : "(*,G)"); }},
         {"clock", [](auto& r) { return std::string(r.realTime ? "real" : "virtual"); }},
         {"routes/s", [](auto& r) { return fmt::format("{:.0f}", r.routesPerSecond); }},
         {"agent time", [](auto& r) { return fmt::format("{:.3f} s", r.agentSeconds); }},
@@ -345,8 +365,14 @@ std::string toTable(const std::vector<EndToEndResult>& results) {
         {"agent time / floor", [](auto& r) { return fmt::format("{:.1f}x", r.floorRatio); }},
     };
     if (results.size() > 1) {
-        rows.push_back({"routes/s, first / this", [firstRate](auto& r) {
-                            return fmt::format("{:.2f}x", firstRate / r.routesPerSecond);
+        // Against the first run of the same kind of join.
+        rows.push_back({"routes/s, first / this", [&results](auto& r) {
+                            for (const auto& first : results) {
+                                if (first.ssm == r.ssm)
+                                    return fmt::format("{:.2f}x",
+                                                       first.routesPerSecond / r.routesPerSecond);
+                            }
+                            return std::string("-");
                         }});
     }
     const std::vector<Row> rest = {
@@ -400,6 +426,10 @@ int endToEndMain(int argc, char** argv) {
     app.add_flag("--real-time", realTime,
                  "run the loop on the steady clock (idle waits skipped), so reviews slice their "
                  "work as in a real run");
+    bool ssm = false;
+    app.add_flag("--ssm", ssm,
+                 "also run SSM (S,G) include joins toward one source, each beside the (*,G) run "
+                 "of the same size");
     app.add_flag("--json", json, "print the figures as JSON");
     CLI11_PARSE(app, argc, argv);
 
@@ -415,6 +445,7 @@ int endToEndMain(int argc, char** argv) {
     for (const std::size_t n : routes) {
         try {
             results.push_back(runEndToEnd(n, realTime, progress));
+            if (ssm) results.push_back(runEndToEnd(n, realTime, progress, true));
         } catch (const std::exception& e) {
             if (tty) fmt::print(stderr, "\n");
             fmt::print(stderr, "end-to-end FAILED: {}\n", e.what());

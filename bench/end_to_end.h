@@ -34,6 +34,7 @@ struct HeapShare {
 struct EndToEndResult {
     std::size_t routes = 0;
     bool realTime = false;
+    bool ssm = false;         // SSM (S,G) include joins instead of any-source (*,G) joins
     double agentSeconds = 0;  // wall, first membership write to last record committed
     double routesPerSecond = 0;
     long peakRssKiB = 0;        // getrusage ru_maxrss at the end of the agent run
@@ -57,8 +58,10 @@ using Progress = std::function<void(std::size_t committed, std::size_t total)>;
 
 // Runs the benchmark once. Throws std::runtime_error when the agent does not commit a correct
 // record for every group (or the VRF never comes up).
-EndToEndResult runEndToEnd(std::size_t routes, bool realTime = false,
-                           const Progress& progress = {});
+// With `ssm`, each host joins (S,G) for one source and a group of the SSM range, and the
+// records counted are the (S,G) ones toward the source.
+EndToEndResult runEndToEnd(std::size_t routes, bool realTime = false, const Progress& progress = {},
+                           bool ssm = false);
 
 nlohmann::ordered_json toJson(const EndToEndResult& r);
 // An aligned table, one figure per line and one column per result.
