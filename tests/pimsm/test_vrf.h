@@ -138,6 +138,7 @@ public:
     WcRouteReviewSm& wcRouteReviewSm() const { return *container_->wcRouteReviewSm(); }
     GmpSm& gmpSm() const { return *container_->gmpSm(); }
     MfibSm& mfibSm() const { return *container_->mfibSm(); }
+    SgRouteSm& sgRouteSm() const { return *container_->sgRouteSm(); }
 
     Cask::VirtualClock clock;
     Cask::EventLoop loop{clock};
