@@ -326,25 +326,35 @@ TEST(SgRouteSmTest, CouldRegisterNeedsDr) {
 }
 
 // The forwarding stage programs an (S,G) route only once the register
-// decision was made, and carries the register tunnel flag it gives.
+// decision was made, and carries the register tunnel flag it gives. A second
+// stage, writing its own table, meets a route whose decision is still open.
 TEST(SgRouteSmTest, ForwardingWaitsForRegisterDecision) {
     SgVrf f;
     const RouteKey k = f.key(f.local);
-    f.route(k);
+    f.upcall(MrtUpcall::Kind::noCache, k, f.src);
+    Route& r = *f.status().route(k);
+    r.registerOifEvaluatedIs(false);
+    auto table = Cask::make<TMF::Status>();
+    VrfContext c = f.ctx();
+    c.mfibTidal = table.get();
+    MfibSm stage(c);
+    Cask::trace().clear();
+    stage.handleInit();
     f.flush();
     const auto fibKey = Routing::Multicast::Fib::convertKey(k);
-    const TMF::Route* record = f.mfibTable().route(fibKey);
+    EXPECT_EQ(table->route(fibKey), nullptr);
+    EXPECT_TRUE(Cask::trace().contains("Waiting for register OIF evaluation for"));
+
+    f.registerStatus().registerOifIs(k);  // the decision: register tunnel on
+    f.flush();
+    const TMF::Route* record = table->route(fibKey);
     ASSERT_NE(record, nullptr);
     EXPECT_LT(SgVrf::tracePos(", Register in OIF has been evaluated."),
               SgVrf::tracePos("Mfib: doCommitTidalRoute"));
-    EXPECT_FALSE(record->flag(TMF::Route::oifRegister));
-
-    f.registerStatus().registerOifIs(k);
-    f.flush();
-    EXPECT_TRUE(f.mfibTable().route(fibKey)->flag(TMF::Route::oifRegister));
+    EXPECT_TRUE(record->flag(TMF::Route::oifRegister));
     f.registerStatus().noRegisterOifIs(k);
     f.flush();
-    EXPECT_FALSE(f.mfibTable().route(fibKey)->flag(TMF::Route::oifRegister));
+    EXPECT_FALSE(table->route(fibKey)->flag(TMF::Route::oifRegister));
 }
 
 // A wrong-VIF report on RPF_interface(S) of a joined route sets the SPT bit
