@@ -25,6 +25,19 @@ vrfs:
         address: 10.1.0.1/24
 )";
 
+// Each text is refused with a message that starts with the one given.
+void expectRefused(const std::vector<std::pair<std::string, std::string>>& cases) {
+    for (const auto& [text, message] : cases) {
+        SCOPED_TRACE(message);
+        try {
+            Driver::parseScenario(text, "t.yaml");
+            FAIL() << "accepted";
+        } catch (const Driver::ScenarioError& e) {
+            EXPECT_EQ(std::string(e.what()).rfind(message, 0), 0u) << e.what();
+        }
+    }
+}
+
 TEST(Scenario, MalformedScenariosAreRefusedWithTheirPlace) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {head + "    colour: blue\n", "t.yaml:7:5: unknown key 'colour' in a VRF"},
@@ -40,15 +53,7 @@ TEST(Scenario, MalformedScenariosAreRefusedWithTheirPlace) {
         {"agent: ipv5\nvrfs: []\n", "t.yaml:1:8: agent must be ipv4 or ipv6"},
         {head + "events: [\n", "t.yaml:8:"},
     };
-    for (const auto& [text, message] : cases) {
-        SCOPED_TRACE(message);
-        try {
-            Driver::parseScenario(text, "t.yaml");
-            FAIL() << "accepted";
-        } catch (const Driver::ScenarioError& e) {
-            EXPECT_EQ(std::string(e.what()).rfind(message, 0), 0u) << e.what();
-        }
-    }
+    expectRefused(cases);
 }
 
 // Values at the edge of each range are refused one step past it, at the
@@ -79,15 +84,7 @@ TEST(Scenario, ValuesOutOfRangeAreRefused) {
         {head + "events:\n  - {at: 12abc, show: routes}\n", "t.yaml:8:10: '12abc' is not a number"},
         {head + "until: 1e999\n", "t.yaml:7:8: '1e999' is out of range"},
     };
-    for (const auto& [text, message] : cases) {
-        SCOPED_TRACE(message);
-        try {
-            Driver::parseScenario(text, "t.yaml");
-            FAIL() << "accepted";
-        } catch (const Driver::ScenarioError& e) {
-            EXPECT_EQ(std::string(e.what()).rfind(message, 0), 0u) << e.what();
-        }
-    }
+    expectRefused(cases);
 }
 
 TEST(Scenario, ValuesAtTheirLimitsAreKept) {
@@ -150,15 +147,7 @@ TEST(Scenario, StructureAndNamesAreChecked) {
                   "ff3e::/16]}]}\n",
          "t.yaml:9:72: 'ff3e::/16' is not an ipv4 prefix"},
     };
-    for (const auto& [text, message] : cases) {
-        SCOPED_TRACE(message);
-        try {
-            Driver::parseScenario(text, "t.yaml");
-            FAIL() << "accepted";
-        } catch (const Driver::ScenarioError& e) {
-            EXPECT_EQ(std::string(e.what()).rfind(message, 0), 0u) << e.what();
-        }
-    }
+    expectRefused(cases);
 }
 
 TEST(Scenario, ErrorsKeepTheirParts) {
