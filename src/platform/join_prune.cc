@@ -84,6 +84,20 @@ void JoinPruneNeighbor::pendingSent() {
 
 void JoinPruneStatus::pendingSent() {
     for (const auto& [key, nbr] : neighbor_) nbr->pendingSent();
+    for (const auto& [intf, echo] : pruneEcho_) {
+        if (echo->joinPruneGroupData().empty()) continue;
+        auto& sent = sentPruneEcho_[intf];
+        if (!sent) sent = Cask::make<JoinPruneData>();
+        sent->joinPruneGroupDataCopyIs(*echo);
+    }
+    pruneEcho_.clear();
+}
+
+JoinPruneData& JoinPruneStatus::pruneEchoIs(Wirl::IntfId intf) {
+    auto& echo = pruneEcho_[intf];
+    if (!echo) echo = Cask::make<JoinPruneData>();
+    notify(&Notifiee::handlePruneEcho, intf);
+    return *echo;
 }
 
 void JoinPruneMessage::forEachEntry(
@@ -125,6 +139,17 @@ void JoinPruneRxStatus::joinPruneMessageIs(JoinPruneMessage m) {
     CASK_ASSERT(m.data, "joinPruneMessageData");
     joinPruneMessage_ = std::move(m);
     increment(joinPruneMessageCount_, &Notifiee::handleJoinPruneMessage);
+}
+
+void JoinPruneRxStatus::messageReceived(const JoinPruneMessage& m) {
+    joinPruneMessageIs(m);
+    m.forEachEntry([this](bool join, const JoinPruneMessageInfo& e) {
+        if (join) {
+            rxJoinIs(e);
+        } else {
+            rxPruneIs(e);
+        }
+    });
 }
 
 }  // namespace Routing::Pim

@@ -215,14 +215,38 @@ public:
         using NotifieeOf::NotifieeOf;
         virtual void handleNeighbor(const NeighborKey&) {}
         virtual void handleRxPrune(const Routing::Gmp::Tidal::RouteIntfKey&) {}
+        virtual void handlePruneEcho(Wirl::IntfId) {}
     };
     CASK_RECORD_MAP(neighbor, Neighbor, NeighborKey, JoinPruneNeighbor,
                     "Routing::Pim::JoinPruneStatus")
     JoinPruneNeighbor* neighbor(Wirl::IntfId intf, const Wirl::IpGenAddr& address) const {
         return neighbor_.raw(NeighborKey{intf, address});
     }
-    // Every neighbour's pending sets were sent (`JoinPruneNeighbor::pendingSent`).
+    // Every neighbour's pending sets and every pending PruneEcho were sent
+    // (`JoinPruneNeighbor::pendingSent`).
     void pendingSent();
+
+    // PruneEchoes waiting to be sent, per interface (RFC 7761 4.5.2: when a
+    // received Prune takes effect on a LAN, the router sends the Prune again,
+    // addressed to itself, so that a router that missed the override can
+    // still override it). Each is one message's contents: per group a
+    // (*,G) Prune toward the RP or an (S,G) Prune. The downstream machine
+    // writes them; the packet side sends them once and empties them with
+    // `pendingSent`.
+    JoinPruneData* pruneEcho(Wirl::IntfId intf) const {
+        auto it = pruneEcho_.find(intf);
+        return it == pruneEcho_.end() ? nullptr : it->second.get();
+    }
+    // The interface's pending PruneEcho record, created empty when absent;
+    // announced (`handlePruneEcho`) so the packet side can send it.
+    JoinPruneData& pruneEchoIs(Wirl::IntfId intf);
+    const std::map<Wirl::IntfId, Cask::Ptr<JoinPruneData>>& pruneEchoes() const {
+        return pruneEcho_;
+    }
+    // What the packet side was last handed per interface, for display.
+    const std::map<Wirl::IntfId, Cask::Ptr<JoinPruneData>>& sentPruneEchoes() const {
+        return sentPruneEcho_;
+    }
 
     // Received prunes waiting for their prune-pending period to end, by
     // route and receiving interface.
@@ -230,6 +254,8 @@ public:
 
 private:
     Cask::OrderedRecordMap<NeighborKey, JoinPruneNeighbor> neighbor_;
+    std::map<Wirl::IntfId, Cask::Ptr<JoinPruneData>> pruneEcho_;
+    std::map<Wirl::IntfId, Cask::Ptr<JoinPruneData>> sentPruneEcho_;
     Cask::ValueMap<Routing::Gmp::Tidal::RouteIntfKey, RxPruneInfo,
                    std::map<Routing::Gmp::Tidal::RouteIntfKey, RxPruneInfo>>
         rxPrune_;
@@ -281,6 +307,10 @@ public:
     // The last whole message received; delivering one always announces.
     const JoinPruneMessage& joinPruneMessage() const { return joinPruneMessage_; }
     void joinPruneMessageIs(JoinPruneMessage m);
+    // How the packet side hands over a decoded message: the whole message
+    // first (the (S,G,rpt) machine queues it), then each entry as a single
+    // Join or Prune, in `forEachEntry` order.
+    void messageReceived(const JoinPruneMessage& m);
     std::uint32_t joinPruneMessageCount() const { return joinPruneMessageCount_; }
 
 private:

@@ -103,12 +103,17 @@ public:
         using NotifieeOf::NotifieeOf;
         virtual void handleIntf(Wirl::IntfId) {}
         virtual void handleActiveNeighbor(const NeighborKey&) {}
+        virtual void handleOutputClogged() {}
     };
 
     CASK_RECORD_MAP(intf, Intf, Wirl::IntfId, PimIntfStatus, "Routing::Pim::Status")
     // Neighbours currently up. A neighbour that went and came back is in it
     // again: the route review uses that to tell a flap from a change.
     CASK_KEY_SET(activeNeighbor, ActiveNeighbor, NeighborKey)
+    // The agent's output toward the state database is congested: machines
+    // that review queued input in slices stop at the next slice and resume
+    // when it clears, so that nothing more is written while it lasts.
+    CASK_ATTR(bool, outputClogged, OutputClogged)
 
     // Convenience lookups for the olist macros; null / false when absent.
     PimIntfStatus* intfRaw(Wirl::IntfId i) const { return intf_.raw(i); }
@@ -124,6 +129,7 @@ public:
 private:
     Cask::RecordMap<Wirl::IntfId, PimIntfStatus> intf_;
     Cask::KeySet<NeighborKey> activeNeighbor_;
+    bool outputClogged_ = false;
 };
 
 }  // namespace Routing::Pim
