@@ -163,6 +163,47 @@ void joinPruneRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
             }
         }
     }
+    // The PruneEchoes last handed to the packet side, per interface: Prunes
+    // addressed to this router itself.
+    for (const auto& [intf, echo] : c.joinPruneStatus()->sentPruneEchoes()) {
+        for (const auto* g : echo->groupsInOrder()) {
+            Json prunes = Json::array();
+            for (const auto& [rp, wc] : g->wcSourceData()) {
+                prunes.push_back(fmt::format("(*) rp {}", rp));
+            }
+            for (const auto& s : g->prunedSource()) prunes.push_back(s.str());
+            Json row;
+            row["vrf"] = vrf.str();
+            row["neighbor"] = fmt::format("self on {}", intf);
+            row["set"] = "prune-echo";
+            row["group"] = g->group().str();
+            row["joins"] = Json::array();
+            row["prunes"] = prunes;
+            rows.push_back(row);
+        }
+    }
+}
+
+// One row per route and interface with downstream state: the (*,G)/(S,G)
+// join state and the (S,G,rpt) prune state, and whether a received Prune is
+// remembered for its PruneEcho.
+void downstreamRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
+    const auto& remembered = c.joinPruneStatus()->rxPrune();
+    for (const auto& [key, route] : c.status()->route()) {
+        for (const auto& [id, intf] : route->routeIntf()) {
+            const bool joinState = intf->joinState() != JoinState::noInfo;
+            const bool rptState = intf->rptState() != RptState::rptNoInfo;
+            if (!joinState && !rptState) continue;
+            Json row;
+            row["vrf"] = vrf.str();
+            row["route"] = key.str();
+            row["interface"] = id.name();
+            row["join-state"] = joinState ? enumName(intf->joinState()) : "-";
+            row["rpt-state"] = rptState ? enumName(intf->rptState()) : "-";
+            row["remembered-prune"] = remembered.has(Routing::Gmp::Tidal::RouteIntfKey{key, id});
+            rows.push_back(row);
+        }
+    }
 }
 
 // The switchover default, each exception with the prefixes its list yields,
@@ -263,6 +304,9 @@ Json vrfOutput(Runner& runner, const Scenario& scenario, Output what) {
                 break;
             case Output::register_:
                 registerRows(v.name, *c, rows);
+                break;
+            case Output::downstream:
+                downstreamRows(v.name, *c, rows);
                 break;
             default:
                 break;

@@ -317,20 +317,21 @@ void Runner::apply(const Event& ev) {
             auto* root = agent_->rootSm();
             auto* c = root ? root->containerSm().raw(ev.vrf) : nullptr;
             if (!c) return;  // the VRF is not running: nobody receives it
-            Routing::Pim::JoinPruneMessageInfo m;
-            m.riKey = Routing::Pim::RouteKey(ev.source, ev.group);
-            m.sourceFlags.wildcard = ev.entry == "wc";
-            m.sourceFlags.rpt = ev.entry != "sg";
+            Routing::Pim::JoinPruneMessage m;
             m.sender = ev.address;
-            m.upstreamNeighbor = ev.upstream;
-            m.wcSource = ev.rpAddress;
             m.intf = ev.interface;
+            m.upstreamNeighbor = ev.upstream;
             m.holdTime = static_cast<std::uint16_t>(ev.holdTime);
-            if (ev.flag) {
-                c->rxJoinPrune()->rxJoinIs(m);
-            } else {
-                c->rxJoinPrune()->rxPruneIs(m);
+            for (const auto& g : ev.jpGroups) {
+                auto& gd = m.data->joinPruneGroupDataIs(g.group);
+                if (g.joinWc) gd.wcSourceDataIs(*g.joinWc, true);
+                if (g.pruneWc) gd.wcSourceDataIs(*g.pruneWc, false);
+                for (const auto& s : g.joinSg) gd.joinedSourceIs(s);
+                for (const auto& s : g.pruneSg) gd.prunedSourceIs(s);
+                for (const auto& s : g.joinSgRpt) gd.joinedRptSourceIs(s);
+                for (const auto& s : g.pruneSgRpt) gd.prunedRptSourceIs(s);
             }
+            c->rxJoinPrune()->messageReceived(m);
             return;
         }
         case Event::Kind::show:

@@ -250,6 +250,7 @@ const std::map<std::string, Output> outputNames = {
     {"forwarding", Output::forwarding}, {"counters", Output::counters},
     {"register", Output::register_},    {"spt-threshold", Output::sptThreshold},
     {"trace", Output::trace},           {"events", Output::events},
+    {"downstream", Output::downstream},
 };
 
 class Parser {
@@ -646,45 +647,16 @@ private:
                 });
                 return;
             }
-            case Event::Kind::rxJoinPrune: {
-                r_.keys(b,
-                        {"vrf", "interface", "from", "upstream-neighbor", "entry", "action",
-                         "group", "source", "rp", "hold-time"},
-                        "a received Join/Prune");
-                const char* what = "a received Join/Prune";
-                const VrfSpec& v = eventVrf(b);
-                ev.vrf = v.name;
-                ev.interface = knownIntf(v, r_.need(b, "interface", what));
-                ev.address = r_.addr(r_.need(b, "from", what), fam);
-                ev.upstream = r_.addr(r_.need(b, "upstream-neighbor", what), fam);
-                ev.group = r_.addr(r_.need(b, "group", what), fam);
-                ev.entry = r_.text(r_.need(b, "entry", what));
-                if (ev.entry != "wc" && ev.entry != "sg" && ev.entry != "sg-rpt") {
-                    r_.fail(b["entry"], "entry is wc, sg or sg-rpt");
-                }
-                const auto action = r_.text(r_.need(b, "action", what));
-                if (action != "join" && action != "prune")
-                    r_.fail(b["action"], "action is join or prune");
-                ev.flag = action == "join";
-                ev.source = Wirl::IpGenAddr::zero(fam);
-                if (ev.entry == "wc") {
-                    ev.rpAddress = r_.addr(r_.need(b, "rp", what), fam);
-                } else {
-                    ev.source = r_.addr(r_.need(b, "source", what), fam);
-                }
-                if (auto h = b["hold-time"]) ev.holdTime = r_.count(h, 65535, "hold-time");
-                return;
-            }
+            case Event::Kind::rxJoinPrune:
+                return rxJoinPrune(ev, b);
             case Event::Kind::data: {
                 const char* what = "a data event";
                 r_.keys(b, {"vrf", "source", "group", "interface", "packets"}, what);
                 const VrfSpec& v = eventVrf(b);
                 ev.vrf = v.name;
                 ev.interface = knownIntf(v, r_.need(b, "interface", what));
-                ev.source = r_.addr(r_.need(b, "source", what), fam);
-                if (!ev.source.isUnicast()) r_.fail(b["source"], "the source must be unicast");
-                ev.group = r_.addr(r_.need(b, "group", what), fam);
-                if (!ev.group.isMulticast()) r_.fail(b["group"], "the group must be multicast");
+                ev.source = unicastSource(r_.need(b, "source", what));
+                ev.group = multicastGroup(r_.need(b, "group", what));
                 if (auto p = b["packets"]) {
                     ev.packets = r_.count(p, 0xffffffff, "packets");
                     if (!ev.packets) r_.fail(p, "packets is at least 1");
@@ -698,10 +670,8 @@ private:
                 r_.keys(b, {"vrf", "source", "group", "set"}, what);
                 const VrfSpec& v = eventVrf(b);
                 ev.vrf = v.name;
-                ev.source = r_.addr(r_.need(b, "source", what), fam);
-                if (!ev.source.isUnicast()) r_.fail(b["source"], "the source must be unicast");
-                ev.group = r_.addr(r_.need(b, "group", what), fam);
-                if (!ev.group.isMulticast()) r_.fail(b["group"], "the group must be multicast");
+                ev.source = unicastSource(r_.need(b, "source", what));
+                ev.group = multicastGroup(r_.need(b, "group", what));
                 ev.flag = true;
                 if (auto f = b["set"]) ev.flag = r_.flag(f);
                 return;
@@ -734,6 +704,88 @@ private:
                 return;
             }
         }
+    }
+
+    // A received Join/Prune: a whole message (`groups`, each with its
+    // entries) or one entry (`entry`, `action`, ...), which is read as a
+    // message of one group with one entry.
+    void rxJoinPrune(Event& ev, const YAML::Node& b) {
+        const char* what = "a received Join/Prune";
+        const auto fam = s_.family;
+        const bool whole = bool(b["groups"]);
+        if (whole) {
+            r_.keys(b, {"vrf", "interface", "from", "upstream-neighbor", "hold-time", "groups"},
+                    what);
+        } else {
+            r_.keys(b,
+                    {"vrf", "interface", "from", "upstream-neighbor", "entry", "action", "group",
+                     "source", "rp", "hold-time"},
+                    what);
+        }
+        const VrfSpec& v = eventVrf(b);
+        ev.vrf = v.name;
+        ev.interface = knownIntf(v, r_.need(b, "interface", what));
+        ev.address = r_.addr(r_.need(b, "from", what), fam);
+        ev.upstream = r_.addr(r_.need(b, "upstream-neighbor", what), fam);
+        if (auto h = b["hold-time"]) ev.holdTime = r_.count(h, 65535, "hold-time");
+        if (whole) {
+            r_.list(b["groups"], "groups",
+                    [&](const YAML::Node& g) { ev.jpGroups.push_back(jpGroup(g)); });
+            return;
+        }
+        JoinPruneGroupSpec g;
+        g.group = multicastGroup(r_.need(b, "group", what));
+        const auto entry = r_.text(r_.need(b, "entry", what));
+        if (entry != "wc" && entry != "sg" && entry != "sg-rpt") {
+            r_.fail(b["entry"], "entry is wc, sg or sg-rpt");
+        }
+        const auto action = r_.text(r_.need(b, "action", what));
+        if (action != "join" && action != "prune") r_.fail(b["action"], "action is join or prune");
+        const bool join = action == "join";
+        if (entry == "wc") {
+            (join ? g.joinWc : g.pruneWc) = r_.addr(r_.need(b, "rp", what), fam);
+        } else {
+            const auto source = unicastSource(r_.need(b, "source", what));
+            auto& list =
+                entry == "sg" ? (join ? g.joinSg : g.pruneSg) : (join ? g.joinSgRpt : g.pruneSgRpt);
+            list.push_back(source);
+        }
+        ev.jpGroups.push_back(std::move(g));
+    }
+
+    // One group's entries of a whole message.
+    JoinPruneGroupSpec jpGroup(const YAML::Node& n) {
+        const char* what = "a Join/Prune group";
+        r_.keys(
+            n,
+            {"group", "join-wc", "prune-wc", "join-sg", "prune-sg", "join-sg-rpt", "prune-sg-rpt"},
+            what);
+        JoinPruneGroupSpec g;
+        g.group = multicastGroup(r_.need(n, "group", what));
+        if (auto rp = n["join-wc"]) g.joinWc = r_.addr(rp, s_.family);
+        if (auto rp = n["prune-wc"]) g.pruneWc = r_.addr(rp, s_.family);
+        if (g.joinWc && g.pruneWc && *g.joinWc == *g.pruneWc) {
+            r_.fail(n["prune-wc"], "join-wc and prune-wc name the same RP");
+        }
+        const std::pair<const char*, std::vector<Wirl::IpGenAddr>*> lists[] = {
+            {"join-sg", &g.joinSg},
+            {"prune-sg", &g.pruneSg},
+            {"join-sg-rpt", &g.joinSgRpt},
+            {"prune-sg-rpt", &g.pruneSgRpt}};
+        for (const auto& [key, out] : lists) {
+            r_.list(n[key], key, [&](const YAML::Node& s) { out->push_back(unicastSource(s)); });
+        }
+        return g;
+    }
+    Wirl::IpGenAddr multicastGroup(const YAML::Node& n) {
+        auto g = r_.addr(n, s_.family);
+        if (!g.isMulticast()) r_.fail(n, "the group must be multicast");
+        return g;
+    }
+    Wirl::IpGenAddr unicastSource(const YAML::Node& n) {
+        auto s = r_.addr(n, s_.family);
+        if (!s.isUnicast()) r_.fail(n, "the source must be unicast");
+        return s;
     }
 
     // A switchover threshold: true for immediate, false for never.
@@ -780,6 +832,8 @@ const char* outputName(Output o) {
             return "register";
         case Output::sptThreshold:
             return "spt-threshold";
+        case Output::downstream:
+            return "downstream";
         case Output::trace:
             return "trace";
         case Output::events:

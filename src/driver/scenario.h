@@ -98,6 +98,7 @@ enum class Output {
     counters,
     register_,
     sptThreshold,
+    downstream,
     trace,
     events
 };
@@ -113,6 +114,18 @@ struct AccessListSpec {
     std::string name;
     bool immediate = true;
     std::optional<std::vector<Rule>> rules;  // absent: the list's rules are left as they are
+};
+
+// One group's part of a received Join/Prune message: the (*,G) Join or
+// Prune (by RP), and the (S,G) and (S,G,rpt) Joins and Prunes by source.
+struct JoinPruneGroupSpec {
+    Wirl::IpGenAddr group;
+    std::optional<Wirl::IpGenAddr> joinWc;
+    std::optional<Wirl::IpGenAddr> pruneWc;
+    std::vector<Wirl::IpGenAddr> joinSg;
+    std::vector<Wirl::IpGenAddr> pruneSg;
+    std::vector<Wirl::IpGenAddr> joinSgRpt;
+    std::vector<Wirl::IpGenAddr> pruneSgRpt;
 };
 
 struct Event {
@@ -152,12 +165,11 @@ struct Event {
     Wirl::IpGenAddr address;  // neighbour / RP / next hop
     unsigned genId = 0;
     bool flag = false;  // dr; spt-threshold: the default is immediate
-    // rx-join-prune: the entry's kind ("wc", "sg", "sg-rpt"), join or
-    // prune (`flag`), the neighbour it is addressed to, the RP of a (*,G)
-    // entry and the hold time; the sender is `address`.
-    std::string entry;
+    // rx-join-prune: the message's groups with their entries, the
+    // neighbour it is addressed to and the hold time; the sender is
+    // `address`. A single-entry event is a message of one group.
+    std::vector<JoinPruneGroupSpec> jpGroups;
     Wirl::IpGenAddr upstream;
-    Wirl::IpGenAddr rpAddress;
     unsigned holdTime = 210;
     unsigned packets = 1;  // data
     UnicastRouteSpec route;
