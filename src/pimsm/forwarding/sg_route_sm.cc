@@ -172,13 +172,17 @@ bool SgRouteSm::mbrIntf(Wirl::IntfId intf) const {
 Cask::Ptr<Route> SgRouteSm::doCreateRoute(const RouteKey& key, Wirl::IntfId intf, bool mbr) {
     CASK_VRF_TRACE(4, ctx_.vrfName, "SgRouteSm::handleNoCache({}), Create route.", key);
     CASK_EVENT("SgRouteSm: Create route{}", key);
-    // The route comes with its keepalive running from this first packet and
-    // with the unicast RPF toward the source, so the machines that meet it
-    // see a route with a place in the tree.
+    // The route comes with the unicast RPF toward the source, so the
+    // machines that meet it see a route with a place in the tree. Its
+    // keepalive timer is not started here: RFC 7761 4.2 starts it only for
+    // a directly connected source, for data forwarded on the source tree,
+    // or when CheckSwitchToSpt decides to switch, all of which the packet's
+    // forwarding rules evaluate next. Starting it for every first packet
+    // would make JoinDesired(S,G) true and join the source tree against a
+    // "never" switchover policy.
     std::optional<RpfLookup> rpf;
     if (ctx_.rpfTable) rpf = ctx_.rpfTable->doLookup(key.source());
     return ctx_.status->routeIs(key, [&](Route& r) {
-        r.katExpiredIs(false);
         r.firstInactivityTimeIs(now());
         if (rpf && rpf->rpf.intf != Wirl::IntfId::null0()) {
             r.umh()->rpfAttachedIs(rpf->attached);

@@ -127,9 +127,16 @@ TEST(SgRouteSmTest, UpdateSptBitConditions) {
         }
         // Joined toward the source for a receiver of its own on d2 (which
         // makes the switch desired), or for data running the keepalive.
+        // A packet on the shared tree (up1) starts the keepalive only while
+        // the switch is desired; the case's threshold applies after it.
         const RouteKey k = f.key(ip(c.source));
-        if (c.byData) f.upcall(MrtUpcall::Kind::noCache, k, IntfId(c.arrival));
+        if (c.byData) {
+            f.thresholdIs(true);
+            f.upcall(MrtUpcall::Kind::noCache, k, IntfId("up1"));
+        }
         Route& sg = c.joined && !c.byData ? f.route(k, {"d2"}) : f.route(k);
+        f.flush();
+        f.thresholdIs(c.threshold);
         f.flush();
         ASSERT_EQ(sg.upJoinState() == UpJoinState::upJoined, c.joined);
         if (c.assertLoser) {
@@ -254,7 +261,9 @@ TEST(SgRouteSmTest, NoCacheFilters) {
         EXPECT_EQ(f.localStatus().processingCacheMissSize(), 0u);
         if (!c.created) continue;
         const Route& r = *f.localStatus().sgRoute().raw(f.key(f.local));
-        EXPECT_FALSE(r.katExpired());
+        // RFC 7761 4.2: a connected source's packet starts the keepalive
+        // only when it arrives on the source's own interface.
+        EXPECT_EQ(r.katExpired(), IntfId(c.arrival) != f.src);
         EXPECT_EQ(r.iif(), f.src);
         EXPECT_TRUE(r.umh()->directlyConnected());
         EXPECT_TRUE(r.spTree());  // a connected source: first packet
