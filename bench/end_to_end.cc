@@ -18,10 +18,13 @@
 #include "cask/trace.h"
 #include "driver/runner.h"
 #include "driver/scenario.h"
+#include "pimsm/agent/root_sm.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/status.h"
+#include "platform/join_prune.h"
 #include "platform/membership.h"
 #include "platform/mfib_table.h"
+#include "platform/mrt_upcall.h"
 #include "platform/state_db.h"
 #include "skipping_clock.h"
 
@@ -63,10 +66,20 @@ Wirl::IpGenAddr group(std::size_t i, bool ssm = false) {
     return Wirl::IpGenAddr::v4((ssm ? firstSsmGroup : firstGroup) + std::uint32_t(i));
 }
 // The route key of the i-th join.
-Routing::Pim::RouteKey joinKey(std::size_t i, bool ssm) {
-    return ssm ? Routing::Pim::RouteKey(addr(ssmSource), group(i, true))
-               : Routing::Pim::RouteKey::wc(group(i));
+Routing::Pim::RouteKey joinKey(std::size_t i, Joins joins) {
+    switch (joins) {
+        case Joins::ssm:
+            return Routing::Pim::RouteKey(addr(ssmSource), group(i, true));
+        case Joins::firstPacket:
+            return Routing::Pim::RouteKey(addr(ssmSource), group(i));
+        default:
+            return Routing::Pim::RouteKey::wc(group(i));
+    }
 }
+bool sgJoins(Joins joins) {
+    return joins == Joins::ssm || joins == Joins::firstPacket;
+}
+constexpr std::size_t groupsPerMessage = 100;
 
 // The last-hop router of examples/last-hop.yaml, without its events.
 Driver::Scenario lastHopScenario() {
@@ -84,6 +97,8 @@ Driver::Scenario lastHopScenario() {
     v.interfaces.push_back(intf("Ethernet1", "10.1.0.1", true));
     v.interfaces.push_back(intf("Ethernet2", "10.2.0.1", false));
     v.neighbors.push_back({Wirl::IntfId("Ethernet2"), addr("10.2.0.2")});
+    // A downstream router on the host interface, the sender of downstream joins.
+    v.neighbors.push_back({Wirl::IntfId("Ethernet1"), addr("10.1.0.2")});
     v.routes.push_back(
         {prefix("10.0.0.0/8"), Wirl::IntfId("Ethernet2"), addr("10.2.0.2"), 110, 20});
     v.routes.push_back({prefix("10.1.0.0/24"), Wirl::IntfId("Ethernet1"),
@@ -103,9 +118,10 @@ Driver::Scenario lastHopScenario() {
 class CommitWatch : public TMF::Status::Notifiee {
 public:
     CommitWatch(TMF::Status& table, std::size_t routes, Wirl::IntfId iif, Wirl::IntfId oif,
-                const Progress& progress, bool ssm)
+                const Progress& progress, Joins joins)
         : Notifiee(&table),
-          ssm_(ssm),
+          joins_(joins),
+          ssm_(sgJoins(joins)),
           done_(routes, false),
           iif_(iif),
           oif_(oif),
@@ -117,6 +133,7 @@ public:
 
     bool correct(const TMF::Route* r) const {
         if (!r || r->key().wildcard() == ssm_ || r->iif() != iif_) return false;
+        if (joins_ == Joins::firstPacket) return true;
         for (auto index : r->oifIteratorConst()) {
             if (notifier()->oifIndexIntf(index).intf == oif_) return true;
         }
@@ -125,7 +142,8 @@ public:
 
     void handleRoute(const TMF::IpGenRouteKey& key) override {
         if (key.wildcard() == ssm_ || key.group().family() != Wirl::AddressFamily::ipv4) return;
-        const std::size_t i = key.group().v4HostOrder() - (ssm_ ? firstSsmGroup : firstGroup);
+        const std::size_t i =
+            key.group().v4HostOrder() - (joins_ == Joins::ssm ? firstSsmGroup : firstGroup);
         if (i >= done_.size()) return;
         const bool ok = correct(notifier()->route(key));
         if (ok == done_[i]) return;
@@ -146,7 +164,8 @@ public:
     }
 
 private:
-    bool ssm_;
+    Joins joins_;
+    bool ssm_;  // (S,G) records are counted
     std::vector<bool> done_;
     std::size_t committed_ = 0;
     WallClock::time_point completedAt_;
@@ -193,7 +212,7 @@ double heapBytes() {
 // one kind after the other, each measured as the heap growth it caused. The rest of the agent's
 // heap is the machines' per-route state (reactors, watchers, queues, Join/Prune contents).
 std::vector<HeapShare> heapShares(std::size_t routes, const std::vector<TMF::Route>& records,
-                                  double agentBytes, bool ssm) {
+                                  double agentBytes, Joins joins) {
     std::vector<HeapShare> out;
     const double n = double(routes);
     double accounted = 0;
@@ -207,7 +226,7 @@ std::vector<HeapShare> heapShares(std::size_t routes, const std::vector<TMF::Rou
         Cask::VirtualClock clock;
         auto ls = SM::localStatusFactory(Wirl::AddressFamily::ipv4);
         auto status = Cask::make<SM::Status>(clock, SM::RouteContext{nullptr, ls.get()});
-        auto key = [ssm](std::size_t i) { return joinKey(i, ssm); };
+        auto key = [joins](std::size_t i) { return joinKey(i, joins); };
         double h = heapBytes();
         for (std::size_t i = 0; i < routes; ++i) status->routeIs(key(i));
         share("route records and route status", h);
@@ -216,13 +235,13 @@ std::vector<HeapShare> heapShares(std::size_t routes, const std::vector<TMF::Rou
         share("interface records", h);
         h = heapBytes();
         for (std::size_t i = 0; i < routes; ++i) {
-            if (ssm) {
+            if (sgJoins(joins)) {
                 ls->sgRouteIs(key(i), status->route(key(i)));
             } else {
                 ls->wcRouteIs(key(i), status->route(key(i)));
             }
         }
-        share(ssm ? "(S,G) route index" : "(*,G) route index", h);
+        share("route index", h);
         out.back().what = "route index ((*,G) or (S,G))";
         h = heapBytes();
         for (std::size_t i = 0; i < routes; ++i) status->groupIs(key(i).group());
@@ -240,7 +259,63 @@ std::vector<HeapShare> heapShares(std::size_t routes, const std::vector<TMF::Rou
 
 }  // namespace
 
-EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& progress, bool ssm) {
+const char* joinsName(Joins j) {
+    switch (j) {
+        case Joins::membership:
+            return "(*,G)";
+        case Joins::ssm:
+            return "SSM (S,G)";
+        case Joins::downstream:
+            return "downstream (*,G)";
+        case Joins::firstPacket:
+            return "first packet";
+    }
+    return "?";
+}
+
+namespace {
+
+// The downstream neighbour's Join(*,G) for every group, `groupsPerMessage` to a message.
+std::vector<Routing::Pim::JoinPruneMessage> downstreamMessages(std::size_t routes) {
+    std::vector<Routing::Pim::JoinPruneMessage> out;
+    for (std::size_t first = 0; first < routes; first += groupsPerMessage) {
+        Routing::Pim::JoinPruneMessage m;
+        m.sender = addr("10.1.0.2");
+        m.intf = Wirl::IntfId("Ethernet1");
+        m.upstreamNeighbor = addr("10.1.0.1");
+        for (std::size_t i = first; i < std::min(routes, first + groupsPerMessage); ++i) {
+            m.data->joinPruneGroupDataIs(group(i)).wcSourceDataIs(addr("10.0.0.1"), true);
+        }
+        out.push_back(std::move(m));
+    }
+    return out;
+}
+
+// Runs the loop until `done()` holds, jumping over idle time; counts the turns that did
+// something and their longest wall time. Throws when the loop goes idle or past the limit first.
+template <class Done, class Stuck>
+void runLoop(Cask::EventLoop& loop, Cask::Seconds since, EndToEndResult& res, double& longest,
+             Done&& done, Stuck&& stuck) {
+    while (!done()) {
+        const auto t0 = WallClock::now();
+        const bool ran = loop.runOnce();
+        const auto t1 = WallClock::now();
+        if (ran) {
+            ++res.turns;
+            longest = std::max(longest, seconds(t1 - t0));
+            continue;
+        }
+        // Nothing due: jump to the next timer, unless none comes in time.
+        const Cask::Seconds next = loop.nextExpiry();
+        if (next - since > virtualLimit) throw std::runtime_error(stuck(next));
+        loop.clock().waitUntil(next);
+    }
+}
+
+}  // namespace
+
+EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& progress,
+                           Joins joins) {
     if (routes == 0 || routes > maxRoutes) {
         throw std::invalid_argument(fmt::format("routes must be 1 to {}", maxRoutes));
     }
@@ -259,61 +334,93 @@ EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& pr
     const auto vrf = L3::VrfName::defaultVrf();
     auto table = runner.db().mfibTable(vrf);
     auto members = runner.db().membershipTable(vrf);
-    if (!table || !members) throw std::runtime_error("the VRF did not come up");
-    CommitWatch watch(*table, routes, upstream, host, progress, ssm);
+    auto upcalls = runner.db().mrtUpcall(vrf);
+    auto* root = runner.agent().rootSm();
+    auto* container = root ? root->containerSm().raw(vrf) : nullptr;
+    if (!table || !members || !upcalls || !container) {
+        throw std::runtime_error("the VRF did not come up");
+    }
+    CommitWatch watch(*table, routes, upstream, host, progress, joins);
+    const auto messages =
+        joins == Joins::downstream ? downstreamMessages(routes) : decltype(downstreamMessages(0)){};
 
     EndToEndResult res;
     res.routes = routes;
     res.realTime = realTime;
-    res.ssm = ssm;
+    res.joins = joins;
     const double rssBefore = residentBytes();
     const double heapBefore = heapBytes();
     if (progress) progress(0, routes);
     const auto start = WallClock::now();
-    for (std::size_t i = 0; i < routes; ++i) {
-        const Routing::Gmp::Tidal::RouteIntfKey key{joinKey(i, ssm), host};
-        members->membershipIs(key, {key, Routing::Gmp::Tidal::FilterMode::include});
+    switch (joins) {
+        case Joins::membership:
+        case Joins::ssm:
+            for (std::size_t i = 0; i < routes; ++i) {
+                const Routing::Gmp::Tidal::RouteIntfKey key{joinKey(i, joins), host};
+                members->membershipIs(key, {key, Routing::Gmp::Tidal::FilterMode::include});
+            }
+            break;
+        case Joins::downstream:
+            for (const auto& m : messages) container->rxJoinPrune()->messageReceived(m);
+            break;
+        case Joins::firstPacket:
+            for (std::size_t i = 0; i < routes; ++i) {
+                upcalls->upcallPush(
+                    {Routing::Pim::MrtUpcall::Kind::noCache, joinKey(i, joins), 0, upstream});
+            }
+            break;
     }
     const double heapMembers = heapBytes();
-    while (watch.committed() < routes) {
-        const auto t0 = WallClock::now();
-        const bool ran = loop.runOnce();
-        const auto t1 = WallClock::now();
-        if (ran) {
-            ++res.turns;
-            res.longestTurnSeconds = std::max(res.longestTurnSeconds, seconds(t1 - t0));
-        } else {
-            // Nothing due: jump to the next timer, unless none comes in time.
-            const Cask::Seconds next = loop.nextExpiry();
-            if (next - joinsAt > virtualLimit) {
-                throw std::runtime_error(fmt::format(
-                    "the loop {} after {:.1f} s of loop time with only {} of {} groups having a "
-                    "{} record from {} to {}",
-                    next == Cask::never ? "went idle" : "ran out of time", loop.now() - joinsAt,
-                    watch.committed(), routes, ssm ? "(S,G)" : "(*,G)", upstream.name(),
-                    host.name()));
-            }
-            loop.clock().waitUntil(next);
-        }
-    }
+    runLoop(
+        loop, joinsAt, res, res.longestTurnSeconds, [&] { return watch.committed() >= routes; },
+        [&](Cask::Seconds next) {
+            return fmt::format(
+                "the loop {} after {:.1f} s of loop time with only {} of {} groups having a "
+                "{} record from {} to {}",
+                next == Cask::never ? "went idle" : "ran out of time", loop.now() - joinsAt,
+                watch.committed(), routes, sgJoins(joins) ? "(S,G)" : "(*,G)", upstream.name(),
+                host.name());
+        });
     res.agentSeconds = seconds(watch.completedAt() - start);
     const double heapDone = heapBytes();
     res.peakRssKiB = peakRssKiB();
     res.rssGrowthBytes = residentBytes() - rssBefore;
-    res.heapMembershipPerRoute = (heapMembers - heapBefore) / double(routes);
-    res.heapAgentPerRoute = (heapDone - heapMembers) / double(routes);
+    // Memberships stay in their table; messages and upcalls are consumed (and an upcall is
+    // handled as it is pushed), so for those the whole growth is the agent's.
+    const bool inputKept = joins == Joins::membership || joins == Joins::ssm;
+    const double heapInput = inputKept ? heapMembers : heapBefore;
+    res.heapMembershipPerRoute = (heapInput - heapBefore) / double(routes);
+    res.heapAgentPerRoute = (heapDone - heapInput) / double(routes);
     res.virtualSeconds = loop.now() - joinsAt;
     if (progress) progress(routes, routes);
+
+    if (joins == Joins::downstream) {
+        // The neighbour restarts and sends everything again: absorbed once no work is due
+        // within a second of loop time (only periodic timers remain).
+        const Cask::Seconds resentAt = loop.now();
+        const auto t0 = WallClock::now();
+        for (const auto& m : messages) container->rxJoinPrune()->messageReceived(m);
+        runLoop(
+            loop, resentAt, res, res.resendLongestTurnSeconds,
+            [&] { return loop.nextExpiry() > loop.now() + 1; },
+            [&](Cask::Seconds) { return std::string("the resent joins were never absorbed"); });
+        res.resendSeconds = seconds(WallClock::now() - t0);
+        if (watch.committed() != routes) {
+            throw std::runtime_error(
+                fmt::format("after the resend only {} of {} groups kept their record",
+                            watch.committed(), routes));
+        }
+    }
 
     // The watch saw every record arrive; check the table itself holds them, and keep them for
     // the floor.
     std::vector<TMF::Route> records;
     records.reserve(routes);
     for (std::size_t i = 0; i < routes; ++i) {
-        const auto* r = table->route(Routing::Multicast::Fib::convertKey(joinKey(i, ssm)));
+        const auto* r = table->route(Routing::Multicast::Fib::convertKey(joinKey(i, joins)));
         if (!watch.correct(r)) {
             throw std::runtime_error(
-                fmt::format("{} has no correct forwarding record", joinKey(i, ssm)));
+                fmt::format("{} has no correct forwarding record", joinKey(i, joins)));
         }
         records.push_back(*r);
     }
@@ -322,7 +429,7 @@ EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& pr
             fmt::format("{} forwarding records for {} groups", table->routeSize(), routes));
     }
     res.floorSeconds = floorSeconds(records);
-    res.heapBreakdown = heapShares(routes, records, heapDone - heapMembers, ssm);
+    res.heapBreakdown = heapShares(routes, records, heapDone - heapInput, joins);
     res.routesPerSecond = double(routes) / res.agentSeconds;
     res.bytesPerRoute = res.rssGrowthBytes / double(routes);
     res.floorRatio = res.floorSeconds > 0 ? res.agentSeconds / res.floorSeconds : 0;
@@ -333,7 +440,8 @@ nlohmann::ordered_json toJson(const EndToEndResult& r) {
     nlohmann::ordered_json j;
     j["routes"] = r.routes;
     j["real_time"] = r.realTime;
-    j["joins"] = r.ssm ? "ssm-sg" : "any-source-wc";
+    const char* const joinsKey[] = {"any-source-wc", "ssm-sg", "downstream-wc", "first-packet"};
+    j["joins"] = joinsKey[int(r.joins)];
     j["routes_per_second"] = r.routesPerSecond;
     j["agent_seconds"] = r.agentSeconds;
     j["peak_rss_kib"] = r.peakRssKiB;
@@ -349,6 +457,10 @@ nlohmann::ordered_json toJson(const EndToEndResult& r) {
     j["virtual_seconds"] = r.virtualSeconds;
     j["floor_seconds"] = r.floorSeconds;
     j["agent_to_floor_ratio"] = r.floorRatio;
+    if (r.joins == Joins::downstream) {
+        j["resend_seconds"] = r.resendSeconds;
+        j["resend_longest_turn_seconds"] = r.resendLongestTurnSeconds;
+    }
     return j;
 }
 
@@ -356,7 +468,7 @@ std::string toTable(const std::vector<EndToEndResult>& results) {
     using Row = std::pair<std::string, std::function<std::string(const EndToEndResult&)>>;
     std::vector<Row> rows = {
         {"routes (host joins)", [](auto& r) { return fmt::format("{}", r.routes); }},
-        {"joins", [](auto& r) { return std::string(r.ssm ? "SSM (S,G)" : "(*,G)"); }},
+        {"joins", [](auto& r) { return std::string(joinsName(r.joins)); }},
         {"clock", [](auto& r) { return std::string(r.realTime ? "real" : "virtual"); }},
         {"routes/s", [](auto& r) { return fmt::format("{:.0f}", r.routesPerSecond); }},
         {"agent time", [](auto& r) { return fmt::format("{:.3f} s", r.agentSeconds); }},
@@ -368,7 +480,7 @@ std::string toTable(const std::vector<EndToEndResult>& results) {
         // Against the first run of the same kind of join.
         rows.push_back({"routes/s, first / this", [&results](auto& r) {
                             for (const auto& first : results) {
-                                if (first.ssm == r.ssm)
+                                if (first.joins == r.joins)
                                     return fmt::format("{:.2f}x",
                                                        first.routesPerSecond / r.routesPerSecond);
                             }
@@ -401,6 +513,17 @@ std::string toTable(const std::vector<EndToEndResult>& results) {
          [](auto& r) { return fmt::format("{:.3f} ms", r.longestTurnSeconds * 1e3); }},
         {"event-loop turns", [](auto& r) { return fmt::format("{}", r.turns); }},
         {"loop time", [](auto& r) { return fmt::format("{:.3f} s", r.virtualSeconds); }},
+        {"neighbour resend absorbed in",
+         [](auto& r) {
+             return r.joins == Joins::downstream ? fmt::format("{:.3f} s", r.resendSeconds)
+                                                 : std::string("-");
+         }},
+        {"longest turn during resend",
+         [](auto& r) {
+             return r.joins == Joins::downstream
+                        ? fmt::format("{:.3f} ms", r.resendLongestTurnSeconds * 1e3)
+                        : std::string("-");
+         }},
     };
     rows.insert(rows.end(), loopRows.begin(), loopRows.end());
     std::size_t nameWidth = 0;
@@ -427,9 +550,17 @@ int endToEndMain(int argc, char** argv) {
                  "run the loop on the steady clock (idle waits skipped), so reviews slice their "
                  "work as in a real run");
     bool ssm = false;
+    bool downstream = false;
+    bool firstPacket = false;
     app.add_flag("--ssm", ssm,
                  "also run SSM (S,G) include joins toward one source, each beside the (*,G) run "
                  "of the same size");
+    app.add_flag("--downstream", downstream,
+                 "also run Join(*,G) from a downstream neighbour (100 groups a message) and its "
+                 "full resend after a restart, beside the (*,G) run");
+    app.add_flag("--first-packet", firstPacket,
+                 "also run one source's first packet to each group (cache misses), beside the "
+                 "(*,G) run");
     app.add_flag("--json", json, "print the figures as JSON");
     CLI11_PARSE(app, argc, argv);
 
@@ -445,7 +576,13 @@ int endToEndMain(int argc, char** argv) {
     for (const std::size_t n : routes) {
         try {
             results.push_back(runEndToEnd(n, realTime, progress));
-            if (ssm) results.push_back(runEndToEnd(n, realTime, progress, true));
+            if (ssm) results.push_back(runEndToEnd(n, realTime, progress, Joins::ssm));
+            if (downstream) {
+                results.push_back(runEndToEnd(n, realTime, progress, Joins::downstream));
+            }
+            if (firstPacket) {
+                results.push_back(runEndToEnd(n, realTime, progress, Joins::firstPacket));
+            }
         } catch (const std::exception& e) {
             if (tty) fmt::print(stderr, "\n");
             fmt::print(stderr, "end-to-end FAILED: {}\n", e.what());

@@ -1,12 +1,13 @@
 #pragma once
 // The whole-agent scale benchmark, `pimsm-bench end-to-end --routes N [--routes M ...]
-// [--real-time] [--json]`: one IPv4 VRF of a last-hop router (host interface Ethernet1, RP
-// 10.0.0.1 behind a neighbour on Ethernet2) gets N host joins for N distinct groups at once, and
-// the agent's event loop runs until every group has a committed (*,G) forwarding record carrying
-// Ethernet1's bit. It reports how fast that went, what it cost in memory (resident set growth and
-// heap bytes, with a breakdown by kind of record), the longest single event-loop turn, and how it
-// compares with the bare cost of writing the same records into a forwarding table (the floor).
-// Several `--routes` values run one after the other and print side by side.
+// [--real-time] [--ssm] [--downstream] [--first-packet] [--json]`: one IPv4 VRF of a last-hop
+// router (host interface Ethernet1, RP 10.0.0.1 behind a neighbour on Ethernet2) gets N host joins
+// for N distinct groups at once, and the agent's event loop runs until every group has a committed
+// (*,G) forwarding record carrying Ethernet1's bit. It reports how fast that went, what it cost in
+// memory (resident set growth and heap bytes, with a breakdown by kind of record), the longest
+// single event-loop turn, and how it compares with the bare cost of writing the same records into a
+// forwarding table (the floor). Several `--routes` values run one after the other and print side by
+// side.
 //
 // By default time is virtual (the agent runs on the scenario driver's virtual clock), so timers
 // cost no waiting and every figure is wall time spent working; but then the loop's clock does
@@ -31,10 +32,19 @@ struct HeapShare {
     double bytesPerRoute = 0;
 };
 
+// Where the N routes come from.
+enum class Joins {
+    membership,   // host (*,G) memberships on Ethernet1
+    ssm,          // host SSM (S,G) include memberships, one source
+    downstream,   // Join(*,G) from a downstream PIM neighbour on Ethernet1, 100 groups a message
+    firstPacket,  // a source's first packet per group on Ethernet2 (a cache miss each)
+};
+const char* joinsName(Joins j);
+
 struct EndToEndResult {
     std::size_t routes = 0;
     bool realTime = false;
-    bool ssm = false;         // SSM (S,G) include joins instead of any-source (*,G) joins
+    Joins joins = Joins::membership;
     double agentSeconds = 0;  // wall, first membership write to last record committed
     double routesPerSecond = 0;
     long peakRssKiB = 0;        // getrusage ru_maxrss at the end of the agent run
@@ -51,6 +61,10 @@ struct EndToEndResult {
     double virtualSeconds = 0;      // loop time the run took
     double floorSeconds = 0;        // writing the same N records into a fresh table
     double floorRatio = 0;          // agentSeconds / floorSeconds
+    // Downstream joins only: the neighbour restarts and sends every Join again. Wall time until
+    // no work is due within a second of loop time, and the longest turn meanwhile.
+    double resendSeconds = 0;
+    double resendLongestTurnSeconds = 0;
 };
 
 // Called about every half second of wall time with the number of groups committed so far.
@@ -58,10 +72,14 @@ using Progress = std::function<void(std::size_t committed, std::size_t total)>;
 
 // Runs the benchmark once. Throws std::runtime_error when the agent does not commit a correct
 // record for every group (or the VRF never comes up).
-// With `ssm`, each host joins (S,G) for one source and a group of the SSM range, and the
-// records counted are the (S,G) ones toward the source.
+// `joins` says where the routes come from: with `ssm` each host joins (S,G) for one source and
+// a group of the SSM range; with `downstream` a PIM neighbour on Ethernet1 sends Join(*,G) in
+// messages of 100 groups (and, once done, sends them all again as after a restart); with
+// `firstPacket` one source sends a first packet to each group. The records counted are the
+// (S,G) ones toward the source for `ssm` and `firstPacket` (a first packet's record has no
+// receivers, so only its incoming interface is checked), the (*,G) ones otherwise.
 EndToEndResult runEndToEnd(std::size_t routes, bool realTime = false, const Progress& progress = {},
-                           bool ssm = false);
+                           Joins joins = Joins::membership);
 
 nlohmann::ordered_json toJson(const EndToEndResult& r);
 // An aligned table, one figure per line and one column per result.
