@@ -60,7 +60,9 @@ private:
 }  // namespace
 
 UpstreamSgSm::UpstreamSgSm(const VrfContext& in)
-    : in_(in), writer_(checkedJoinPruneStatus(in), in.vrfName) {
+    : in_(in),
+      writer_(checkedJoinPruneStatus(in), in.vrfName),
+      forwardBits_("UpstreamSgSm", in_.vrfName) {
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
     if (in_.joinPruneRxStatus) rxWatcher_.notifierIs(in_.joinPruneRxStatus);
 }
@@ -360,48 +362,19 @@ void UpstreamSgSm::doMaybeSetForwardBit(Wirl::IntfId id, Route& route) {
     Intf* intf = route.routeIntfRaw(id);
     if (!intf) return;
     // Neither the incoming interface nor the backup incoming one forwards.
-    const bool want = id != route.iif() && id != backupRpf(route).intf && intf->inheritedOlistSg();
-    if (want == intf->forward()) return;
-    const RouteKey& key = route.key();
-    if (want) {
-        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamSgSm::{}, Added {} to OIF set", key, id);
-        CASK_EVENT("UpstreamSgSm: Add intf {} to OIF set of route {}", id, key);
-    } else {
-        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamSgSm::{}, Removed {} from OIF set", key, id);
-        CASK_EVENT("UpstreamSgSm: Remove intf {} from OIF set of route {}", id, key);
-    }
-    intf->forwardIs(want);
+    forwardBits_.forward(
+        *intf, route.key(),
+        id != route.iif() && id != backupRpf(route).intf && intf->inheritedOlistSg());
 }
 
 void UpstreamSgSm::doMaybeSetFastForwardBit(Wirl::IntfId id, Route& route) {
     Intf* intf = route.routeIntfRaw(id);
     if (!intf) return;
-    const RouteKey& key = route.key();
     // The backup list exists only with a backup upstream, and never holds
     // the backup upstream's own interface.
     const bool eligible = route.umhFrr() && id != route.rpfFrr().intf;
-    if (!eligible) {
-        if (!intf->fastForward()) return;
-        CASK_VRF_TRACE(7, in_.vrfName,
-                       "UpstreamSgSm::{}, Removed ineligible {} from fast forward OIF set", key,
-                       id);
-        CASK_EVENT("UpstreamSgSm: Remove ineligible intf {} from fast forward OIF set of route {}",
-                   id, key);
-        intf->fastForwardIs(false);
-        return;
-    }
-    const bool want = id != route.iif() && intf->inheritedOlistSg();
-    if (want == intf->fastForward()) return;
-    if (want) {
-        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamSgSm::{}, Added {} to fast forward OIF set", key,
-                       id);
-        CASK_EVENT("UpstreamSgSm: Add intf {} to fast forward OIF set of route {}", id, key);
-    } else {
-        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamSgSm::{}, Removed {} from fast forward OIF set",
-                       key, id);
-        CASK_EVENT("UpstreamSgSm: Remove intf {} from fast forward OIF set of route {}", id, key);
-    }
-    intf->fastForwardIs(want);
+    forwardBits_.fastForward(*intf, route.key(), eligible,
+                             id != route.iif() && intf->inheritedOlistSg());
 }
 
 const Rpf* UpstreamSgSm::rxRpf(const Route& route, const JoinPruneMessageInfo& m) const {

@@ -32,6 +32,7 @@
 #include "pimsm/common/vrf_context.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/status.h"
+#include "pimsm/upstream/forward_bits.h"
 #include "pimsm/upstream/rpf_table.h"
 #include "platform/join_prune.h"
 #include "platform/join_prune_writer.h"
@@ -183,6 +184,7 @@ private:
 
     const VrfContext& in_;
     Routing::Pim::JoinPruneWriter writer_;
+    ForwardBits forwardBits_;
     std::uint32_t ignoredRxJoins_ = 0;
     std::uint32_t ignoredRxPrunes_ = 0;
     bool initialized_ = false;

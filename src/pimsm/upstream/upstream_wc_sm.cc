@@ -34,7 +34,9 @@ Routing::Pim::JoinPruneStatus& checkedJoinPruneStatus(const VrfContext& in) {
 // --- UpstreamWcSm ------------------------------------------------------------
 
 UpstreamWcSm::UpstreamWcSm(const VrfContext& in)
-    : in_(in), writer_(checkedJoinPruneStatus(in), in.vrfName) {
+    : in_(in),
+      writer_(checkedJoinPruneStatus(in), in.vrfName),
+      forwardBits_("UpstreamWcSm", in_.vrfName, true) {
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
     if (in_.joinPruneRxStatus) rxWatcher_.notifierIs(in_.joinPruneRxStatus);
 }
@@ -364,48 +366,17 @@ void UpstreamWcSm::doMaybeSetForwardBit(Wirl::IntfId id, Route& route) {
     Intf* intf = route.routeIntfRaw(id);
     if (!intf) return;
     // The incoming interface never forwards.
-    const bool want = id != route.iif() && intf->immediateOlistWc();
-    if (want == intf->forward()) return;
-    const RouteKey& key = route.key();
-    if (want) {
-        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::{}, Added {} to OIF set", key, id);
-        CASK_EVENT("UpstreamWcSm: Add intf {} to OIF set of route {}", id, key);
-    } else {
-        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::{}, Removed {} from OIF set", key, id);
-        CASK_EVENT("UpstreamWcSm: Remove intf {} from OIF set of  route {}", id, key);
-    }
-    intf->forwardIs(want);
+    forwardBits_.forward(*intf, route.key(), id != route.iif() && intf->immediateOlistWc());
 }
 
 void UpstreamWcSm::doMaybeSetFastForwardBit(Wirl::IntfId id, Route& route) {
     Intf* intf = route.routeIntfRaw(id);
     if (!intf) return;
-    const RouteKey& key = route.key();
     // The backup list exists only with a backup upstream, and never holds
     // the backup upstream's own interface.
     const bool eligible = route.umhFrr() && id != route.rpfFrr().intf;
-    if (!eligible) {
-        if (!intf->fastForward()) return;
-        CASK_VRF_TRACE(7, in_.vrfName,
-                       "UpstreamWcSm::{}, Removed ineligible {} from fast forward OIF set", key,
-                       id);
-        CASK_EVENT("UpstreamWcSm: Remove ineligible intf {} from fast forward OIF set of route {}",
-                   id, key);
-        intf->fastForwardIs(false);
-        return;
-    }
-    const bool want = id != route.iif() && intf->immediateOlistWc();
-    if (want == intf->fastForward()) return;
-    if (want) {
-        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::{}, Added {} to fast forward OIF set", key,
-                       id);
-        CASK_EVENT("UpstreamWcSm: Add intf {} to fast forward OIF set of route {}", id, key);
-    } else {
-        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::{}, Removed {} from fast forward OIF set",
-                       key, id);
-        CASK_EVENT("UpstreamWcSm: Remove intf {} from fast forward OIF set of  route {}", id, key);
-    }
-    intf->fastForwardIs(want);
+    forwardBits_.fastForward(*intf, route.key(), eligible,
+                             id != route.iif() && intf->immediateOlistWc());
 }
 
 const Rpf* UpstreamWcSm::rxRpf(const Route& route, const JoinPruneMessageInfo& m) const {

@@ -25,6 +25,7 @@
 #include "cask/reactor_map.h"
 #include "pimsm/common/vrf_context.h"
 #include "pimsm/route/local_status.h"
+#include "pimsm/upstream/forward_bits.h"
 #include "pimsm/upstream/rpf_table.h"
 #include "platform/join_prune.h"
 #include "platform/join_prune_writer.h"
@@ -156,6 +157,7 @@ private:
     const VrfContext& in_;
     // Every change to the outgoing Join/Prune contents goes through it.
     Routing::Pim::JoinPruneWriter writer_;
+    ForwardBits forwardBits_;
     std::uint32_t ignoredRxJoins_ = 0;
     std::uint32_t ignoredRxPrunes_ = 0;
     bool initialized_ = false;
