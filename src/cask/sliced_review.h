@@ -32,6 +32,10 @@
 //   credit and waits for no delay.
 // - Bookmark: the key of the next item while suspended; the default key while
 //   idle (`inProgress()` tells, even for walks where Key{} is a real key).
+// - Holding (an output that must not grow meanwhile, say): while held no
+//   slice runs, and a slice under way ends after its current item, keeping
+//   the bookmark. Releasing the hold runs the suspended (or a requested)
+//   review's next slice on the next turn.
 //
 // Traces, each "<Vrf:VRF>" + `name` + the text: `start` and `finish` at
 // `startLevel`, `resume` and `suspend` at `sliceLevel`. The texts are format
@@ -180,6 +184,14 @@ public:
     bool pending() const { return timer_.reviewPending(); }
     const Key& bookmark() const { return bookmark_; }
 
+    bool held() const { return held_; }
+    void heldIs(bool held) {
+        held_ = held;
+        if (held_ || !waiting_) return;
+        waiting_ = false;
+        timer_.timer().timeMinIs(loop_.now());
+    }
+
     // Budget of a slice: time, and optionally a count (0: no count limit).
     Seconds quantum() const { return quantum_; }
     void quantumIs(Seconds q) { quantum_ = q; }
@@ -209,11 +221,17 @@ private:
     Key bookmark_{};
     bool active_ = false;
     bool again_ = false;
+    bool held_ = false;
+    bool waiting_ = false;  // a slice was due while held
     ReviewTimer timer_;
 };
 
 template <class Key>
 void SlicedReview<Key>::runSlice() {
+    if (held_) {
+        waiting_ = true;
+        return;
+    }
     const Seconds start = loop_.now();
     // The budget counts from the start of the turn: slices of several reviews
     // due together share it rather than adding up.
@@ -234,11 +252,15 @@ void SlicedReview<Key>::runSlice() {
         steps_.visit(*key);
         ++done;
         key = steps_.walk.next(*key);
-        if (key && (done == itemsPerSlice_ || loop_.now() >= stop)) {
+        if (key && (held_ || done == itemsPerSlice_ || loop_.now() >= stop)) {
             bookmark_ = *key;
             if (steps_.onSuspend) steps_.onSuspend();
             trace(texts_.sliceLevel, texts_.suspend, start);
-            timer_.timer().timeMinIs(loop_.now());
+            if (held_) {
+                waiting_ = true;
+            } else {
+                timer_.timer().timeMinIs(loop_.now());
+            }
             return;
         }
     }

@@ -318,6 +318,38 @@ private:
     Queue<std::string> message_;
 };
 
+// A hold set by a visitor ends the slice after that item and keeps the
+// bookmark; nothing runs while held (not even a new review asked for), and
+// the release continues at the bookmark on the next turn.
+TEST(SlicedReview, HoldStopsTheSliceAndReleaseResumesAtTheBookmark) {
+    for (bool heldBeforeStart : {false, true}) {
+        SCOPED_TRACE(heldBeforeStart ? "held before the review starts" : "held by item 2");
+        Fixture f(5);
+        if (heldBeforeStart) {
+            f.review->heldIs(true);
+        } else {
+            f.onVisit = [&](int k) {
+                if (k == 2) f.review->heldIs(true);
+            };
+        }
+        f.review->request();
+        f.runTurns();
+        const std::vector<int> beforeRelease =
+            heldBeforeStart ? std::vector<int>{} : std::vector<int>{1, 2};
+        EXPECT_EQ(f.visited, beforeRelease);
+        EXPECT_EQ(f.review->inProgress(), !heldBeforeStart);
+        if (!heldBeforeStart) {
+            EXPECT_EQ(f.review->bookmark(), 3);
+        }
+        EXPECT_FALSE(f.review->pending());
+        f.review->heldIs(false);
+        f.runTurns();
+        EXPECT_EQ(f.visited, (std::vector<int>{1, 2, 3, 4, 5}));
+        EXPECT_FALSE(f.review->inProgress());
+        EXPECT_EQ(f.reviews, 1);
+    }
+}
+
 TEST(Queue, PushAnnouncesAndAQueueReviewTakesEntriesInOrder) {
     VirtualClock clock;
     EventLoop loop(clock);

@@ -137,6 +137,7 @@ public:
     UpstreamWcSm& upstreamWcSm() const { return *container_->upstreamWcSm(); }
     WcRouteReviewSm& wcRouteReviewSm() const { return *container_->wcRouteReviewSm(); }
     GmpSm& gmpSm() const { return *container_->gmpSm(); }
+    DownstreamSgRptSm& downstreamSgRptSm() const { return *container_->downstreamSgRptSm(); }
     MfibSm& mfibSm() const { return *container_->mfibSm(); }
     SgRouteSm& sgRouteSm() const { return *container_->sgRouteSm(); }
 

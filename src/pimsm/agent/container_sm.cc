@@ -238,6 +238,9 @@ void ContainerSm::handleInitialized() {
     // RP mapping changes reach the (*,G) routes through a sliced review.
     wcRouteReviewSm_ = std::make_unique<WcRouteReviewSm>(ctx_, *upstreamWcSm_);
 
+    // Downstream (S,G,rpt) prunes from received Join/Prune messages.
+    downstreamSgRptSm_ = downstreamSgRptSmFactory(ctx_);
+
     // Local receivers from the membership table.
     gmpSm_ = gmpSmFactory(ctx_);
 

@@ -10,6 +10,7 @@
 #include "cask/collection.h"
 #include "pimsm/agent/params_container.h"
 #include "pimsm/common/vrf_context.h"
+#include "pimsm/downstream/downstream_sg_rpt_sm.h"
 #include "pimsm/forwarding/mfib_sm.h"
 #include "pimsm/forwarding/sg_route_sm.h"
 #include "pimsm/forwarding/spt_threshold_sm.h"
@@ -76,6 +77,7 @@ public:
     RouteReviewSm* routeReviewSm() const { return routeReviewSm_.get(); }
     SptThresholdInfo* sptThresholdInfo() const { return sptThresholdInfo_.get(); }
     SptThresholdSm* sptThresholdSm() const { return sptThresholdSm_.get(); }
+    DownstreamSgRptSm* downstreamSgRptSm() const { return downstreamSgRptSm_.get(); }
     GmpSm* gmpSm() const { return gmpSm_.get(); }
     ::Tidal::Multicast::Fib::Status* mfibTidal() const { return mfibTidal_.get(); }
     Routing::Pim::JoinPruneStatus* joinPruneStatus() const { return joinPruneStatus_.get(); }
@@ -155,6 +157,7 @@ private:
     Cask::Ptr<UpstreamSgSm> upstreamSgSm_;
     Cask::Ptr<UpstreamWcSm> upstreamWcSm_;
     std::unique_ptr<WcRouteReviewSm> wcRouteReviewSm_;
+    Cask::Ptr<DownstreamSgRptSm> downstreamSgRptSm_;
     Cask::Ptr<GmpSm> gmpSm_;
     std::unique_ptr<MfibSm> mfibSm_;
     Cask::Ptr<AgentStatus> agentStatus_;
