@@ -237,6 +237,8 @@ void ContainerSm::handleInitialized() {
     upstreamWcSm_ = upstreamWcSmFactory(ctx_);
     // RP mapping changes reach the (*,G) routes through a sliced review.
     wcRouteReviewSm_ = std::make_unique<WcRouteReviewSm>(ctx_, *upstreamWcSm_);
+    // Downstream (*,G) and (S,G) join state from received Join/Prune entries.
+    downstreamWcSgSm_ = downstreamWcSgSmFactory(ctx_);
 
     // Local receivers from the membership table.
     gmpSm_ = gmpSmFactory(ctx_);
