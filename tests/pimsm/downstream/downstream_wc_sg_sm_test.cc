@@ -13,7 +13,6 @@
 namespace Routing::Pim::SparseMode::Testing {
 namespace {
 
-using Routing::Pim::JoinPruneMessage;
 using Routing::Pim::JoinPruneMessageInfo;
 using enum JoinState;
 
@@ -68,8 +67,7 @@ struct Downstream {
         const Intf* i = intf(key, d1);
         return i ? i->joinState() : noInfo;
     }
-    // What the PruneEcho pending on d1 holds for the key's group: "wc-prune <rp>",
-    // "sg-prune <source>" or "".
+    // What the PruneEcho pending on d1 holds for the key's group, entry by entry.
     std::string echo(const RouteKey& key) const {
         const auto* data = vrf.joinPrune().pruneEcho(d1);
         const auto* group = data ? data->joinPruneGroupData(key.group()) : nullptr;
@@ -79,7 +77,6 @@ struct Downstream {
             out += fmt::format("wc-{} {};", wcData.join ? "join" : "prune", addr);
         }
         for (const auto& s : group->prunedSource()) out += fmt::format("sg-prune {};", s);
-        for (const auto& s : group->joinedSource()) out += fmt::format("sg-join {};", s);
         return out;
     }
     bool prunePendingRemembered(const RouteKey& key) const {
@@ -449,25 +446,6 @@ TEST(DownstreamWcSgSm, StateFoundAfterRestartIsRearmedOrExpired) {
         f.runTo(t0 + c.goneBy);
         EXPECT_EQ(f.state(f.wcKey), noInfo);
     }
-}
-
-TEST(DownstreamWcSgSm, WholeMessageHandsOverItsEntriesAndSkipsSgRpt) {
-    Downstream f;
-    JoinPruneMessage msg;
-    msg.sender = f.a;
-    msg.intf = f.d1;
-    msg.upstreamNeighbor = f.me;
-    auto& group = msg.data->joinPruneGroupDataIs(f.wcKey.group());
-    group.wcSourceDataIs(f.rp, true);
-    group.joinedSourceIs(f.sgKey.source());
-    group.prunedRptSourceIs(ip("10.1.0.9"));
-    f.vrf.rx().messageReceived(msg);
-    EXPECT_EQ(f.state(f.wcKey), joined);
-    EXPECT_EQ(f.state(f.sgKey), joined);
-    EXPECT_FALSE(f.vrf.has(sg("10.1.0.9", "239.1.1.1")) &&
-                 f.intf(sg("10.1.0.9", "239.1.1.1"), f.d1) &&
-                 f.intf(sg("10.1.0.9", "239.1.1.1"), f.d1)->joinState() != noInfo);
-    EXPECT_EQ(f.sm().ignoredRxPrunes(), 1u);  // the (S,G,rpt) Prune
 }
 
 }  // namespace
