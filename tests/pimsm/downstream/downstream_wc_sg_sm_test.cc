@@ -231,6 +231,20 @@ TEST(DownstreamWcSgSm, JoinCreatesRouteAndInterfaceAndTraces) {
     }
 }
 
+TEST(DownstreamWcSgSm, JoinKeepsARouteMarkedForDeletion) {
+    // The route lost its last interface and waits for the route review to remove it.
+    Downstream f;
+    f.vrf.join({f.wcKey, f.d1});
+    f.vrf.settle();
+    const Cask::Ptr<Route> route = f.vrf.status().route(f.wcKey);
+    ASSERT_TRUE(route);
+    route->markedForDeletionIs(true);
+    f.join(f.entry(f.wcKey));
+    f.runTo(f.vrf.loop.now() + 10);
+    EXPECT_EQ(f.vrf.status().route(f.wcKey), route);
+    EXPECT_EQ(f.state(f.wcKey), joined);
+}
+
 TEST(DownstreamWcSgSm, IgnoredEntriesAreCountedAndCreateNothing) {
     struct Case {
         const char* name;
