@@ -136,6 +136,7 @@ public:
     UpstreamSgSm& upstreamSgSm() const { return *container_->upstreamSgSm(); }
     UpstreamWcSm& upstreamWcSm() const { return *container_->upstreamWcSm(); }
     WcRouteReviewSm& wcRouteReviewSm() const { return *container_->wcRouteReviewSm(); }
+    DownstreamWcSgSm& downstreamWcSgSm() const { return *container_->downstreamWcSgSm(); }
     GmpSm& gmpSm() const { return *container_->gmpSm(); }
     DownstreamSgRptSm& downstreamSgRptSm() const { return *container_->downstreamSgRptSm(); }
     MfibSm& mfibSm() const { return *container_->mfibSm(); }

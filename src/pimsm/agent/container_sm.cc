@@ -237,6 +237,8 @@ void ContainerSm::handleInitialized() {
     upstreamWcSm_ = upstreamWcSmFactory(ctx_);
     // RP mapping changes reach the (*,G) routes through a sliced review.
     wcRouteReviewSm_ = std::make_unique<WcRouteReviewSm>(ctx_, *upstreamWcSm_);
+    // Downstream (*,G) and (S,G) join state from received Join/Prune entries.
+    downstreamWcSgSm_ = downstreamWcSgSmFactory(ctx_);
 
     // Downstream (S,G,rpt) prunes from received Join/Prune messages.
     downstreamSgRptSm_ = downstreamSgRptSmFactory(ctx_);

@@ -11,6 +11,7 @@
 #include "pimsm/agent/params_container.h"
 #include "pimsm/common/vrf_context.h"
 #include "pimsm/downstream/downstream_sg_rpt_sm.h"
+#include "pimsm/downstream/downstream_wc_sg_sm.h"
 #include "pimsm/forwarding/mfib_sm.h"
 #include "pimsm/forwarding/sg_route_sm.h"
 #include "pimsm/forwarding/spt_threshold_sm.h"
@@ -85,6 +86,7 @@ public:
     UpstreamSgSm* upstreamSgSm() const { return upstreamSgSm_.get(); }
     UpstreamWcSm* upstreamWcSm() const { return upstreamWcSm_.get(); }
     WcRouteReviewSm* wcRouteReviewSm() const { return wcRouteReviewSm_.get(); }
+    DownstreamWcSgSm* downstreamWcSgSm() const { return downstreamWcSgSm_.get(); }
     MfibSm* mfibSm() const { return mfibSm_.get(); }
     SgRouteSm* sgRouteSm() const { return sgRouteSm_.get(); }
     Platform::RegisterConfig* registerConfig() const { return registerConfig_.get(); }
@@ -157,6 +159,7 @@ private:
     Cask::Ptr<UpstreamSgSm> upstreamSgSm_;
     Cask::Ptr<UpstreamWcSm> upstreamWcSm_;
     std::unique_ptr<WcRouteReviewSm> wcRouteReviewSm_;
+    Cask::Ptr<DownstreamWcSgSm> downstreamWcSgSm_;
     Cask::Ptr<DownstreamSgRptSm> downstreamSgRptSm_;
     Cask::Ptr<GmpSm> gmpSm_;
     std::unique_ptr<MfibSm> mfibSm_;
