@@ -139,7 +139,8 @@ void DownstreamWcSgSm::handleRxJoin() {
     CASK_VRF_TRACE(6, vrfName(), "DownstreamWcSgSm::handleRxJoin({}) on {} from {}, holdtime {}",
                    m.riKey, m.intf, m.sender, m.holdTime);
     if (ignoreRxJoinPrune(m, true)) {
-        ignoredRxJoinsInc();
+        // (S,G,rpt) entries belong to the (S,G,rpt) machine: not refused input.
+        if (isWcEntry(m) || isSgEntry(m)) ignoredRxJoinsInc();
         return;
     }
     const RouteKey key = entryKey(m);
@@ -203,7 +204,8 @@ void DownstreamWcSgSm::handleRxPrune() {
     CASK_VRF_TRACE(6, vrfName(), "DownstreamWcSgSm::handleRxPrune({}) on {} from {}", m.riKey,
                    m.intf, m.sender);
     if (ignoreRxJoinPrune(m, false)) {
-        ignoredRxPrunesInc();
+        // (S,G,rpt) entries belong to the (S,G,rpt) machine: not refused input.
+        if (isWcEntry(m) || isSgEntry(m)) ignoredRxPrunesInc();
         return;
     }
     const RouteKey key = entryKey(m);

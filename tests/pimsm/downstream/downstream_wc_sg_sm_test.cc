@@ -251,6 +251,8 @@ TEST(DownstreamWcSgSm, IgnoredEntriesAreCountedAndCreateNothing) {
         std::function<void(Downstream&, JoinPruneMessageInfo&)> spoil;
         const char* trace;
         bool joinOnly;  // a Prune with the same fault is not refused for it
+        // Refused input is counted; (S,G,rpt) entries are another machine's.
+        bool counted = true;
     };
     const Case cases[] = {
         {"(S,G,rpt) entry",
@@ -259,7 +261,7 @@ TEST(DownstreamWcSgSm, IgnoredEntriesAreCountedAndCreateNothing) {
              m.sourceFlags.wildcard = false;
              m.sourceFlags.rpt = true;
          },
-         ", Message is (S,G,rpt)", false},
+         ", Message is (S,G,rpt)", false, false},
         {"addressed to another router",
          [](Downstream&, JoinPruneMessageInfo& m) { m.upstreamNeighbor = ip("10.0.3.9"); },
          "does not match address on received interface", false},
@@ -296,7 +298,7 @@ TEST(DownstreamWcSgSm, IgnoredEntriesAreCountedAndCreateNothing) {
         c.spoil(f, m);
         Cask::trace().clear();
         f.join(m);
-        EXPECT_EQ(f.sm().ignoredRxJoins(), 1u);
+        EXPECT_EQ(f.sm().ignoredRxJoins(), c.counted ? 1u : 0u);
         EXPECT_TRUE(Cask::trace().contains(c.trace));
         EXPECT_EQ(f.vrf.status().routeSize(), routes);
         EXPECT_FALSE(f.vrf.has(m.riKey) && f.intf(m.riKey, m.intf));
@@ -309,7 +311,7 @@ TEST(DownstreamWcSgSm, IgnoredEntriesAreCountedAndCreateNothing) {
             Cask::trace().clear();
             const auto before = f.sm().ignoredRxPrunes();
             f.prune(p);
-            EXPECT_EQ(f.sm().ignoredRxPrunes(), before + 1);
+            EXPECT_EQ(f.sm().ignoredRxPrunes(), before + (c.counted ? 1 : 0));
             EXPECT_TRUE(Cask::trace().contains(c.trace));
         }
         EXPECT_EQ(f.state(f.wcKey), joined);
