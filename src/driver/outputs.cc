@@ -121,6 +121,15 @@ Json countersRow(const L3::VrfName& vrf, const ContainerSm& c) {
     row["intfs-refused"] = c.status()->context().routeIntfsRefused;
     row["ignored-rx-joins"] = c.upstreamWcSm()->ignoredRxJoins();
     row["ignored-rx-prunes"] = c.upstreamWcSm()->ignoredRxPrunes();
+    // Entries from downstream routers that the downstream machines refused:
+    // (*,G)/(S,G) Joins and Prunes, and whole messages (or a group's part of
+    // one) the (S,G,rpt) machine dropped.
+    const auto& ds = *c.downstreamWcSgSm();
+    const auto& rpt = *c.downstreamSgRptSm();
+    row["ignored-downstream-joins"] = ds.ignoredRxJoins();
+    row["ignored-downstream-prunes"] = ds.ignoredRxPrunes();
+    row["ignored-rpt-messages"] = rpt.ignoredNonNeighbor() + rpt.ignoredNotAddressed();
+    row["ignored-rpt-groups"] = rpt.ignoredSsmGroup() + rpt.ignoredBidirGroup();
     row["ignored-link-local"] = c.gmpSm()->ignoredLinkLocal();
     std::uint64_t wrongVif = 0;
     for (const auto& [key, n] : ls.wrongVifCount()) wrongVif += n;
@@ -184,11 +193,21 @@ void joinPruneRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
     }
 }
 
+// A timer deadline in loop seconds, "-" when it is not running.
+std::string deadline(Cask::Seconds at) {
+    return at == Cask::never ? "-" : fmt::format("{:.3f}", at);
+}
+
 // One row per route and interface with downstream state: the (*,G)/(S,G)
-// join state and the (S,G,rpt) prune state, and whether a received Prune is
-// remembered for its PruneEcho.
+// join state and the (S,G,rpt) prune state with their expiry and
+// prune-pending deadlines, and whether a received Prune is remembered for
+// its PruneEcho.
 void downstreamRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
     const auto& remembered = c.joinPruneStatus()->rxPrune();
+    auto timers = [](const auto* rho, Json& row, const char* expiry, const char* pending) {
+        row[expiry] = deadline(rho ? rho->timerDeadline(IntfTimer::expiry) : Cask::never);
+        row[pending] = deadline(rho ? rho->timerDeadline(IntfTimer::prunePending) : Cask::never);
+    };
     for (const auto& [key, route] : c.status()->route()) {
         for (const auto& [id, intf] : route->routeIntf()) {
             const bool joinState = intf->joinState() != JoinState::noInfo;
@@ -199,7 +218,11 @@ void downstreamRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
             row["route"] = key.str();
             row["interface"] = id.name();
             row["join-state"] = joinState ? enumName(intf->joinState()) : "-";
+            const auto* ds = c.downstreamWcSgSm()->downstreamRouteSm(key);
+            timers(ds ? ds->rhoIntf(id) : nullptr, row, "expiry", "prune-pending");
             row["rpt-state"] = rptState ? enumName(intf->rptState()) : "-";
+            const auto* rpt = key.isWc() ? nullptr : c.downstreamSgRptSm()->rhoRoute(key);
+            timers(rpt ? rpt->rhoIntf(id) : nullptr, row, "rpt-expiry", "rpt-prune-pending");
             row["remembered-prune"] = remembered.has(Routing::Gmp::Tidal::RouteIntfKey{key, id});
             rows.push_back(row);
         }
