@@ -242,9 +242,24 @@ void SgRouteSm::handleNoCache(const MrtUpcall& u) {
             route->umh()->mbrIifIs(u.intf);
             route->mbrIs(true);
         }
+        doAdvanceIifSwitch(*route, u.intf);
         doEvalFwdingRules(*route, u.intf);
     }
     ctx_.localStatus->processingCacheMissDel(key);
+}
+
+void SgRouteSm::doAdvanceIifSwitch(Route& route, Wirl::IntfId intf) {
+    // While the incoming interface moves make-before-break, the forwarding
+    // entry still accepts on the old one; the first packet reported on the
+    // new one (the route's RPF interface by now) shows the new path carries
+    // traffic, and the switch goes on to wait for the hardware.
+    if (!route.iifSwitching() || route.iifSwitchState() != IifSwitchState::iifSwitchPending ||
+        intf != route.iif()) {
+        return;
+    }
+    CASK_VRF_TRACE(6, ctx_.vrfName, "SgRouteSm::{} IIF switch, rx on new interface {}", route.key(),
+                   intf);
+    route.iifSwitchStateIs(IifSwitchState::iifSwitchWaitHw);
 }
 
 void SgRouteSm::handleWrongVif(const MrtUpcall& u) {
@@ -275,6 +290,7 @@ void SgRouteSm::handleWrongVif(const MrtUpcall& u) {
         route->mbrIs(true);
     }
     Cask::Ptr<Route> keep(route);
+    doAdvanceIifSwitch(*route, u.intf);
     doEvalFwdingRules(*route, u.intf);
 }
 

@@ -125,6 +125,10 @@ public:
     void couldRegister(Route& route);
     void doMaybeUpdateRegisterOif(const Routing::Pim::RouteKey& key);
     // The forwarding rules a packet from S to G arriving on `intfId` runs.
+    // A packet on the new incoming interface of a route whose incoming
+    // interface is being switched moves the switch on (iifSwitchPending to
+    // iifSwitchWaitHw).
+    void doAdvanceIifSwitch(Route& route, Wirl::IntfId intf);
     void doEvalFwdingRules(Route& route, Wirl::IntfId intfId);
     void doUpdateExpiredFlags(Route& route);
     // Marks an idle route for deletion; with `dataSeen` (a packet report)

@@ -388,5 +388,40 @@ TEST(SgRouteSmTest, WrongVif) {
     EXPECT_EQ(f.localStatus().wrongVifCount(k), 2u);
 }
 
+// A packet reported on the new incoming interface moves a make-before-break
+// switch on to waiting for the hardware; a packet on the old interface, or a
+// route not switching, changes nothing.
+TEST(SgRouteSmTest, UpcallOnTheNewInterfaceAdvancesAnIifSwitch) {
+    struct Case {
+        const char* name;
+        bool switching;
+        MrtUpcall::Kind kind;
+        const char* arrival;
+        IifSwitchState after;
+    };
+    using S = IifSwitchState;
+    const Case cases[] = {
+        {"wrong VIF on the new interface", true, MrtUpcall::Kind::wrongVif, "up2",
+         S::iifSwitchWaitHw},
+        {"cache miss on the new interface", true, MrtUpcall::Kind::noCache, "up2",
+         S::iifSwitchWaitHw},
+        {"wrong VIF on the old interface", true, MrtUpcall::Kind::wrongVif, "up1",
+         S::iifSwitchPending},
+        {"not switching", false, MrtUpcall::Kind::wrongVif, "up2", S::iifSwitchPending},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        SgVrf f;
+        const RouteKey k = f.key(f.remote);  // RPF up2 (new); up1 stands for the old path
+        Route& r = f.route(k, {"d2"});
+        f.flush();
+        ASSERT_EQ(r.iif(), f.up2);
+        r.iifSwitchingIs(c.switching);
+        r.iifSwitchStateIs(S::iifSwitchPending);
+        f.upcall(c.kind, k, IntfId(c.arrival));
+        EXPECT_EQ(r.iifSwitchState(), c.after);
+    }
+}
+
 }  // namespace
 }  // namespace Routing::Pim::SparseMode::Testing
