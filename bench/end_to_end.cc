@@ -531,7 +531,7 @@ std::string toTable(const std::vector<EndToEndResult>& results) {
     std::string out;
     for (const auto& [name, value] : rows) {
         out += fmt::format("{:<{}}", name, nameWidth + 2);
-        for (const auto& r : results) out += fmt::format("{:>16}", value(r));
+        for (const auto& r : results) out += fmt::format("{:>18}", value(r));
         out += '\n';
     }
     return out;
