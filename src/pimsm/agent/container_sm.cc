@@ -109,8 +109,13 @@ void ContainerSm::handleInitialized() {
     joinPruneStatus_ = Cask::make<Routing::Pim::JoinPruneStatus>();
     joinPruneNeighborSm_ = Routing::Pim::joinPruneNeighborSmFactory(pimStatus_, joinPruneStatus_);
 
-    // Received Join/Prune messages.
+    // What the assert machines want sent, per interface.
+    assertStatus_ = Cask::make<Routing::Pim::AssertStatus>();
+
+    // Received Join/Prune messages; received Asserts; the Asserts to send.
     rxJoinPrune_ = Cask::make<Routing::Pim::JoinPruneRxStatus>();
+    rxAssertMessageInfo_ = Cask::make<Routing::Pim::AssertMessageInfo>();
+    txMessageInfo_ = Cask::make<Routing::Pim::IO::MessageInfo>();
 
     // Which groups switch to the source tree, filled by SptThresholdSm.
     sptThresholdInfo_ = Cask::make<SptThresholdInfo>(pc_.family, vrf_);
@@ -211,6 +216,9 @@ void ContainerSm::handleInitialized() {
     ctx_.membership = gmpTidalStatus_.get();
     ctx_.joinPruneStatus = joinPruneStatus_.get();
     ctx_.joinPruneRxStatus = rxJoinPrune_.get();
+    ctx_.assertStatus = assertStatus_.get();
+    ctx_.rxAssertMessageInfo = rxAssertMessageInfo_.get();
+    ctx_.txMessageInfo = txMessageInfo_.get();
     ctx_.mfibTidal = mfibTidal_.get();
     ctx_.hwMfibStatus = hwMfibStatus_.get();
     ctx_.registerConfig = registerConfig_.get();
@@ -237,6 +245,9 @@ void ContainerSm::handleInitialized() {
     upstreamWcSm_ = upstreamWcSmFactory(ctx_);
     // RP mapping changes reach the (*,G) routes through a sliced review.
     wcRouteReviewSm_ = std::make_unique<WcRouteReviewSm>(ctx_, *upstreamWcSm_);
+    // Data upcalls that concern the assert machines.
+    mrtMessageInfo_ = Cask::make<Routing::Pim::MrtMessageInfo>();
+    ctx_.mrtMessageInfo = mrtMessageInfo_.get();
     // Downstream (*,G) and (S,G) join state from received Join/Prune entries.
     downstreamWcSgSm_ = downstreamWcSgSmFactory(ctx_);
 

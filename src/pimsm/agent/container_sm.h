@@ -28,6 +28,7 @@
 #include "pimsm/upstream/upstream_sg_sm.h"
 #include "pimsm/upstream/upstream_wc_sm.h"
 #include "pimsm/upstream/wc_route_review_sm.h"
+#include "platform/assert_status.h"
 #include "platform/group_ranges.h"
 #include "platform/join_prune.h"
 #include "platform/join_prune_neighbor_sm.h"
@@ -83,6 +84,12 @@ public:
     ::Tidal::Multicast::Fib::Status* mfibTidal() const { return mfibTidal_.get(); }
     Routing::Pim::JoinPruneStatus* joinPruneStatus() const { return joinPruneStatus_.get(); }
     Routing::Pim::JoinPruneRxStatus* rxJoinPrune() const { return rxJoinPrune_.get(); }
+    Routing::Pim::AssertStatus* assertStatus() const { return assertStatus_.get(); }
+    Routing::Pim::AssertMessageInfo* rxAssertMessageInfo() const {
+        return rxAssertMessageInfo_.get();
+    }
+    Routing::Pim::IO::MessageInfo* txMessageInfo() const { return txMessageInfo_.get(); }
+    Routing::Pim::MrtMessageInfo* mrtMessageInfo() const { return mrtMessageInfo_.get(); }
     UpstreamSgSm* upstreamSgSm() const { return upstreamSgSm_.get(); }
     UpstreamWcSm* upstreamWcSm() const { return upstreamWcSm_.get(); }
     WcRouteReviewSm* wcRouteReviewSm() const { return wcRouteReviewSm_.get(); }
@@ -140,7 +147,10 @@ private:
     Cask::Ptr<Routing::Gmp::Tidal::Status> gmpTidalStatus_;
     Cask::Ptr<Routing::Pim::JoinPruneStatus> joinPruneStatus_;
     std::unique_ptr<Routing::Pim::JoinPruneNeighborSm> joinPruneNeighborSm_;
+    Cask::Ptr<Routing::Pim::AssertStatus> assertStatus_;
     Cask::Ptr<Routing::Pim::JoinPruneRxStatus> rxJoinPrune_;
+    Cask::Ptr<Routing::Pim::AssertMessageInfo> rxAssertMessageInfo_;
+    Cask::Ptr<Routing::Pim::IO::MessageInfo> txMessageInfo_;
     Cask::Ptr<SptThresholdInfo> sptThresholdInfo_;
     Cask::Ptr<Routing::Pim::RpLocalStatus> rpLocalStatus_;
     Cask::Ptr<Routing::Multicast::Fib::Config> mfibConfig_;
@@ -159,6 +169,7 @@ private:
     Cask::Ptr<UpstreamSgSm> upstreamSgSm_;
     Cask::Ptr<UpstreamWcSm> upstreamWcSm_;
     std::unique_ptr<WcRouteReviewSm> wcRouteReviewSm_;
+    Cask::Ptr<Routing::Pim::MrtMessageInfo> mrtMessageInfo_;
     Cask::Ptr<DownstreamWcSgSm> downstreamWcSgSm_;
     Cask::Ptr<DownstreamSgRptSm> downstreamSgRptSm_;
     Cask::Ptr<GmpSm> gmpSm_;

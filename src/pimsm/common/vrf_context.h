@@ -52,6 +52,12 @@ class ClearMrouteConfig;
 class JoinPruneStatus;
 class JoinPruneRxStatus;
 class RpLocalStatus;
+class AssertStatus;
+class AssertMessageInfo;
+class MrtMessageInfo;
+namespace IO {
+class MessageInfo;
+}
 }  // namespace Routing::Pim
 namespace Routing::Pim::Tidal {
 class MessageCounters;
@@ -110,6 +116,14 @@ struct VrfContext {
     // Join/Prune messages: outgoing contents, received entries.
     Routing::Pim::JoinPruneStatus* joinPruneStatus = nullptr;
     Routing::Pim::JoinPruneRxStatus* joinPruneRxStatus = nullptr;
+
+    // Asserts: what the assert machines want sent per interface, the last
+    // received Assert, the last data upcall that matters to asserts, and
+    // the transmit record the packet side sends from.
+    Routing::Pim::AssertStatus* assertStatus = nullptr;
+    Routing::Pim::AssertMessageInfo* rxAssertMessageInfo = nullptr;
+    Routing::Pim::MrtMessageInfo* mrtMessageInfo = nullptr;
+    Routing::Pim::IO::MessageInfo* txMessageInfo = nullptr;
 
     // Forwarding: the table written, the hardware's view, register state.
     ::Tidal::Multicast::Fib::Status* mfibTidal = nullptr;

@@ -1,8 +1,8 @@
-#include "pimsm/route/assert_metric.h"
+#include "platform/assert_metric.h"
 
 #include <fmt/format.h>
 
-namespace Routing::Pim::SparseMode {
+namespace Routing::Pim {
 
 std::string AssertMetric::str() const {
     if (isInfinite()) return "infinite";
@@ -10,4 +10,4 @@ std::string AssertMetric::str() const {
                        address);
 }
 
-}  // namespace Routing::Pim::SparseMode
+}  // namespace Routing::Pim
