@@ -84,6 +84,43 @@ Json routeRow(const L3::VrfName& vrf, const Route& r) {
     return row;
 }
 
+// One row per route and interface with assert state: the state, the
+// winner's address and metric, and the last action taken.
+void assertRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
+    for (const auto& [key, route] : c.status()->route()) {
+        for (const auto& [id, intf] : route->routeIntf()) {
+            const auto& info = intf->assertInfo();
+            if (info.assertState == AssertState::assertNoInfo) continue;
+            Json row;
+            row["vrf"] = vrf.str();
+            row["route"] = key.str();
+            row["interface"] = id.name();
+            row["state"] = enumName(info.assertState);
+            row["winner"] = intf->assertWinner().str();
+            row["winner-metric"] = info.winnerMetric.str();
+            row["last-action"] = intf->lastAssertAction()
+                                     ? fmt::format("A{}", intf->lastAssertAction())
+                                     : std::string("-");
+            rows.push_back(row);
+        }
+    }
+}
+
+// Every Assert handed to the packet side, oldest first (the record keeps
+// the last few thousand).
+void sentRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
+    for (const auto& s : c.txMessageInfo()->sent()) {
+        Json row;
+        row["vrf"] = vrf.str();
+        row["time"] = fmt::format("{:.3f}", s.time);
+        row["interface"] = s.intf.name();
+        row["message"] = s.cancel ? "AssertCancel" : "Assert";
+        row["route"] = s.key.str();
+        row["metric"] = s.metric.str();
+        rows.push_back(row);
+    }
+}
+
 // CouldRegister per route, and the routes for which Register-Stops may be
 // sent, from the VRF's register configuration.
 void registerRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
@@ -330,6 +367,12 @@ Json vrfOutput(Runner& runner, const Scenario& scenario, Output what) {
                 break;
             case Output::downstream:
                 downstreamRows(v.name, *c, rows);
+                break;
+            case Output::asserts:
+                assertRows(v.name, *c, rows);
+                break;
+            case Output::sent:
+                sentRows(v.name, *c, rows);
                 break;
             default:
                 break;

@@ -334,6 +334,23 @@ void Runner::apply(const Event& ev) {
             c->rxJoinPrune()->messageReceived(m);
             return;
         }
+        case Event::Kind::rxAssert: {
+            auto* root = agent_->rootSm();
+            auto* c = root ? root->containerSm().raw(ev.vrf) : nullptr;
+            if (!c) return;  // the VRF is not running: nobody receives it
+            Routing::Pim::AssertMessage m;
+            m.group = ev.group;
+            m.source = ev.source;
+            m.rpt = ev.flag;
+            m.metricPreference = ev.preference;
+            m.metric = ev.metric;
+            m.sender = ev.address;
+            auto& rx = *c->rxAssertMessageInfo();
+            rx.messageIs(m);
+            rx.intfIdIs(ev.interface);
+            rx.rxCountInc();
+            return;
+        }
         case Event::Kind::show:
         case Event::Kind::expect:
             return;

@@ -246,11 +246,17 @@ nlohmann::ordered_json toJson(const YAML::Node& n) {
 }
 
 const std::map<std::string, Output> outputNames = {
-    {"routes", Output::routes},         {"join-prune", Output::joinPrune},
-    {"forwarding", Output::forwarding}, {"counters", Output::counters},
-    {"register", Output::register_},    {"spt-threshold", Output::sptThreshold},
-    {"trace", Output::trace},           {"events", Output::events},
+    {"routes", Output::routes},
+    {"join-prune", Output::joinPrune},
+    {"forwarding", Output::forwarding},
+    {"counters", Output::counters},
+    {"register", Output::register_},
+    {"spt-threshold", Output::sptThreshold},
+    {"trace", Output::trace},
+    {"events", Output::events},
     {"downstream", Output::downstream},
+    {"asserts", Output::asserts},
+    {"sent", Output::sent},
 };
 
 class Parser {
@@ -457,6 +463,7 @@ private:
             {"rp-withdraw", Event::Kind::rpWithdraw},
             {"clear", Event::Kind::clear},
             {"rx-join-prune", Event::Kind::rxJoinPrune},
+            {"rx-assert", Event::Kind::rxAssert},
             {"clear-forwarding", Event::Kind::clearForwarding},
             {"bidir-ranges", Event::Kind::bidirRanges},
             {"fast-failover-ranges", Event::Kind::fastFailoverRanges},
@@ -649,6 +656,8 @@ private:
             }
             case Event::Kind::rxJoinPrune:
                 return rxJoinPrune(ev, b);
+            case Event::Kind::rxAssert:
+                return rxAssert(ev, b);
             case Event::Kind::data: {
                 const char* what = "a data event";
                 r_.keys(b, {"vrf", "source", "group", "interface", "packets"}, what);
@@ -753,6 +762,25 @@ private:
         ev.jpGroups.push_back(std::move(g));
     }
 
+    // A received Assert (RFC 7761 4.9.6): without `source` an Assert(*,G),
+    // whose RPT bit is set; `rpt` defaults to that. An AssertCancel is the
+    // RPT bit with preference 2147483647 and metric 4294967295.
+    void rxAssert(Event& ev, const YAML::Node& b) {
+        const char* what = "a received Assert";
+        r_.keys(b, {"vrf", "interface", "from", "group", "source", "rpt", "preference", "metric"},
+                what);
+        const VrfSpec& v = eventVrf(b);
+        ev.vrf = v.name;
+        ev.interface = knownIntf(v, r_.need(b, "interface", what));
+        ev.address = r_.addr(r_.need(b, "from", what), s_.family);
+        ev.group = multicastGroup(r_.need(b, "group", what));
+        const auto source = b["source"];
+        ev.source = source ? unicastSource(source) : Wirl::IpGenAddr::zero(s_.family);
+        ev.flag = b["rpt"] ? r_.flag(b["rpt"]) : !source;
+        ev.preference = r_.count(r_.need(b, "preference", what), 0x7fffffff, "preference");
+        ev.metric = r_.count(r_.need(b, "metric", what), 0xffffffff, "metric");
+    }
+
     // One group's entries of a whole message.
     JoinPruneGroupSpec jpGroup(const YAML::Node& n) {
         const char* what = "a Join/Prune group";
@@ -834,6 +862,10 @@ const char* outputName(Output o) {
             return "spt-threshold";
         case Output::downstream:
             return "downstream";
+        case Output::asserts:
+            return "asserts";
+        case Output::sent:
+            return "sent";
         case Output::trace:
             return "trace";
         case Output::events:

@@ -99,6 +99,8 @@ enum class Output {
     register_,
     sptThreshold,
     downstream,
+    asserts,
+    sent,
     trace,
     events
 };
@@ -142,6 +144,7 @@ struct Event {
         rpWithdraw,          // static RP mapping removed
         clear,               // clear routes
         rxJoinPrune,         // a Join/Prune entry received from a neighbour
+        rxAssert,            // an Assert received from a neighbour
         clearForwarding,     // rewrite every forwarding record
         bidirRanges,         // the bidirectional group ranges, replaced
         fastFailoverRanges,  // the groups with a fast-failover backup upstream, replaced
@@ -169,6 +172,10 @@ struct Event {
     // neighbour it is addressed to and the hold time; the sender is
     // `address`. A single-entry event is a message of one group.
     std::vector<JoinPruneGroupSpec> jpGroups;
+    // rx-assert: the sender is `address`, the route `source` (unspecified:
+    // an Assert(*,G)) and `group`; the RPT bit is `flag`.
+    unsigned preference = 0;
+    unsigned metric = 0;
     Wirl::IpGenAddr upstream;
     unsigned holdTime = 210;
     unsigned packets = 1;  // data
