@@ -141,6 +141,7 @@ public:
     DownstreamSgRptSm& downstreamSgRptSm() const { return *container_->downstreamSgRptSm(); }
     MfibSm& mfibSm() const { return *container_->mfibSm(); }
     SgRouteSm& sgRouteSm() const { return *container_->sgRouteSm(); }
+    AssertMessageSm& assertMessageSm() const { return *container_->assertMessageSm(); }
 
     Cask::VirtualClock clock;
     Cask::EventLoop loop{clock};

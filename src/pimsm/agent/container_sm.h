@@ -9,6 +9,8 @@
 
 #include "cask/collection.h"
 #include "pimsm/agent/params_container.h"
+#include "pimsm/assert/assert_message_sm.h"
+#include "pimsm/assert/assert_mrt_sm.h"
 #include "pimsm/common/vrf_context.h"
 #include "pimsm/downstream/downstream_sg_rpt_sm.h"
 #include "pimsm/downstream/downstream_wc_sg_sm.h"
@@ -90,6 +92,7 @@ public:
     }
     Routing::Pim::IO::MessageInfo* txMessageInfo() const { return txMessageInfo_.get(); }
     Routing::Pim::MrtMessageInfo* mrtMessageInfo() const { return mrtMessageInfo_.get(); }
+    AssertMessageSm* assertMessageSm() const { return assertMessageSm_.get(); }
     UpstreamSgSm* upstreamSgSm() const { return upstreamSgSm_.get(); }
     UpstreamWcSm* upstreamWcSm() const { return upstreamWcSm_.get(); }
     WcRouteReviewSm* wcRouteReviewSm() const { return wcRouteReviewSm_.get(); }
@@ -170,6 +173,8 @@ private:
     Cask::Ptr<UpstreamWcSm> upstreamWcSm_;
     std::unique_ptr<WcRouteReviewSm> wcRouteReviewSm_;
     Cask::Ptr<Routing::Pim::MrtMessageInfo> mrtMessageInfo_;
+    std::unique_ptr<AssertMessageSm> assertMessageSm_;
+    std::unique_ptr<AssertMrtSm> assertMrtSm_;
     Cask::Ptr<DownstreamWcSgSm> downstreamWcSgSm_;
     Cask::Ptr<DownstreamSgRptSm> downstreamSgRptSm_;
     Cask::Ptr<GmpSm> gmpSm_;
