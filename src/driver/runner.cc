@@ -345,10 +345,7 @@ void Runner::apply(const Event& ev) {
             m.metricPreference = ev.preference;
             m.metric = ev.metric;
             m.sender = ev.address;
-            auto& rx = *c->rxAssertMessageInfo();
-            rx.messageIs(m);
-            rx.intfIdIs(ev.interface);
-            rx.rxCountInc();
+            c->assertMessageSm()->handleRxMessage(m, ev.interface);
             return;
         }
         case Event::Kind::show:
