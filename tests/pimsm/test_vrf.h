@@ -143,6 +143,7 @@ public:
     SgRouteSm& sgRouteSm() const { return *container_->sgRouteSm(); }
     AssertSgSm& assertSgSm() const { return *container_->assertSgSm(); }
     AssertWcSm& assertWcSm() const { return *container_->assertWcSm(); }
+    AssertMessageSm& assertMessageSm() const { return *container_->assertMessageSm(); }
 
     Cask::VirtualClock clock;
     Cask::EventLoop loop{clock};

@@ -248,6 +248,10 @@ void ContainerSm::handleInitialized() {
     // Data upcalls that concern the assert machines.
     mrtMessageInfo_ = Cask::make<Routing::Pim::MrtMessageInfo>();
     ctx_.mrtMessageInfo = mrtMessageInfo_.get();
+
+    // Assert plumbing: received Asserts, per-interface sending, data upcalls.
+    assertMessageSm_ = assertMessageSmFactory(ctx_);
+    assertMrtSm_ = assertMrtSmFactory(ctx_);
     // Downstream (*,G) and (S,G) join state from received Join/Prune entries.
     downstreamWcSgSm_ = downstreamWcSgSmFactory(ctx_);
 

@@ -9,6 +9,8 @@
 
 #include "cask/collection.h"
 #include "pimsm/agent/params_container.h"
+#include "pimsm/assert/assert_message_sm.h"
+#include "pimsm/assert/assert_mrt_sm.h"
 #include "pimsm/assert/assert_sg_sm.h"
 #include "pimsm/assert/assert_wc_sm.h"
 #include "pimsm/common/vrf_context.h"
@@ -94,6 +96,7 @@ public:
     }
     Routing::Pim::IO::MessageInfo* txMessageInfo() const { return txMessageInfo_.get(); }
     Routing::Pim::MrtMessageInfo* mrtMessageInfo() const { return mrtMessageInfo_.get(); }
+    AssertMessageSm* assertMessageSm() const { return assertMessageSm_.get(); }
     UpstreamSgSm* upstreamSgSm() const { return upstreamSgSm_.get(); }
     UpstreamWcSm* upstreamWcSm() const { return upstreamWcSm_.get(); }
     WcRouteReviewSm* wcRouteReviewSm() const { return wcRouteReviewSm_.get(); }
@@ -174,6 +177,8 @@ private:
     Cask::Ptr<UpstreamWcSm> upstreamWcSm_;
     std::unique_ptr<WcRouteReviewSm> wcRouteReviewSm_;
     Cask::Ptr<Routing::Pim::MrtMessageInfo> mrtMessageInfo_;
+    std::unique_ptr<AssertMessageSm> assertMessageSm_;
+    std::unique_ptr<AssertMrtSm> assertMrtSm_;
     Cask::Ptr<DownstreamWcSgSm> downstreamWcSgSm_;
     Cask::Ptr<DownstreamSgRptSm> downstreamSgRptSm_;
     Cask::Ptr<GmpSm> gmpSm_;
