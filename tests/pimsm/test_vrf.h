@@ -141,6 +141,8 @@ public:
     DownstreamSgRptSm& downstreamSgRptSm() const { return *container_->downstreamSgRptSm(); }
     MfibSm& mfibSm() const { return *container_->mfibSm(); }
     SgRouteSm& sgRouteSm() const { return *container_->sgRouteSm(); }
+    AssertSgSm& assertSgSm() const { return *container_->assertSgSm(); }
+    AssertWcSm& assertWcSm() const { return *container_->assertWcSm(); }
     AssertMessageSm& assertMessageSm() const { return *container_->assertMessageSm(); }
 
     Cask::VirtualClock clock;

@@ -261,6 +261,10 @@ void ContainerSm::handleInitialized() {
     // Local receivers from the membership table.
     gmpSm_ = gmpSmFactory(ctx_);
 
+    // Assert state of (S,G) and (*,G) routes per interface.
+    assertSgSm_ = assertSgSmFactory(ctx_);
+    assertWcSm_ = assertWcSmFactory(ctx_);
+
     // Forwarding entries.
     mfibSm_ = mfibSmFactory(ctx_);
 

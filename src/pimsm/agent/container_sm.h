@@ -11,6 +11,8 @@
 #include "pimsm/agent/params_container.h"
 #include "pimsm/assert/assert_message_sm.h"
 #include "pimsm/assert/assert_mrt_sm.h"
+#include "pimsm/assert/assert_sg_sm.h"
+#include "pimsm/assert/assert_wc_sm.h"
 #include "pimsm/common/vrf_context.h"
 #include "pimsm/downstream/downstream_sg_rpt_sm.h"
 #include "pimsm/downstream/downstream_wc_sg_sm.h"
@@ -83,6 +85,8 @@ public:
     SptThresholdSm* sptThresholdSm() const { return sptThresholdSm_.get(); }
     DownstreamSgRptSm* downstreamSgRptSm() const { return downstreamSgRptSm_.get(); }
     GmpSm* gmpSm() const { return gmpSm_.get(); }
+    AssertSgSm* assertSgSm() const { return assertSgSm_.get(); }
+    AssertWcSm* assertWcSm() const { return assertWcSm_.get(); }
     ::Tidal::Multicast::Fib::Status* mfibTidal() const { return mfibTidal_.get(); }
     Routing::Pim::JoinPruneStatus* joinPruneStatus() const { return joinPruneStatus_.get(); }
     Routing::Pim::JoinPruneRxStatus* rxJoinPrune() const { return rxJoinPrune_.get(); }
@@ -178,6 +182,8 @@ private:
     Cask::Ptr<DownstreamWcSgSm> downstreamWcSgSm_;
     Cask::Ptr<DownstreamSgRptSm> downstreamSgRptSm_;
     Cask::Ptr<GmpSm> gmpSm_;
+    Cask::Ptr<AssertSgSm> assertSgSm_;
+    Cask::Ptr<AssertWcSm> assertWcSm_;
     std::unique_ptr<MfibSm> mfibSm_;
     Cask::Ptr<AgentStatus> agentStatus_;
     std::unique_ptr<PimsmWcSm> pimsmWcSm_;
