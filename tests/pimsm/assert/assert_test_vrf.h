@@ -80,9 +80,14 @@ struct AssertVrf {
         auto* s = status(id);
         return s && s->assertWinnerHas(key);
     }
+    // An AssertCancel for `key` on `id` is waiting or was sent.
     bool cancelListed(const RouteKey& key, IntfId id) const {
         auto* s = status(id);
-        return s && s->assertCancelHas(key);
+        if (s && s->assertCancelHas(key)) return true;
+        for (const auto& sent : vrf.ctx().txMessageInfo->sent()) {
+            if (sent.cancel && sent.key == key && sent.intf == id) return true;
+        }
+        return false;
     }
     std::uint32_t triggered(IntfId id) const {
         auto* s = status(id);
