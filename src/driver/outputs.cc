@@ -84,6 +84,11 @@ Json routeRow(const L3::VrfName& vrf, const Route& r) {
     return row;
 }
 
+// A timer deadline in loop seconds, "-" when it is not running.
+std::string deadline(Cask::Seconds at) {
+    return at == Cask::never ? "-" : fmt::format("{:.3f}", at);
+}
+
 // One row per route and interface with assert state: the state, the
 // winner's address and metric, and the last action taken.
 void assertRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
@@ -101,6 +106,12 @@ void assertRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
             row["last-action"] = intf->lastAssertAction()
                                      ? fmt::format("A{}", intf->lastAssertAction())
                                      : std::string("-");
+            const AssertSm& sm = key.isWc() ? static_cast<const AssertSm&>(*c.assertWcSm())
+                                            : static_cast<const AssertSm&>(*c.assertSgSm());
+            const auto* rho = sm.rhoRoute(key);
+            const auto* rhoIntf = rho ? rho->rhoIntf(id) : nullptr;
+            row["timer"] =
+                deadline(rhoIntf ? rhoIntf->timerDeadline(IntfTimer::expiry) : Cask::never);
             rows.push_back(row);
         }
     }
@@ -116,7 +127,11 @@ void sentRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
         row["interface"] = s.intf.name();
         row["message"] = s.cancel ? "AssertCancel" : "Assert";
         row["route"] = s.key.str();
-        row["metric"] = s.metric.str();
+        // What the message carries: the address is the sender's own.
+        row["metric"] = s.metric.isInfinite()
+                            ? std::string("infinite")
+                            : fmt::format("rpt {} pref {} metric {}", int(s.metric.rptBit),
+                                          s.metric.metricPreference, s.metric.metric);
         rows.push_back(row);
     }
 }
@@ -228,11 +243,6 @@ void joinPruneRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
             rows.push_back(row);
         }
     }
-}
-
-// A timer deadline in loop seconds, "-" when it is not running.
-std::string deadline(Cask::Seconds at) {
-    return at == Cask::never ? "-" : fmt::format("{:.3f}", at);
 }
 
 // One row per route and interface with downstream state: the (*,G)/(S,G)
