@@ -24,6 +24,13 @@ void pendingSent(Agent& agent) {
     }
 }
 
+// The VRF's container while the VRF runs; null otherwise (nobody receives
+// what is sent to it then).
+ContainerSm* runningContainer(Agent& agent, const L3::VrfName& vrf) {
+    auto* root = agent.rootSm();
+    return root ? root->containerSm().raw(vrf) : nullptr;
+}
+
 Wirl::AddressRangeSet rangeSet(Wirl::AddressFamily family,
                                const std::vector<Wirl::IpGenPrefix>& prefixes) {
     Wirl::AddressRangeSet set(family);
@@ -314,9 +321,8 @@ void Runner::apply(const Event& ev) {
             return;
         }
         case Event::Kind::rxJoinPrune: {
-            auto* root = agent_->rootSm();
-            auto* c = root ? root->containerSm().raw(ev.vrf) : nullptr;
-            if (!c) return;  // the VRF is not running: nobody receives it
+            auto* c = runningContainer(*agent_, ev.vrf);
+            if (!c) return;
             Routing::Pim::JoinPruneMessage m;
             m.sender = ev.address;
             m.intf = ev.interface;
@@ -335,9 +341,8 @@ void Runner::apply(const Event& ev) {
             return;
         }
         case Event::Kind::rxAssert: {
-            auto* root = agent_->rootSm();
-            auto* c = root ? root->containerSm().raw(ev.vrf) : nullptr;
-            if (!c) return;  // the VRF is not running: nobody receives it
+            auto* c = runningContainer(*agent_, ev.vrf);
+            if (!c) return;
             Routing::Pim::AssertMessage m;
             m.group = ev.group;
             m.source = ev.source;
