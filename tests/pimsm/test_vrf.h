@@ -134,6 +134,7 @@ public:
 
     RouteReviewSm& routeReviewSm() const { return *container_->routeReviewSm(); }
     UpstreamSgSm& upstreamSgSm() const { return *container_->upstreamSgSm(); }
+    UpstreamSgRptSm& upstreamSgRptSm() const { return *container_->upstreamSgRptSm(); }
     UpstreamWcSm& upstreamWcSm() const { return *container_->upstreamWcSm(); }
     WcRouteReviewSm& wcRouteReviewSm() const { return *container_->wcRouteReviewSm(); }
     DownstreamWcSgSm& downstreamWcSgSm() const { return *container_->downstreamWcSgSm(); }

@@ -241,6 +241,8 @@ void ContainerSm::handleInitialized() {
 
     // Upstream (S,G): joins toward the sources.
     upstreamSgSm_ = upstreamSgSmFactory(ctx_);
+    // Upstream (S,G,rpt): sources pruned off, or kept on, the shared tree.
+    upstreamSgRptSm_ = upstreamSgRptSmFactory(ctx_);
     // Upstream (*,G): joins toward the RP.
     upstreamWcSm_ = upstreamWcSmFactory(ctx_);
     // RP mapping changes reach the (*,G) routes through a sliced review.

@@ -29,6 +29,7 @@
 #include "pimsm/upstream/agent_status.h"
 #include "pimsm/upstream/pimsm_wc_sm.h"
 #include "pimsm/upstream/rpf_table.h"
+#include "pimsm/upstream/upstream_sg_rpt_sm.h"
 #include "pimsm/upstream/upstream_sg_sm.h"
 #include "pimsm/upstream/upstream_wc_sm.h"
 #include "pimsm/upstream/wc_route_review_sm.h"
@@ -98,6 +99,7 @@ public:
     Routing::Pim::MrtMessageInfo* mrtMessageInfo() const { return mrtMessageInfo_.get(); }
     AssertMessageSm* assertMessageSm() const { return assertMessageSm_.get(); }
     UpstreamSgSm* upstreamSgSm() const { return upstreamSgSm_.get(); }
+    UpstreamSgRptSm* upstreamSgRptSm() const { return upstreamSgRptSm_.get(); }
     UpstreamWcSm* upstreamWcSm() const { return upstreamWcSm_.get(); }
     WcRouteReviewSm* wcRouteReviewSm() const { return wcRouteReviewSm_.get(); }
     DownstreamWcSgSm* downstreamWcSgSm() const { return downstreamWcSgSm_.get(); }
@@ -174,6 +176,7 @@ private:
     std::unique_ptr<SptThresholdSm> sptThresholdSm_;
     Cask::Ptr<SsmConvertConfig> ssmConvertConfig_;
     Cask::Ptr<UpstreamSgSm> upstreamSgSm_;
+    Cask::Ptr<UpstreamSgRptSm> upstreamSgRptSm_;
     Cask::Ptr<UpstreamWcSm> upstreamWcSm_;
     std::unique_ptr<WcRouteReviewSm> wcRouteReviewSm_;
     Cask::Ptr<Routing::Pim::MrtMessageInfo> mrtMessageInfo_;

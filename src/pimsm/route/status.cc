@@ -54,6 +54,17 @@ void Status::sourceGroupAdd(const Wirl::IpGenAddr& source, const Wirl::IpGenAddr
     }
 }
 
+std::vector<Routing::Pim::RouteKey> Status::sgKeysOfGroup(const Wirl::IpGenAddr& group) const {
+    // Routes are ordered by group, then source: the group's (S,G) routes
+    // follow its (*,G) key.
+    std::vector<Routing::Pim::RouteKey> keys;
+    for (auto it = route_.upperBound(Routing::Pim::RouteKey::wc(group)); it != route_.end(); ++it) {
+        if (it->first.group() != group) break;
+        keys.push_back(it->first);
+    }
+    return keys;
+}
+
 void Status::sourceGroupRemove(const Wirl::IpGenAddr& source, const Wirl::IpGenAddr& group) {
     if (auto s = source_.get(source)) {
         s->memberDel(group);

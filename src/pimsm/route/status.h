@@ -15,6 +15,7 @@
 #include <cstdint>
 
 #include <functional>
+#include <vector>
 #include "cask/clock.h"
 
 #include "cask/collection.h"
@@ -68,6 +69,9 @@ public:
 
     CASK_COLLECTION_COMMON(route, Route, Routing::Pim::RouteKey)
     Cask::Ptr<Route> route(const Routing::Pim::RouteKey& k) const { return route_.get(k); }
+    // The keys of the group's (S,G) routes, in source order: a copy, so the
+    // caller may change routes while it walks them.
+    std::vector<Routing::Pim::RouteKey> sgKeysOfGroup(const Wirl::IpGenAddr& group) const;
     // The route of `key`, created (flags for its kind set, creation time
     // now) when absent; null (traced and counted in the context) when the
     // VRF already holds the most routes the agent allows.

@@ -7,6 +7,7 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/upstream/shared_tree.h"
 #include "pimsm/upstream/upstream_wc_sm.h"
 #include "platform/mfib_table.h"
 
@@ -138,15 +139,7 @@ void UpstreamSgSm::handleWcRoute(const RouteKey& key) {
 
 template <class F>
 void UpstreamSgSm::forEachSgOfGroup(const Wirl::IpGenAddr& group, F&& f) {
-    // The route status orders keys by group, then source: the group's (S,G)
-    // routes follow its (*,G) key.
-    std::vector<RouteKey> keys;
-    const auto& routes = in_.status->route();
-    for (auto it = routes.upperBound(RouteKey::wc(group)); it != routes.end(); ++it) {
-        if (it->first.group() != group) break;
-        keys.push_back(it->first);
-    }
-    for (const RouteKey& k : keys) {
+    for (const RouteKey& k : in_.status->sgKeysOfGroup(group)) {
         if (RhoRoute* rho = route_.get(k)) f(*rho);
     }
 }
@@ -155,6 +148,9 @@ void UpstreamSgSm::handleWcIntf(const Wirl::IpGenAddr& group, Wirl::IntfId intf)
     forEachSgOfGroup(group, [&](RhoRoute& rho) {
         Route& r = rho.route();
         if (intf.isNull()) {
+            // The (*,G) route came, went or moved: a route not joined toward
+            // its source may leave the shared tree, and gets RPF'(S,G) back.
+            if (r.upJoinState() != UpJoinState::upJoined) rho.doEvalRpfPrimeSg();
             rho.doUpdateForwardBits();
         } else {
             doMaybeSetForwardBit(intf, r);
@@ -360,7 +356,8 @@ void UpstreamSgSm::doPrevRpfNeighborCleanup(const RouteKey& key, const Rpf& prev
 
 void UpstreamSgSm::doMaybeSetForwardBit(Wirl::IntfId id, Route& route) {
     Intf* intf = route.routeIntfRaw(id);
-    if (!intf) return;
+    // On the shared tree the upstream (S,G,rpt) machine keeps the bits.
+    if (!intf || onSharedTree(route, in_.rpfTable)) return;
     // Neither the incoming interface nor the backup incoming one forwards.
     forwardBits_.forward(
         *intf, route.key(),
@@ -369,7 +366,7 @@ void UpstreamSgSm::doMaybeSetForwardBit(Wirl::IntfId id, Route& route) {
 
 void UpstreamSgSm::doMaybeSetFastForwardBit(Wirl::IntfId id, Route& route) {
     Intf* intf = route.routeIntfRaw(id);
-    if (!intf) return;
+    if (!intf || onSharedTree(route, in_.rpfTable)) return;
     // The backup list exists only with a backup upstream, and never holds
     // the backup upstream's own interface.
     const bool eligible = route.umhFrr() && id != route.rpfFrr().intf;

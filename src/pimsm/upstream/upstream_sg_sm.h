@@ -13,8 +13,10 @@
 //          Join/Prune entries.
 // Writes:  RPF'(S,G) (`umh.rpf`, `rpfAttached`), upJoinState, the `spTree` and
 //          `switching` flags on joining and leaving, `nsfRpfResolved`,
-//          Intf::forward / fastForward of (S,G) routes (this machine is their
-//          only writer), (S,G) Join/Prune entries through JoinPruneWriter.
+//          Intf::forward / fastForward of (S,G) routes, (S,G) Join/Prune
+//          entries through JoinPruneWriter. While a route is carried on the
+//          shared tree (shared_tree.h) its RPF' and bits are the upstream
+//          (S,G,rpt) machine's instead.
 //
 // It writes contents only: the packet side owns the periodic, triggered,
 // override and suppression timers.

@@ -1,6 +1,7 @@
 // The per-route reactors of UpstreamSgSm: one per (S,G) route, and one per
 // (*,G) route for what the group's (S,G) routes inherit from it.
 #include "cask/trace.h"
+#include "pimsm/upstream/shared_tree.h"
 #include "pimsm/upstream/upstream_sg_sm.h"
 #include "pimsm/upstream/upstream_wc_sm.h"
 
@@ -27,6 +28,9 @@ void UpstreamSgSm::RhoRoute::handleRouteInit() {
 
 void UpstreamSgSm::RhoRoute::doEvalRpfPrimeSg() {
     Route& r = route();
+    // On the shared tree RPF' is RPF'(S,G,rpt), which the upstream (S,G,rpt)
+    // machine keeps; RPF'(S,G) is written again when the route joins.
+    if (onSharedTree(r, sm_.in_.rpfTable)) return;
     CASK_VRF_TRACE(7, sm_.vrfName(), "UpstreamSgSm::doEvalRpfPrimeSg({}) join state {}", r.key(),
                    r.upJoinState());
     const RpfInfo info = sm_.rpfPrimeSg(r);
@@ -115,6 +119,12 @@ void UpstreamSgSm::RhoRoute::handleChangeFlags() {
         return;
     }
     const bool joined = r.upJoinState() == UpJoinState::upJoined;
+    // Not joined and on the shared tree: nothing was sent toward the source,
+    // and RPF' follows RPF'(*,G) through the upstream (S,G,rpt) machine.
+    if (!joined && onSharedTree(r, sm_.in_.rpfTable)) {
+        sm_.doEvalJoinDesiredSg(r);
+        return;
+    }
     // A restarted neighbour lost the Join: it gets a triggered one.
     auto resend = [&](const Rpf& to, const char* which) {
         if (!joined || !to.hasNeighbor()) return;

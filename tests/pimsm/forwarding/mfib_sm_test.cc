@@ -389,25 +389,36 @@ TEST(MfibSm, SgRouteWaitsForRegisterEvaluationThenInheritsAndDropsTheSharedTree)
     f.flush();
     const TMF::Route* r = f.record(sg.key());
     ASSERT_TRUE(r);
+    // Not joined toward S: its packets come down the shared tree, and go to
+    // every (*,G) receiver, the one on RPF_interface(S) too.
+    ASSERT_EQ(wc.upJoinState(), UpJoinState::upJoined);
+    EXPECT_EQ(r->iif(), Wirl::IntfId("up_rp"));
+    EXPECT_TRUE(f.hasOif(sg.key(), "d1"));
+    EXPECT_TRUE(f.hasOif(sg.key(), "up_s"));
+    EXPECT_TRUE(r->fastdrop().isNull());
+    EXPECT_TRUE(r->flag(TMF::Route::notifyProgrammable));
+
+    // Joined toward S: packets are taken on RPF_interface(S), which is not
+    // inherited, and those still arriving down the shared tree are dropped.
+    f.receiverIs(sg, "d2", true);
+    ASSERT_EQ(sg.upJoinState(), UpJoinState::upJoined);
+    r = f.record(sg.key());
     EXPECT_EQ(r->iif(), Wirl::IntfId("up_s"));
     EXPECT_TRUE(f.hasOif(sg.key(), "d1"));
-    EXPECT_FALSE(f.hasOif(sg.key(), "up_s"));  // its own iif is not inherited
-    EXPECT_TRUE(r->flag(TMF::Route::notifyProgrammable));
-    // The (*,G) receivers joined the shared tree: packets of S arriving on
-    // it are dropped.
-    ASSERT_EQ(wc.upJoinState(), UpJoinState::upJoined);
+    EXPECT_FALSE(f.hasOif(sg.key(), "up_s"));
     EXPECT_EQ(r->fastdrop(), Wirl::IntfId("up_rp"));
 
-    // They leave, and so does the shared tree: nothing inherited or dropped.
+    // The (*,G) receivers leave, and so does the shared tree: nothing
+    // inherited or dropped.
     f.receiverIs(wc, "d1", false);
     f.receiverIs(wc, "up_s", false);
     ASSERT_EQ(wc.upJoinState(), UpJoinState::upNotJoined);
     ASSERT_TRUE(f.record(sg.key()));
-    EXPECT_EQ(f.record(sg.key())->oifs(), 0u);
+    EXPECT_EQ(f.record(sg.key())->oifs(), 1u);  // d2, its own receiver
     EXPECT_TRUE(f.record(sg.key())->fastdrop().isNull());
     // A (*,G) interface change reaches the (S,G) record.
-    f.receiverIs(wc, "d2", true);
-    EXPECT_TRUE(f.hasOif(sg.key(), "d2"));
+    f.receiverIs(wc, "d3", true);
+    EXPECT_TRUE(f.hasOif(sg.key(), "d3"));
     EXPECT_EQ(f.record(sg.key())->fastdrop(), Wirl::IntfId("up_rp"));
     f.expectConsistent();
 }

@@ -378,8 +378,13 @@ TEST(SgRouteSmTest, WrongVif) {
     f.route(RouteKey::wc(f.group), {"d1"});
     Route& sg = f.route(k);
     f.flush();
+    // Not joined toward S: on the shared tree, from RPF'(*,G).
+    EXPECT_EQ(sg.iif(), f.up1);
+    // A receiver of S joins it toward S, on RPF_interface(S).
+    sg.routeIntfIs(IntfId("d2"))->localReceiverIncludeIs(true);
+    f.flush();
+    ASSERT_EQ(sg.upJoinState(), UpJoinState::upJoined);
     EXPECT_EQ(sg.iif(), f.up2);
-    sg.upJoinStateIs(UpJoinState::upJoined);
     f.upcall(MrtUpcall::Kind::wrongVif, k, f.up1);  // on the shared tree: no SPT
     EXPECT_FALSE(sg.spTree());
     f.upcall(MrtUpcall::Kind::wrongVif, k, f.up2);

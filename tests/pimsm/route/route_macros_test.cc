@@ -64,6 +64,10 @@ struct MacroVrf : Testing::TestVrf {
         settle();
         localStatus().sgRouteDel(sgRoute->key());
         settle();
+        // Registered without any join, it took its packets from the shared
+        // tree; the tables read it as a route whose RPF' is RPF'(S,G).
+        sgRoute->umh()->doUpdateRpf(
+            Routing::Pim::Rpf{Wirl::IntfId("up_s"), peer("up_s", lowHost), srcPref, srcMetric});
     }
 
     Wirl::IpGenAddr addr(unsigned subnet, unsigned host) const {
