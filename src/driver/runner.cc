@@ -13,17 +13,6 @@ using namespace Routing::Pim::SparseMode;
 
 namespace {
 
-// Stands in for the packet side: what the machines queued as triggered or
-// override contents goes out at once, so the pending sets start empty again
-// (the `join-prune` output shows what was sent last).
-void pendingSent(Agent& agent) {
-    auto* root = agent.rootSm();
-    if (!root) return;
-    for (const auto& [vrf, c] : root->containerSm()) {
-        if (auto* jp = c->joinPruneStatus()) jp->pendingSent();
-    }
-}
-
 // The VRF's container while the VRF runs; null otherwise (nobody receives
 // what is sent to it then).
 ContainerSm* runningContainer(Agent& agent, const L3::VrfName& vrf) {
@@ -370,13 +359,45 @@ nlohmann::ordered_json Runner::output(Output what) {
     }
 }
 
+// Stands in for the packet side: triggered contents and PruneEchoes go out
+// at once, override contents once their override delay has passed since
+// they were first queued (RFC 7761 t_override, taken at its largest, the
+// interface's Effective_Override_Interval), so that a Join seen meanwhile
+// can still cancel them. What was sent leaves the pending sets; the
+// `join-prune` output shows what was sent last.
+void Runner::packetSide() {
+    auto* root = agent_->rootSm();
+    if (!root) return;
+    const Cask::Seconds now = loop_.now();
+    for (const auto& [vrf, c] : root->containerSm()) {
+        auto* jp = c->joinPruneStatus();
+        if (!jp) continue;
+        for (const auto& [key, nbr] : jp->neighbor()) {
+            nbr->triggeredSent();
+            const OverrideKey ok{vrf.str(), key};
+            if (nbr->pendingOverride().joinPruneGroupDataSize() == 0) {
+                overrideSince_.erase(ok);
+                continue;
+            }
+            const auto since = overrideSince_.try_emplace(ok, now).first;
+            const auto* intf = c->pimStatus() ? c->pimStatus()->intfRaw(key.intf) : nullptr;
+            const double delay = intf ? intf->joinPruneOverrideInterval() : 2.5;
+            if (now + 1e-9 >= since->second + delay) {
+                nbr->overrideSent();
+                overrideSince_.erase(since);
+            }
+        }
+        jp->pruneEchoesSent();
+    }
+}
+
 int Runner::run(Report& report) {
     int failed = 0;
     for (const auto& ev : scenario_.events) {
         loop_.runUntil(ev.at);
-        pendingSent(*agent_);
+        packetSide();
         apply(ev);
-        pendingSent(*agent_);
+        packetSide();
         if (ev.kind == Event::Kind::show) {
             for (Output o : ev.outputs) report.show(ev.at, o, output(o));
         } else if (ev.kind == Event::Kind::expect) {
@@ -388,7 +409,7 @@ int Runner::run(Report& report) {
         }
     }
     loop_.runUntil(std::max(scenario_.until, options_.until));
-    pendingSent(*agent_);
+    packetSide();
     return failed;
 }
 

@@ -6,8 +6,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -15,6 +17,7 @@
 #include "cask/event_loop.h"
 #include "driver/scenario.h"
 #include "pimsm/agent/agent.h"
+#include "platform/route_key.h"
 #include "platform/state_db.h"
 
 namespace Driver {
@@ -58,6 +61,10 @@ private:
     void apply(const Event& ev);
     void publishNeighbor(const L3::VrfName& vrf, Wirl::IntfId intf, const Wirl::IpGenAddr& a,
                          unsigned genId);
+    void packetSide();
+
+    // When each neighbour's pending override contents were first seen.
+    using OverrideKey = std::pair<std::string, Routing::Pim::NeighborKey>;
 
     const Scenario& scenario_;
     RunOptions options_;
@@ -68,6 +75,7 @@ private:
     std::unique_ptr<Routing::Pim::SparseMode::Agent> agent_;
     std::uint64_t traceSeen_ = 0;  // trace lines already shown
     std::uint64_t eventsSeen_ = 0;
+    std::map<OverrideKey, Cask::Seconds> overrideSince_;
 };
 
 }  // namespace Driver

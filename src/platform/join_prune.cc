@@ -71,19 +71,35 @@ std::vector<const JoinPruneGroupData*> JoinPruneData::groupsInOrder() const {
     return out;
 }
 
+namespace {
+
+void moveSent(JoinPruneData& pending, JoinPruneData& sent) {
+    if (pending.joinPruneGroupData().empty()) return;
+    sent.joinPruneGroupDataCopyIs(pending);
+    pending.joinPruneGroupDataDelAll();
+}
+
+}  // namespace
+
 void JoinPruneNeighbor::pendingSent() {
-    const std::pair<JoinPruneData*, JoinPruneData*> sets[] = {
-        {pendingTriggered_.get(), sentTriggered_.get()},
-        {pendingOverride_.get(), sentOverride_.get()}};
-    for (auto [pending, sent] : sets) {
-        if (pending->joinPruneGroupData().empty()) continue;
-        sent->joinPruneGroupDataCopyIs(*pending);
-        pending->joinPruneGroupDataDelAll();
-    }
+    triggeredSent();
+    overrideSent();
+}
+
+void JoinPruneNeighbor::triggeredSent() {
+    moveSent(*pendingTriggered_, *sentTriggered_);
+}
+
+void JoinPruneNeighbor::overrideSent() {
+    moveSent(*pendingOverride_, *sentOverride_);
 }
 
 void JoinPruneStatus::pendingSent() {
     for (const auto& [key, nbr] : neighbor_) nbr->pendingSent();
+    pruneEchoesSent();
+}
+
+void JoinPruneStatus::pruneEchoesSent() {
     for (const auto& [intf, echo] : pruneEcho_) {
         if (echo->joinPruneGroupData().empty()) continue;
         auto& sent = sentPruneEcho_[intf];

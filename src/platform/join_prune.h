@@ -152,6 +152,10 @@ public:
     // set stays. A (*,G) Join's reference to the periodic record is copied
     // as it is, so the copy shows the (S,G,rpt) prunes as they are now.
     void pendingSent();
+    // The same for one pending set: the packet side sends the triggered set
+    // at once and the override set after its override delay.
+    void triggeredSent();
+    void overrideSent();
     // What the packet side was last handed from each pending set, for
     // display; nothing reads it to decide anything.
     const JoinPruneData& sentTriggered() const { return *sentTriggered_; }
@@ -225,6 +229,8 @@ public:
     // Every neighbour's pending sets and every pending PruneEcho were sent
     // (`JoinPruneNeighbor::pendingSent`).
     void pendingSent();
+    // Every pending PruneEcho was sent.
+    void pruneEchoesSent();
 
     // PruneEchoes waiting to be sent, per interface (RFC 7761 4.5.2: when a
     // received Prune takes effect on a LAN, the router sends the Prune again,
