@@ -69,6 +69,8 @@ Json routeRow(const L3::VrfName& vrf, const Route& r) {
     row["iif"] = rpf.resolved() ? rpf.intf.name() : "-";
     row["rpf-neighbor"] = rpf.hasNeighbor() ? rpf.neighbor.str() : "-";
     row["upstream"] = enumName(r.upJoinState());
+    // An (S,G) route's upstream state on the shared tree (RFC 7761 4.5.7).
+    row["upstream-rpt"] = r.isWc() ? "-" : enumName(r.umh()->upRptState());
     row["oifs"] = oifs;
     row["why"] = reasons;
     // The data-driven state of an (S,G) route ("-" for a (*,G) route): the
@@ -212,6 +214,13 @@ void joinPruneRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
                 for (const auto& s : g->joinedRptSource()) joins.push_back(s.str() + " rpt");
                 for (const auto& s : g->prunedSource()) prunes.push_back(s.str());
                 for (const auto& s : g->prunedRptSource()) prunes.push_back(s.str() + " rpt");
+                // A triggered or override (*,G) Join carries the group's
+                // periodic (S,G,rpt) Prunes.
+                if (const auto* pr = g->periodicPrunedRptGroupData().get()) {
+                    for (const auto& s : pr->prunedRptSource()) {
+                        if (!g->prunedRptSourceHas(s)) prunes.push_back(s.str() + " rpt");
+                    }
+                }
                 if (joins.empty() && prunes.empty()) continue;
                 Json row;
                 row["vrf"] = vrf.str();
