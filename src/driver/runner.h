@@ -6,8 +6,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 
 #include <nlohmann/json.hpp>
 
@@ -52,6 +54,10 @@ public:
     Routing::Pim::SparseMode::Agent& agent() const { return *agent_; }
     Platform::StateDb& db() { return db_; }
     Cask::EventLoop& loop() { return loop_; }
+    // When the neighbour last came up (was published while absent), in loop
+    // seconds; negative for a neighbour that is not up.
+    double neighborSince(const L3::VrfName& vrf, Wirl::IntfId intf,
+                         const Wirl::IpGenAddr& address) const;
 
 private:
     void publish(const VrfSpec& vrf);
@@ -66,6 +72,7 @@ private:
     Cask::EventLoop loop_;
     Platform::StateDb db_;
     std::unique_ptr<Routing::Pim::SparseMode::Agent> agent_;
+    std::map<std::tuple<L3::VrfName, Wirl::IntfId, Wirl::IpGenAddr>, double> neighborSince_;
     std::uint64_t traceSeen_ = 0;  // trace lines already shown
     std::uint64_t eventsSeen_ = 0;
 };
