@@ -513,7 +513,10 @@ void membershipRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
 void rpRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
     const auto& ctx = c.context();
     if (!ctx.rpMapping) return;
-    for (const auto& [range, rp] : ctx.rpMapping->rp()) {
+    // The mapping is a hash map: list it in group-range order.
+    std::map<Wirl::IpGenPrefix, Wirl::IpGenAddr> mappings;
+    for (const auto& [range, rp] : ctx.rpMapping->rp()) mappings.emplace(range, rp);
+    for (const auto& [range, rp] : mappings) {
         const bool iAmRp = ctx.rpLocalStatus && ctx.rpLocalStatus->iAmRp(rp);
         const auto lookup = rpfLookup(c, rp);
         Wirl::IpGenAddr neighbor;
@@ -538,11 +541,20 @@ void rpRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
     }
 }
 
+// The VRF's PIM interfaces in name order (the status keeps them hashed).
+std::map<Wirl::IntfId, const Routing::Pim::PimIntfStatus*> pimIntfs(const ContainerSm& c) {
+    std::map<Wirl::IntfId, const Routing::Pim::PimIntfStatus*> out;
+    for (const auto& [id, intf] : c.pimStatus()->intf()) out.emplace(id, intf.get());
+    return out;
+}
+
 // One row per PIM neighbour, with its generation ID and when it came up.
 void neighborRows(const L3::VrfName& vrf, const Runner& runner, const ContainerSm& c, Json& rows) {
     const double now = c.context().loop->now();
-    for (const auto& [id, intf] : c.pimStatus()->intf()) {
-        for (const auto& [address, n] : intf->neighbor()) {
+    for (const auto& [id, intf] : pimIntfs(c)) {
+        std::map<Wirl::IpGenAddr, const Routing::Pim::PimNeighborStatus*> neighbors;
+        for (const auto& [address, n] : intf->neighbor()) neighbors.emplace(address, n.get());
+        for (const auto& [address, n] : neighbors) {
             const double since = runner.neighborSince(vrf, id, address);
             Json row;
             row["vrf"] = vrf.str();
@@ -558,7 +570,7 @@ void neighborRows(const L3::VrfName& vrf, const Runner& runner, const ContainerS
 // One row per PIM interface: this router's address, the DR, the protocol
 // timers and how many neighbours were heard.
 void interfaceRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
-    for (const auto& [id, intf] : c.pimStatus()->intf()) {
+    for (const auto& [id, intf] : pimIntfs(c)) {
         Json row;
         row["vrf"] = vrf.str();
         row["interface"] = id.name();
