@@ -308,14 +308,16 @@ const char* legend(Output what) {
                    "PruneEcho sent on interface";
         case Output::asserts:
         case Output::sent:
-            return "metric: rpt RPT bit, pref metric preference, metric route metric, addr "
-                   "address; -: infinite (AssertCancel)";
+            return "state: iAmAssertWinner / iAmAssertLoser (RFC 7761 4.6); metric: rpt RPT "
+                   "bit, preference, metric, address; -: infinite (an AssertCancel)";
         case Output::membership:
             return "decision: include / exclude the receiver counts, ignored (see reason), "
-                   "pending not decided yet";
+                   "pending not decided yet (or refused at the route limit: see counters)";
         case Output::downstream:
-            return "expiry and prune-pending: loop time (seconds) the timer fires; -: not "
-                   "running";
+            return "join-state: joined (RFC 7761 Join), prunePending (Prune-Pending); "
+                   "rpt-state: rptPrunePending, rptPruned; -: NoInfo\n"
+                   "expiry, prune-pending and the rpt- timers: loop time (seconds) the timer "
+                   "fires; -: not running";
         case Output::sptThreshold:
             return "access-lists: NAME:THRESHOLD:PREFIX+PREFIX";
         default:

@@ -144,6 +144,10 @@ int main(int argc, char** argv) {
     runCmd->add_option("--until", untilText, "run at least until this time (seconds)");
     runCmd->add_option("--seed", seedText, "seed of the random jitter");
     runCmd->add_flag("--check", check, "exit with 1 when an expectation fails");
+    runCmd->footer(
+        "Outputs a scenario can show or expect: routes, membership, rp, neighbors, interfaces,\n"
+        "join-prune, downstream, forwarding, asserts, sent, register, counters, spt-threshold,\n"
+        "trace, events (docs/outputs.md lists their fields).");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
