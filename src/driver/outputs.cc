@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <optional>
 
 #include <fmt/format.h>
 
@@ -24,9 +25,12 @@ Json seconds(double t) {
 }
 
 // An address, or null when there is none (no family, or unspecified).
+bool validAddress(const Wirl::IpGenAddr& a) {
+    return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
+}
+
 Json addressOrNull(const Wirl::IpGenAddr& a) {
-    if (a.family() == Wirl::AddressFamily::ipunknown || a.isUnspecified()) return nullptr;
-    return a.str();
+    return validAddress(a) ? Json(a.str()) : Json();
 }
 
 // The route as one word, "(*,G)" or "(S,G)", and its source ("*" for the
@@ -55,10 +59,6 @@ Json flagWords(const Route& r) {
 // A timer deadline in loop seconds, null when it is not running.
 Json deadline(Cask::Seconds at) {
     return at == Cask::never ? Json() : seconds(at);
-}
-
-bool validAddress(const Wirl::IpGenAddr& a) {
-    return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
 }
 
 // The RP the agent maps the group to (what the upstream (*,G) machine
@@ -99,7 +99,7 @@ Json iifReason(const ContainerSm& c, const Route& r, const Wirl::IpGenAddr& rp) 
 // for an inherited interface the (*,G) route's.
 Json oifWhy(const ContainerSm& c, const Route& r, Wirl::IntfId id) {
     const Intf* i = r.routeIntfRaw(id);
-    std::vector<std::string> reasons;
+    Json reasons = Json::array();
     if (r.isWc()) {
         if (i->joinsWc()) reasons.push_back("join");
         if (i->includeWc()) reasons.push_back("local");
@@ -121,7 +121,7 @@ Json oifWhy(const ContainerSm& c, const Route& r, Wirl::IntfId id) {
         expiry = timerOf(Routing::Pim::RouteKey::wc(r.key().group()));
     Json why;
     why["interface"] = id.name();
-    why["reason"] = fmt::format("{}", fmt::join(reasons, "+"));
+    why["reasons"] = reasons;
     const double now = c.context().loop->now();
     why["expires"] = expiry == Cask::never ? Json() : seconds(expiry - now);
     return why;

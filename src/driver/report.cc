@@ -64,7 +64,9 @@ Json legacyForm(Output what, const std::string& field, const Json& value, const 
             if (field == "upstream" && value.is_string()) return "up" + value.get<std::string>();
             if (field == "why") {
                 return each([](const Json& e) {
-                    return fmt::format("{} ({})", text(e["interface"]), text(e["reason"]));
+                    std::vector<std::string> reasons;
+                    for (const auto& r : e["reasons"]) reasons.push_back(text(r));
+                    return fmt::format("{} ({})", text(e["interface"]), fmt::join(reasons, "+"));
                 });
             }
             break;
@@ -258,9 +260,11 @@ std::string cellPart(const Json& v) {
         }
         return kind + ":" + text(v["source"]);
     }
-    if (v.contains("reason")) {
-        // An outgoing interface: IFACE:REASON, and :EXPIRES with a Join.
-        std::string out = text(v["interface"]) + ":" + text(v["reason"]);
+    if (v.contains("reasons")) {
+        // An outgoing interface: IFACE:REASON+REASON, and :EXPIRES with a Join.
+        std::vector<std::string> reasons;
+        for (const auto& r : v["reasons"]) reasons.push_back(text(r));
+        std::string out = fmt::format("{}:{}", text(v["interface"]), fmt::join(reasons, "+"));
         if (!v["expires"].is_null()) out += ":" + text(v["expires"]);
         return out;
     }
@@ -294,7 +298,8 @@ const char* legend(Output what) {
                    "keepalive expired, marked to be deleted, programmable may be written to "
                    "forwarding\n"
                    "upstream: Joined / NotJoined toward rpf-neighbor (RFC 7761 4.5.4, 4.5.5)\n"
-                   "why: IFACE:REASON[:EXPIRES], REASON join (a downstream Join), local (a local "
+                   "why: IFACE:REASON[+REASON][:EXPIRES], REASON join (a downstream Join), local "
+                   "(a local "
                    "receiver), inherited (from the (*,G) route); EXPIRES seconds until the Join "
                    "times out\n"
                    "uptime: seconds since the route was made; -: none";

@@ -255,7 +255,7 @@ TEST(Expect, EarlierTextFormsMatchTheStructuredValues) {
     };
     const char* wcRoute = R"j({"route": "(*,239.1.1.1)", "source": "*", "group": "239.1.1.1",
         "flags": ["spt", "oif-register"], "upstream": "Joined",
-        "why": [{"interface": "Ethernet1", "reason": "join", "expires": 200.5}]})j";
+        "why": [{"interface": "Ethernet1", "reasons": ["join"], "expires": 200.5}]})j";
     const char* jp = R"j({"neighbor": "10.2.0.2", "interface": "Ethernet2", "set": "periodic",
         "group": "239.1.1.1", "joins": [{"kind": "wc", "rp": "10.0.0.1", "suppressed": false},
         {"kind": "sg-rpt", "source": "10.2.0.5"}], "prunes": [{"kind": "sg", "source": "10.2.0.6"}]})j";
@@ -315,8 +315,8 @@ TEST(Expect, EarlierTextFormsMatchTheStructuredValues) {
 TEST(Expect, TextTableCellsAreOneWordEach) {
     const Json rows = Json::parse(R"j([
         {"route": "(*,239.1.1.1)", "flags": ["wc", "spt"], "iif": null, "oifs": [],
-         "why": [{"interface": "Ethernet1", "reason": "join+local", "expires": 1.5},
-                 {"interface": "Ethernet4", "reason": "local", "expires": null}],
+         "why": [{"interface": "Ethernet1", "reasons": ["join", "local"], "expires": 1.5},
+                 {"interface": "Ethernet4", "reasons": ["local"], "expires": null}],
          "joins": [{"kind": "wc", "rp": "10.0.0.1", "suppressed": true},
                    {"kind": "sg-rpt", "source": "10.2.0.5"}],
          "metric": {"rpt": false, "preference": 10, "metric": 20}, "uptime": 2.25}])j");
