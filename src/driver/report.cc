@@ -311,8 +311,10 @@ const char* legend(Output what) {
             return "entries: wc:RP (*,G) toward RP (+suppressed: not sent, another router "
                    "joined), sg:SOURCE (S,G), sg-rpt:SOURCE (S,G,rpt); neighbor self: a "
                    "PruneEcho sent on interface";
-        case Output::asserts:
         case Output::sent:
+            return "metric: rpt RPT bit, preference, metric (the address is the sender's "
+                   "own); -: infinite (an AssertCancel)";
+        case Output::asserts:
             return "state: iAmAssertWinner / iAmAssertLoser (RFC 7761 4.6); metric: rpt RPT "
                    "bit, preference, metric, address; -: infinite (an AssertCancel)";
         case Output::membership:
