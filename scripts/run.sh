@@ -1,8 +1,12 @@
 #!/usr/bin/env bash
-# Sets up the machine, builds the release binaries and runs the main job.
+# Sets up the machine, builds the release `pimsm` program and runs it.
+#   scripts/run.sh               the main job: the bundled example
+#   scripts/run.sh run FILE ...  any pimsm command; paths are taken from
+#                                where you stand, not from the repository
 set -euo pipefail
-cd "$(dirname "$0")/.."
-scripts/setup.sh
-scripts/build.sh build -DCMAKE_BUILD_TYPE=Release -DPIMSM_TESTS=OFF >/dev/null
+root="$(cd "$(dirname "$0")/.." && pwd)"
+"$root/scripts/setup.sh"
+"$root/scripts/build.sh" build --target pimsm -DCMAKE_BUILD_TYPE=Release -DPIMSM_TESTS=OFF \
+    -DPIMSM_BENCH=OFF
 if [ $# -eq 0 ]; then set -- run; fi
-exec build/src/pimsm "$@"
+exec "$root/build/src/pimsm" "$@"

@@ -1,12 +1,16 @@
 #include "driver/outputs.h"
 
 #include <algorithm>
+#include <cmath>
 #include <map>
+#include <optional>
 
 #include <fmt/format.h>
 
 #include "driver/runner.h"
 #include "pimsm/agent/root_sm.h"
+#include "pimsm/upstream/rpf_table.h"
+#include "platform/rp_local.h"
 
 namespace Driver {
 
@@ -15,25 +19,87 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
+// A time in seconds, to the millisecond (loop times are sums of doubles).
+Json seconds(double t) {
+    return std::round(t * 1000) / 1000;
+}
+
+// An address, or null when there is none (no family, or unspecified).
+bool validAddress(const Wirl::IpGenAddr& a) {
+    return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
+}
+
+Json addressOrNull(const Wirl::IpGenAddr& a) {
+    return validAddress(a) ? Json(a.str()) : Json();
+}
+
+// The route as one word, "(*,G)" or "(S,G)", and its source ("*" for the
+// shared tree) and group as fields of their own.
+void putRoute(Json& row, const Routing::Pim::RouteKey& key) {
+    const std::string source = key.isWc() ? std::string("*") : key.source().str();
+    row["route"] = fmt::format("({},{})", source, key.group());
+    row["source"] = source;
+    row["group"] = key.group().str();
+}
+
 // The route's set flags by name, in declaration order.
-std::string flagWords(const Route& r) {
+Json flagWords(const Route& r) {
     static const char* const names[] = {"rpt",           "wc",   "spt",         "switching",
                                         "iif-switching", "mbr",  "kat-expired", "marked",
                                         "may-advertise", "msdp", "anycast",     "dr-discovered",
                                         "oif-register"};
-    std::string out;
+    Json out = Json::array();
     for (unsigned b = 0; b < Route::routeFlagCount; ++b) {
-        if (!(r.routeFlags() & (1u << b))) continue;
-        if (!out.empty()) out += ' ';
-        out += names[b];
+        if (r.routeFlags() & (1u << b)) out.push_back(names[b]);
     }
-    if (r.programmable()) out += out.empty() ? "programmable" : " programmable";
-    return out.empty() ? "-" : out;
+    if (r.programmable()) out.push_back("programmable");
+    return out;
 }
 
-// Why an interface is in a route's outgoing list.
-std::string why(const Route& r, const Intf* i) {
-    std::vector<std::string> reasons;
+// A timer deadline in loop seconds, null when it is not running.
+Json deadline(Cask::Seconds at) {
+    return at == Cask::never ? Json() : seconds(at);
+}
+
+// The RP the agent maps the group to (what the upstream (*,G) machine
+// reads); unset for SSM groups, which have none.
+Wirl::IpGenAddr rpOf(const ContainerSm& c, const Wirl::IpGenAddr& group) {
+    const auto& ctx = c.context();
+    if (ctx.ssmGroupInfo && ctx.config && ctx.ssmGroupInfo->ssmGroup(group, *ctx.config)) return {};
+    return ctx.rpMapping ? ctx.rpMapping->rpFor(group) : Wirl::IpGenAddr();
+}
+
+// The unicast route the agent's RPF table gives toward an address.
+std::optional<RpfLookup> rpfLookup(const ContainerSm& c, const Wirl::IpGenAddr& a) {
+    const auto* table = c.context().rpfTable;
+    if (!validAddress(a) || !table || !table->available()) return std::nullopt;
+    return table->doLookup(a);
+}
+
+// Why a route has no incoming interface or no RPF neighbour, read from the
+// route's upstream record, the RP mapping and the RPF table; null when it
+// has both.
+Json iifReason(const ContainerSm& c, const Route& r, const Wirl::IpGenAddr& rp) {
+    const auto& rpf = r.rpf();
+    const auto& ctx = c.context();
+    if (r.isWc()) {
+        if (!validAddress(rp)) return "no RP";
+        if (ctx.rpLocalStatus && ctx.rpLocalStatus->iAmRp(rp)) return "this router is the RP";
+        if (!rpf.resolved()) return "no route to RP";
+    } else {
+        if (!rpf.resolved()) return "no route to source";
+        if (!rpf.hasNeighbor() && r.umh()->rpfAttached()) return "source directly connected";
+    }
+    if (!rpf.hasNeighbor()) return "RPF neighbour not a PIM neighbour";
+    return nullptr;
+}
+
+// Why an interface is in a route's outgoing list, with the expiry of the
+// downstream state behind it (null without one): the route's own Join, or
+// for an inherited interface the (*,G) route's.
+Json oifWhy(const ContainerSm& c, const Route& r, Wirl::IntfId id) {
+    const Intf* i = r.routeIntfRaw(id);
+    Json reasons = Json::array();
     if (r.isWc()) {
         if (i->joinsWc()) reasons.push_back("join");
         if (i->includeWc()) reasons.push_back("local");
@@ -44,15 +110,47 @@ std::string why(const Route& r, const Intf* i) {
     } else {
         reasons.push_back("inherited");
     }
-    return fmt::format("{}", fmt::join(reasons, "+"));
+    Cask::Seconds expiry = Cask::never;
+    auto timerOf = [&](const Routing::Pim::RouteKey& key) {
+        const auto* ds = c.downstreamWcSgSm()->downstreamRouteSm(key);
+        const auto* rho = ds ? ds->rhoIntf(id) : nullptr;
+        return rho ? rho->timerDeadline(IntfTimer::expiry) : Cask::never;
+    };
+    expiry = timerOf(r.key());
+    if (expiry == Cask::never && !r.isWc())
+        expiry = timerOf(Routing::Pim::RouteKey::wc(r.key().group()));
+    Json why;
+    why["interface"] = id.name();
+    why["reasons"] = reasons;
+    const double now = c.context().loop->now();
+    why["expires"] = expiry == Cask::never ? Json() : seconds(expiry - now);
+    return why;
 }
 
-Json routeRow(const L3::VrfName& vrf, const Route& r) {
+// The upstream join state in the RFC's words.
+const char* upstreamWords(UpJoinState s) {
+    return s == UpJoinState::upJoined ? "Joined" : "NotJoined";
+}
+
+// The upstream (S,G,rpt) states as RFC 7761 4.5.7 names them.
+const char* upstreamRptWords(UpRptState s) {
+    switch (s) {
+        case UpRptState::upRptPruned:
+            return "Pruned";
+        case UpRptState::upRptNotPruned:
+            return "NotPruned";
+        case UpRptState::upRptNotJoined:
+            break;
+    }
+    return "RPTNotJoined";
+}
+
+Json routeRow(const L3::VrfName& vrf, const ContainerSm& c, const Route& r) {
     Json oifs = Json::array();
     Json reasons = Json::array();
     auto add = [&](Wirl::IntfId id) {
         oifs.push_back(id.name());
-        reasons.push_back(fmt::format("{} ({})", id.name(), why(r, r.routeIntfRaw(id))));
+        reasons.push_back(oifWhy(c, r, id));
     };
     if (r.isWc()) {
         for (const auto& [id, intf] : r.routeIntf()) {
@@ -62,33 +160,46 @@ Json routeRow(const L3::VrfName& vrf, const Route& r) {
         r.forEachInheritedOlistSg(add);
     }
     const auto& rpf = r.rpf();
+    const Wirl::IpGenAddr rp = rpOf(c, r.key().group());
+    const auto lookup = rpfLookup(c, r.isWc() ? rp : r.key().source());
     Json row;
     row["vrf"] = vrf.str();
-    row["route"] = r.key().str();
+    putRoute(row, r.key());
     row["flags"] = flagWords(r);
-    row["iif"] = rpf.resolved() ? rpf.intf.name() : "-";
-    row["rpf-neighbor"] = rpf.hasNeighbor() ? rpf.neighbor.str() : "-";
-    row["upstream"] = enumName(r.upJoinState());
+    row["rp"] = addressOrNull(rp);
+    row["iif"] = rpf.resolved() ? Json(rpf.intf.name()) : Json();
+    row["rpf-neighbor"] = rpf.hasNeighbor() ? Json(rpf.neighbor.str()) : Json();
+    row["rpf-route"] = lookup ? Json(lookup->prefix.str()) : Json();
+    row["upstream"] = upstreamWords(r.upJoinState());
     // An (S,G) route's upstream state on the shared tree (RFC 7761 4.5.7).
-    row["upstream-rpt"] = r.isWc() ? "-" : enumName(r.umh()->upRptState());
+    row["upstream-rpt"] = r.isWc() ? Json() : Json(upstreamRptWords(r.umh()->upRptState()));
+    row["uptime"] = seconds(c.context().loop->now() - r.creationTime());
     row["oifs"] = oifs;
     row["why"] = reasons;
-    // The data-driven state of an (S,G) route ("-" for a (*,G) route): the
+    // The data-driven state of an (S,G) route (null for a (*,G) route): the
     // SPT bit, the keepalive timer, and whether the register tunnel is in
     // the olist ("pending" until that was decided).
     const bool sg = !r.isWc();
-    row["spt"] = sg ? (r.spTree() ? "true" : "false") : "-";
-    row["keepalive"] = !sg ? "-" : r.katExpired() ? "expired" : "running";
-    row["register"] = !sg                         ? "-"
+    row["spt"] = sg ? Json(r.spTree()) : Json();
+    row["keepalive"] = !sg ? Json() : r.katExpired() ? "expired" : "running";
+    row["register"] = !sg                         ? Json()
                       : !r.registerOifEvaluated() ? "pending"
                       : r.oifRegister()           ? "oif"
                                                   : "no-oif";
+    row["iif-reason"] = iifReason(c, r, rp);
     return row;
 }
 
-// A timer deadline in loop seconds, "-" when it is not running.
-std::string deadline(Cask::Seconds at) {
-    return at == Cask::never ? "-" : fmt::format("{:.3f}", at);
+// An assert metric as its fields; null when infinite (an AssertCancel, or
+// no winner). The address is left out where it is the sender's own.
+Json metricObject(const Routing::Pim::AssertMetric& m, bool withAddress) {
+    if (m.isInfinite()) return nullptr;
+    Json out;
+    out["rpt"] = m.rptBit;
+    out["preference"] = m.metricPreference;
+    out["metric"] = m.metric;
+    if (withAddress) out["address"] = m.address.str();
+    return out;
 }
 
 // One row per route and interface with assert state: the state, the
@@ -100,14 +211,14 @@ void assertRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
             if (info.assertState == AssertState::assertNoInfo) continue;
             Json row;
             row["vrf"] = vrf.str();
-            row["route"] = key.str();
+            putRoute(row, key);
             row["interface"] = id.name();
             row["state"] = enumName(info.assertState);
             row["winner"] = intf->assertWinner().str();
-            row["winner-metric"] = info.winnerMetric.str();
+            row["winner-metric"] = metricObject(info.winnerMetric, true);
             row["last-action"] = intf->lastAssertAction()
-                                     ? fmt::format("A{}", intf->lastAssertAction())
-                                     : std::string("-");
+                                     ? Json(fmt::format("A{}", intf->lastAssertAction()))
+                                     : Json();
             const AssertSm& sm = key.isWc() ? static_cast<const AssertSm&>(*c.assertWcSm())
                                             : static_cast<const AssertSm&>(*c.assertSgSm());
             const auto* rho = sm.rhoRoute(key);
@@ -125,15 +236,12 @@ void sentRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
     for (const auto& s : c.txMessageInfo()->sent()) {
         Json row;
         row["vrf"] = vrf.str();
-        row["time"] = fmt::format("{:.3f}", s.time);
+        row["time"] = seconds(s.time);
         row["interface"] = s.intf.name();
         row["message"] = s.cancel ? "AssertCancel" : "Assert";
-        row["route"] = s.key.str();
+        putRoute(row, s.key);
         // What the message carries: the address is the sender's own.
-        row["metric"] = s.metric.isInfinite()
-                            ? std::string("infinite")
-                            : fmt::format("rpt {} pref {} metric {}", int(s.metric.rptBit),
-                                          s.metric.metricPreference, s.metric.metric);
+        row["metric"] = metricObject(s.metric, false);
         rows.push_back(row);
     }
 }
@@ -148,8 +256,8 @@ void registerRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
         Json& r = byKey[k];
         if (r.is_null()) {
             r["vrf"] = vrf.str();
-            r["route"] = k.str();
-            r["could-register"] = "-";
+            putRoute(r, k);
+            r["could-register"] = nullptr;
             r["register-stop"] = false;
         }
         return r;
@@ -191,6 +299,23 @@ Json countersRow(const L3::VrfName& vrf, const ContainerSm& c) {
     return row;
 }
 
+// One Join/Prune entry: its kind ("wc", "sg", "sg-rpt"), its RP or source,
+// and whether a (*,G) Join is suppressed.
+Json wcEntry(const Wirl::IpGenAddr& rp, bool suppressed) {
+    Json e;
+    e["kind"] = "wc";
+    e["rp"] = rp.str();
+    e["suppressed"] = suppressed;
+    return e;
+}
+
+Json sourceEntry(const char* kind, const Wirl::IpGenAddr& source) {
+    Json e;
+    e["kind"] = kind;
+    e["source"] = source.str();
+    return e;
+}
+
 // One row per (upstream neighbour, message set, group) with something in it.
 // The triggered and override rows show what was last sent from those sets.
 void joinPruneRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
@@ -206,25 +331,26 @@ void joinPruneRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
                 Json joins = Json::array();
                 Json prunes = Json::array();
                 for (const auto& [rp, wc] : g->wcSourceData()) {
-                    std::string e =
-                        fmt::format("(*) rp {}{}", rp, wc.wcSuppressed ? " suppressed" : "");
-                    (wc.join ? joins : prunes).push_back(e);
+                    (wc.join ? joins : prunes).push_back(wcEntry(rp, wc.wcSuppressed));
                 }
-                for (const auto& s : g->joinedSource()) joins.push_back(s.str());
-                for (const auto& s : g->joinedRptSource()) joins.push_back(s.str() + " rpt");
-                for (const auto& s : g->prunedSource()) prunes.push_back(s.str());
-                for (const auto& s : g->prunedRptSource()) prunes.push_back(s.str() + " rpt");
+                for (const auto& s : g->joinedSource()) joins.push_back(sourceEntry("sg", s));
+                for (const auto& s : g->joinedRptSource())
+                    joins.push_back(sourceEntry("sg-rpt", s));
+                for (const auto& s : g->prunedSource()) prunes.push_back(sourceEntry("sg", s));
+                for (const auto& s : g->prunedRptSource())
+                    prunes.push_back(sourceEntry("sg-rpt", s));
                 // A triggered or override (*,G) Join carries the group's
                 // periodic (S,G,rpt) Prunes.
                 if (const auto* pr = g->periodicPrunedRptGroupData().get()) {
                     for (const auto& s : pr->prunedRptSource()) {
-                        if (!g->prunedRptSourceHas(s)) prunes.push_back(s.str() + " rpt");
+                        if (!g->prunedRptSourceHas(s)) prunes.push_back(sourceEntry("sg-rpt", s));
                     }
                 }
                 if (joins.empty() && prunes.empty()) continue;
                 Json row;
                 row["vrf"] = vrf.str();
-                row["neighbor"] = fmt::format("{} on {}", nbr.address, nbr.intf);
+                row["neighbor"] = nbr.address.str();
+                row["interface"] = nbr.intf.name();
                 row["set"] = set;
                 row["group"] = group.str();
                 row["joins"] = joins;
@@ -238,13 +364,12 @@ void joinPruneRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
     for (const auto& [intf, echo] : c.joinPruneStatus()->sentPruneEchoes()) {
         for (const auto* g : echo->groupsInOrder()) {
             Json prunes = Json::array();
-            for (const auto& [rp, wc] : g->wcSourceData()) {
-                prunes.push_back(fmt::format("(*) rp {}", rp));
-            }
-            for (const auto& s : g->prunedSource()) prunes.push_back(s.str());
+            for (const auto& [rp, wc] : g->wcSourceData()) prunes.push_back(wcEntry(rp, false));
+            for (const auto& s : g->prunedSource()) prunes.push_back(sourceEntry("sg", s));
             Json row;
             row["vrf"] = vrf.str();
-            row["neighbor"] = fmt::format("self on {}", intf);
+            row["neighbor"] = "self";
+            row["interface"] = intf.name();
             row["set"] = "prune-echo";
             row["group"] = g->group().str();
             row["joins"] = Json::array();
@@ -271,12 +396,12 @@ void downstreamRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
             if (!joinState && !rptState) continue;
             Json row;
             row["vrf"] = vrf.str();
-            row["route"] = key.str();
+            putRoute(row, key);
             row["interface"] = id.name();
-            row["join-state"] = joinState ? enumName(intf->joinState()) : "-";
+            row["join-state"] = joinState ? Json(enumName(intf->joinState())) : Json();
             const auto* ds = c.downstreamWcSgSm()->downstreamRouteSm(key);
             timers(ds ? ds->rhoIntf(id) : nullptr, row, "expiry", "prune-pending");
-            row["rpt-state"] = rptState ? enumName(intf->rptState()) : "-";
+            row["rpt-state"] = rptState ? Json(enumName(intf->rptState())) : Json();
             const auto* rpt = key.isWc() ? nullptr : c.downstreamSgRptSm()->rhoRoute(key);
             timers(rpt ? rpt->rhoIntf(id) : nullptr, row, "rpt-expiry", "rpt-prune-pending");
             row["remembered-prune"] = remembered.has(Routing::Gmp::Tidal::RouteIntfKey{key, id});
@@ -295,10 +420,12 @@ Json sptThresholdRow(const L3::VrfName& vrf, const ContainerSm& c) {
     };
     Json lists = Json::array();
     for (const auto& [name, acl] : c.sptThresholdSm()->drSwitchAcl()) {
-        lists.push_back(fmt::format("{} ({}): {}", name, drSwitchThreshName(acl.threshold),
-                                    acl.grpPrefix.empty()
-                                        ? std::string("-")
-                                        : fmt::format("{}", fmt::join(acl.grpPrefix, " "))));
+        Json list;
+        list["name"] = name;
+        list["threshold"] = drSwitchThreshName(acl.threshold);
+        list["prefixes"] = Json::array();
+        for (const auto& p : acl.grpPrefix) list["prefixes"].push_back(p.str());
+        lists.push_back(list);
     }
     const auto& info = *c.sptThresholdInfo();
     Json row;
@@ -311,7 +438,7 @@ Json sptThresholdRow(const L3::VrfName& vrf, const ContainerSm& c) {
     return row;
 }
 
-std::string fibFlagWords(const ::Tidal::Multicast::Fib::Route& r) {
+Json fibFlagWords(const ::Tidal::Multicast::Fib::Route& r) {
     using F = ::Tidal::Multicast::Fib::Route;
     const std::pair<F::Flag, const char*> names[] = {
         {F::toCpu, "to-cpu"},
@@ -320,11 +447,11 @@ std::string fibFlagWords(const ::Tidal::Multicast::Fib::Route& r) {
         {F::noRpf, "no-rpf"},
         {F::skipKernelProgramming, "skip-kernel"},
         {F::notifyProgrammable, "notify-programmable"}};
-    std::vector<std::string> words;
+    Json words = Json::array();
     for (const auto& [f, name] : names) {
         if (r.flag(f)) words.push_back(name);
     }
-    return words.empty() ? "-" : fmt::format("{}", fmt::join(words, " "));
+    return words;
 }
 
 void forwardingRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
@@ -345,12 +472,136 @@ void forwardingRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
         }
         Json row;
         row["vrf"] = vrf.str();
-        row["route"] = Routing::Multicast::Fib::convertKey(r->key()).str();
-        row["iif"] = r->iif().isNull() ? "-" : r->iif().name();
+        putRoute(row, Routing::Multicast::Fib::convertKey(r->key()));
+        row["iif"] = r->iif().isNull() ? Json() : Json(r->iif().name());
         // The backup incoming interface of upstream fast failover.
-        row["iif-frr"] = r->iifFrr().isNull() ? "-" : r->iifFrr().name();
+        row["iif-frr"] = r->iifFrr().isNull() ? Json() : Json(r->iifFrr().name());
         row["oifs"] = oifs;
         row["flags"] = fibFlagWords(*r);
+        rows.push_back(row);
+    }
+}
+
+// One row per membership the membership protocol reported: what it asked
+// for, and what the agent made of it. The decision is read from the route's
+// interface record (the receiver flags the membership machine wrote, and the
+// pim_include / pim_exclude macros over them); the reason for an ignored
+// membership from the membership machine, which applies those same tests.
+void membershipRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
+    using Routing::Gmp::Tidal::FilterMode;
+    const auto& ctx = c.context();
+    if (!ctx.membership) return;
+    for (const auto& [key, m] : ctx.membership->membership()) {
+        const auto& rk = key.routeKey;
+        const Route* route = ctx.status->route(rk).get();
+        const Intf* intf = route ? route->routeIntfRaw(key.intf) : nullptr;
+        Json decision = "ignored";
+        Json reason;
+        if (intf && (intf->localReceiverInclude() || intf->localReceiverExclude())) {
+            const bool include = intf->localReceiverInclude();
+            decision = include ? "include" : "exclude";
+            // The receiver flag is set; whether the olist takes it depends on
+            // this router being the one to forward onto the link.
+            const bool counted = include ? (rk.isWc() ? intf->includeWc() : intf->includeSg())
+                                         : (rk.isWc() ? intf->iAmDr() : intf->excludeSg());
+            if (!counted) {
+                reason = intf->iAmDr() ? "lost assert" : "not DR on interface";
+                decision = "ignored";
+            }
+        } else if (const char* why = c.gmpSm()->ignoredReason(key)) {
+            reason = why;
+        } else {
+            // Counted, but the membership review has not reached it yet.
+            decision = "pending";
+        }
+        Json row;
+        row["vrf"] = vrf.str();
+        row["interface"] = key.intf.name();
+        row["source"] = rk.isWc() ? std::string("*") : rk.source().str();
+        row["group"] = rk.group().str();
+        row["mode"] = m.filterMode == FilterMode::include   ? "include"
+                      : m.filterMode == FilterMode::exclude ? "exclude"
+                                                            : "none";
+        row["decision"] = decision;
+        row["reason"] = reason;
+        rows.push_back(row);
+    }
+}
+
+// One row per RP mapping: the group range, its RP and where the mapping came
+// from, whether the RP is one of this router's addresses, and the unicast
+// route and PIM neighbour toward it (what a (*,G) route of the range would
+// join through), with the reason when the RP cannot be joined.
+void rpRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
+    const auto& ctx = c.context();
+    if (!ctx.rpMapping) return;
+    // The mapping is a hash map: list it in group-range order.
+    std::map<Wirl::IpGenPrefix, Wirl::IpGenAddr> mappings;
+    for (const auto& [range, rp] : ctx.rpMapping->rp()) mappings.emplace(range, rp);
+    for (const auto& [range, rp] : mappings) {
+        const bool iAmRp = ctx.rpLocalStatus && ctx.rpLocalStatus->iAmRp(rp);
+        const auto lookup = rpfLookup(c, rp);
+        Wirl::IpGenAddr neighbor;
+        if (lookup) neighbor = lookup->attached ? rp : lookup->rpf.neighbor;
+        const bool pimNeighbor =
+            lookup && ctx.pimStatus->neighborExists(lookup->rpf.intf, neighbor);
+        Json row;
+        row["vrf"] = vrf.str();
+        row["group-range"] = range.str();
+        row["rp"] = rp.str();
+        row["origin"] = "static";
+        row["i-am-rp"] = iAmRp;
+        row["rpf-interface"] = lookup ? Json(lookup->rpf.intf.name()) : Json();
+        row["rpf-neighbor"] = lookup && pimNeighbor ? Json(neighbor.str()) : Json();
+        row["rpf-route"] = lookup ? Json(lookup->prefix.str()) : Json();
+        row["reachable"] = iAmRp || pimNeighbor;
+        row["reason"] = iAmRp          ? Json("this router is the RP")
+                        : !lookup      ? Json("no route to RP")
+                        : !pimNeighbor ? Json("RPF neighbour not a PIM neighbour")
+                                       : Json();
+        rows.push_back(row);
+    }
+}
+
+// The VRF's PIM interfaces in name order (the status keeps them hashed).
+std::map<Wirl::IntfId, const Routing::Pim::PimIntfStatus*> pimIntfs(const ContainerSm& c) {
+    std::map<Wirl::IntfId, const Routing::Pim::PimIntfStatus*> out;
+    for (const auto& [id, intf] : c.pimStatus()->intf()) out.emplace(id, intf.get());
+    return out;
+}
+
+// One row per PIM neighbour, with its generation ID and when it came up.
+void neighborRows(const L3::VrfName& vrf, const Runner& runner, const ContainerSm& c, Json& rows) {
+    const double now = c.context().loop->now();
+    for (const auto& [id, intf] : pimIntfs(c)) {
+        std::map<Wirl::IpGenAddr, const Routing::Pim::PimNeighborStatus*> neighbors;
+        for (const auto& [address, n] : intf->neighbor()) neighbors.emplace(address, n.get());
+        for (const auto& [address, n] : neighbors) {
+            const double since = runner.neighborSince(vrf, id, address);
+            Json row;
+            row["vrf"] = vrf.str();
+            row["interface"] = id.name();
+            row["address"] = address.str();
+            row["gen-id"] = n->genId();
+            row["uptime"] = since < 0 ? Json() : seconds(now - since);
+            rows.push_back(row);
+        }
+    }
+}
+
+// One row per PIM interface: this router's address, the DR, the protocol
+// timers and how many neighbours were heard.
+void interfaceRows(const L3::VrfName& vrf, const ContainerSm& c, Json& rows) {
+    for (const auto& [id, intf] : pimIntfs(c)) {
+        Json row;
+        row["vrf"] = vrf.str();
+        row["interface"] = id.name();
+        row["address"] = fmt::format("{}/{}", intf->usedAddr(), int(intf->usedMaskLen()));
+        row["dr"] = intf->iAmDr();
+        row["dr-address"] = addressOrNull(intf->usedDr());
+        row["override-interval"] = seconds(intf->joinPruneOverrideInterval());
+        row["assert-timeout"] = intf->assertTimeout();
+        row["neighbors"] = intf->neighbor().size();
         rows.push_back(row);
     }
 }
@@ -366,7 +617,7 @@ Json vrfOutput(Runner& runner, const Scenario& scenario, Output what) {
         switch (what) {
             case Output::routes:
                 for (const auto& [key, route] : c->status()->route()) {
-                    rows.push_back(routeRow(v.name, *route));
+                    rows.push_back(routeRow(v.name, *c, *route));
                 }
                 break;
             case Output::counters:
@@ -393,6 +644,18 @@ Json vrfOutput(Runner& runner, const Scenario& scenario, Output what) {
             case Output::sent:
                 sentRows(v.name, *c, rows);
                 break;
+            case Output::membership:
+                membershipRows(v.name, *c, rows);
+                break;
+            case Output::rp:
+                rpRows(v.name, *c, rows);
+                break;
+            case Output::neighbors:
+                neighborRows(v.name, runner, *c, rows);
+                break;
+            case Output::interfaces:
+                interfaceRows(v.name, *c, rows);
+                break;
             default:
                 break;
         }
@@ -405,7 +668,7 @@ Json traceLines(const Cask::TraceRing& ring, std::uint64_t& seen) {
     for (const auto& l : ring.lines()) {
         if (l.seq < seen) continue;
         Json row;
-        row["time"] = fmt::format("{:.3f}", l.time);
+        row["time"] = seconds(l.time);
         row["level"] = l.level;
         row["text"] = l.text;
         rows.push_back(row);

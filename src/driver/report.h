@@ -26,8 +26,10 @@ namespace Driver {
 std::vector<std::string> compareOutput(Output what, const nlohmann::ordered_json& expected,
                                        const nlohmann::ordered_json& actual);
 
-// Aligned columns; list values are joined with ", ".
+// Aligned columns, one word per cell: lists joined with ",", null as "-".
 void printTable(std::ostream& os, const nlohmann::ordered_json& rows);
+// The same, followed by the legend of the output's flags and words.
+void printTable(std::ostream& os, Output what, const nlohmann::ordered_json& rows);
 
 class TextReport : public Report {
 public:

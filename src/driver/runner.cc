@@ -147,6 +147,7 @@ void Runner::publishNeighbor(const L3::VrfName& vrf, Wirl::IntfId intf, const Wi
     auto* i = pim->intfRaw(intf);
     auto n = i->neighbor(a);
     if (!n) {
+        neighborSince_[{vrf, intf, a}] = clock_.now();
         n = Cask::make<Routing::Pim::PimNeighborStatus>(Routing::Pim::NeighborKey{intf, a});
         n->genIdIs(genId);
         i->neighborIs(a, n);
@@ -154,6 +155,12 @@ void Runner::publishNeighbor(const L3::VrfName& vrf, Wirl::IntfId intf, const Wi
         n->genIdIs(genId);
     }
     pim->activeNeighborIs({intf, a});
+}
+
+double Runner::neighborSince(const L3::VrfName& vrf, Wirl::IntfId intf,
+                             const Wirl::IpGenAddr& address) const {
+    const auto it = neighborSince_.find({vrf, intf, address});
+    return it == neighborSince_.end() ? -1 : it->second;
 }
 
 void Runner::apply(const Event& ev) {
@@ -180,6 +187,7 @@ void Runner::apply(const Event& ev) {
             auto pim = db_.pimStatus(ev.vrf);
             pim->activeNeighborDel({ev.interface, ev.address});
             pim->intfRaw(ev.interface)->neighborDel(ev.address);
+            neighborSince_.erase({ev.vrf, ev.interface, ev.address});
             return;
         }
         case Event::Kind::dr: {

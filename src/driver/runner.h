@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include <nlohmann/json.hpp>
@@ -55,6 +56,10 @@ public:
     Routing::Pim::SparseMode::Agent& agent() const { return *agent_; }
     Platform::StateDb& db() { return db_; }
     Cask::EventLoop& loop() { return loop_; }
+    // When the neighbour last came up (was published while absent), in loop
+    // seconds; negative for a neighbour that is not up.
+    double neighborSince(const L3::VrfName& vrf, Wirl::IntfId intf,
+                         const Wirl::IpGenAddr& address) const;
 
 private:
     void publish(const VrfSpec& vrf);
@@ -73,6 +78,7 @@ private:
     Cask::EventLoop loop_;
     Platform::StateDb db_;
     std::unique_ptr<Routing::Pim::SparseMode::Agent> agent_;
+    std::map<std::tuple<L3::VrfName, Wirl::IntfId, Wirl::IpGenAddr>, double> neighborSince_;
     std::uint64_t traceSeen_ = 0;  // trace lines already shown
     std::uint64_t eventsSeen_ = 0;
     std::map<OverrideKey, Cask::Seconds> overrideSince_;

@@ -257,6 +257,10 @@ const std::map<std::string, Output> outputNames = {
     {"downstream", Output::downstream},
     {"asserts", Output::asserts},
     {"sent", Output::sent},
+    {"membership", Output::membership},
+    {"rp", Output::rp},
+    {"neighbors", Output::neighbors},
+    {"interfaces", Output::interfaces},
 };
 
 class Parser {
@@ -691,7 +695,9 @@ private:
                     if (it == outputNames.end()) {
                         r_.fail(o,
                                 fmt::format("unknown output '{}' (routes, join-prune, forwarding, "
-                                            "counters, register, spt-threshold, trace, events)",
+                                            "counters, register, spt-threshold, downstream, "
+                                            "asserts, sent, membership, rp, neighbors, "
+                                            "interfaces, trace, events)",
                                             r_.text(o)));
                     }
                     ev.outputs.push_back(it->second);
@@ -866,6 +872,14 @@ const char* outputName(Output o) {
             return "asserts";
         case Output::sent:
             return "sent";
+        case Output::membership:
+            return "membership";
+        case Output::rp:
+            return "rp";
+        case Output::neighbors:
+            return "neighbors";
+        case Output::interfaces:
+            return "interfaces";
         case Output::trace:
             return "trace";
         case Output::events:

@@ -101,6 +101,10 @@ enum class Output {
     downstream,
     asserts,
     sent,
+    membership,
+    rp,
+    neighbors,
+    interfaces,
     trace,
     events
 };

@@ -42,8 +42,9 @@ struct Problem {
     std::string text;
 };
 
+// A field as text; null (no value) as "-".
 std::string str(const Json& j) {
-    return j.is_string() ? j.get<std::string>() : j.dump();
+    return j.is_string() ? j.get<std::string>() : j.is_null() ? "-" : j.dump();
 }
 
 std::set<std::string> strings(const Json& list) {
@@ -52,20 +53,18 @@ std::set<std::string> strings(const Json& list) {
     return out;
 }
 
-// "(S, G)" or "(*, G)" -> {S or "", G}.
+// "(S,G)" or "(*,G)" -> {S or "", G}.
 std::pair<std::string, std::string> routeKey(const std::string& key) {
-    const auto comma = key.find(", ");
+    const auto comma = key.find(',');
     std::string s = key.substr(1, comma - 1);
-    std::string g = key.substr(comma + 2, key.size() - comma - 3);
+    std::string g = key.substr(comma + 1, key.size() - comma - 2);
     return {s == "*" ? "" : s, g};
 }
 
-// One (*,G) entry of a Join/Prune row: "(*) rp RP[ suppressed]".
-std::optional<std::string> wcRp(const std::string& entry) {
-    if (!entry.starts_with("(*) rp ")) return std::nullopt;
-    auto rp = entry.substr(7);
-    if (auto sp = rp.find(' '); sp != std::string::npos) rp.resize(sp);
-    return rp;
+// The RP of a (*,G) entry of a Join/Prune row; none for other entries.
+std::optional<std::string> wcRp(const Json& entry) {
+    if (entry["kind"] != "wc") return std::nullopt;
+    return entry["rp"].get<std::string>();
 }
 
 struct Outputs {
@@ -92,7 +91,7 @@ private:
     }
 
     const Json* route(const std::string& s, const std::string& g) const {
-        auto it = routes_.find(fmt::format("({}, {})", s.empty() ? "*" : s, g));
+        auto it = routes_.find(fmt::format("({},{})", s.empty() ? "*" : s, g));
         return it == routes_.end() ? nullptr : it->second;
     }
 
@@ -121,7 +120,7 @@ private:
         }
         for (const auto& f : out_.forwarding) {
             const auto key = f["route"].get<std::string>();
-            const auto iif = f["iif"].get<std::string>();
+            const auto iif = str(f["iif"]);
             if (!routes_.contains(key)) fail("fwd-route", "forwarding record {} has no route", key);
             if (m_.linkLocal(routeKey(key).second))
                 fail("link-local", "forwarding record {} for a link-local group", key);
@@ -133,19 +132,18 @@ private:
         // Per group: the neighbours and RPs of its periodic (*,G) Joins.
         std::map<std::string, std::set<std::string>> periodicNbrs, periodicRps;
         for (const auto& row : out_.joinPrune) {
-            const auto nbr = row["neighbor"].get<std::string>();
+            const auto nbrAddr = row["neighbor"].get<std::string>();
+            const auto nbrIntf = row["interface"].get<std::string>();
+            const auto nbr = nbrAddr + " on " + nbrIntf;
             const auto set = row["set"].get<std::string>();
             const auto g = row["group"].get<std::string>();
-            const auto on = nbr.find(" on ");
-            const auto nbrAddr = nbr.substr(0, on);
-            const auto nbrIntf = nbr.substr(on + 4);
             if (m_.linkLocal(g))
                 fail("link-local", "{} Join/Prune for link-local group {}", set, g);
             if (!m_.neighborUp(nbrIntf, nbrAddr))
                 fail("jp-neighbor-down", "{} Join/Prune for {} toward {}, which is not up", set, g,
                      nbr);
             for (const auto& e : row["joins"]) {
-                const auto rp = wcRp(e.get<std::string>());
+                const auto rp = wcRp(e);
                 if (!rp) continue;
                 // RFC 7761 4.8: no (*,G) Join for a group in the SSM range.
                 if (m_.ssm(g)) fail("ssm-wc", "{} (*,G) Join for SSM group {}", set, g);
@@ -162,7 +160,7 @@ private:
                 if (!r) {
                     fail("wc-join-route", "{} (*,G) Join for {} toward {} without a (*,G) route",
                          set, g, nbr);
-                } else if (str((*r)["upstream"]) != "upJoined" ||
+                } else if (str((*r)["upstream"]) != "Joined" ||
                            str((*r)["rpf-neighbor"]) != nbrAddr || str((*r)["iif"]) != nbrIntf) {
                     fail("wc-join-route",
                          "{} (*,G) Join for {} toward {}, but the route is {} with RPF neighbour "
@@ -173,7 +171,7 @@ private:
             }
             if (set == "periodic") {
                 for (const auto& e : row["prunes"]) {
-                    if (wcRp(e.get<std::string>()))
+                    if (wcRp(e))
                         fail("periodic-wc-prune", "periodic (*,G) Prune for {} toward {}", g, nbr);
                 }
             }
@@ -222,7 +220,7 @@ private:
             auto it = routes_.find(key);
             if (it == routes_.end()) continue;
             std::set<std::string> want = strings((*it->second)["oifs"]);
-            want.erase(f["iif"].get<std::string>());
+            want.erase(str(f["iif"]));
             if (f["iif"] != (*it->second)["iif"] || strings(f["oifs"]) != want)
                 fail("fwd-match", "forwarding record {} is {} -> [{}], the route {} -> [{}]", key,
                      str(f["iif"]), fmt::join(strings(f["oifs"]), ", "), str((*it->second)["iif"]),
@@ -241,7 +239,7 @@ private:
     // The (*,G) upstream side against RFC 7761 4.5.4 and RPF'(*,G).
     void wcUpstream(const std::string& g, const Json& r, bool nullOlist) {
         const auto key = r["route"].get<std::string>();
-        const bool joined = str(r["upstream"]) == "upJoined";
+        const bool joined = str(r["upstream"]) == "Joined";
         // JoinDesired(*,G) = immediate_olist(*,G) != NULL.
         if (joined == nullOlist)
             fail("join-desired", "route {} is {} with {} outgoing list", key, str(r["upstream"]),
@@ -271,8 +269,9 @@ private:
         for (const auto& row : out_.joinPrune) {
             if (row["set"] != "periodic" || row["group"] != g) continue;
             for (const auto& e : row["joins"]) {
-                if (auto j = wcRp(e.get<std::string>()))
-                    joins.push_back(fmt::format("{} -> {}", *j, str(row["neighbor"])));
+                if (auto j = wcRp(e))
+                    joins.push_back(fmt::format("{} -> {} on {}", *j, str(row["neighbor"]),
+                                                str(row["interface"])));
             }
         }
         std::vector<std::string> want;

@@ -7,6 +7,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
 
 #include "driver/report.h"
@@ -239,6 +241,97 @@ TEST(Expect, RowsMatchByFirstFieldAndDifferencesAreReadable) {
         SCOPED_TRACE(c.expected);
         EXPECT_EQ(Driver::compareOutput(Output::routes, Json::parse(c.expected), actual), c.diff);
     }
+}
+
+// Scenario files written before the values became fields of their own keep
+// passing: each earlier text form matches the structured value it stands
+// for, and only that one.
+TEST(Expect, EarlierTextFormsMatchTheStructuredValues) {
+    struct Case {
+        Output what;
+        const char* actualRow;
+        const char* expectedRow;
+        bool matches;
+    };
+    const char* wcRoute = R"j({"route": "(*,239.1.1.1)", "source": "*", "group": "239.1.1.1",
+        "flags": ["spt", "oif-register"], "upstream": "Joined",
+        "why": [{"interface": "Ethernet1", "reasons": ["join"], "expires": 200.5}]})j";
+    const char* jp = R"j({"neighbor": "10.2.0.2", "interface": "Ethernet2", "set": "periodic",
+        "group": "239.1.1.1", "joins": [{"kind": "wc", "rp": "10.0.0.1", "suppressed": false},
+        {"kind": "sg-rpt", "source": "10.2.0.5"}], "prunes": [{"kind": "sg", "source": "10.2.0.6"}]})j";
+    const char* ds = R"j({"route": "(10.2.0.5,239.1.1.1)", "source": "10.2.0.5",
+        "group": "239.1.1.1", "expiry": 212, "prune-pending": null})j";
+    const char* spt = R"j({"vrf": "red", "access-lists": [{"name": "shared",
+        "threshold": "never", "prefixes": []}]})j";
+    const std::vector<Case> cases = {
+        {Output::routes, wcRoute, R"j({"route": "(*, 239.1.1.1)"})j", true},
+        {Output::routes, wcRoute, R"j({"route": "(*,239.1.1.1)"})j", true},
+        {Output::routes, wcRoute, R"j({"route": "(*, 239.1.1.2)"})j", false},
+        {Output::routes, wcRoute, R"j({"route": "(*, 239.1.1.1)", "upstream": "upJoined"})j", true},
+        {Output::routes, wcRoute, R"j({"route": "(*, 239.1.1.1)", "upstream": "upNotJoined"})j",
+         false},
+        {Output::routes, wcRoute, R"j({"route": "(*, 239.1.1.1)", "flags": "spt oif-register"})j",
+         true},
+        {Output::routes, wcRoute, R"j({"route": "(*, 239.1.1.1)", "flags": "spt"})j", false},
+        {Output::routes, wcRoute, R"j({"route": "(*, 239.1.1.1)", "why": ["Ethernet1 (join)"]})j",
+         true},
+        {Output::routes, wcRoute, R"j({"route": "(*, 239.1.1.1)", "why": ["Ethernet1 (local)"]})j",
+         false},
+        {Output::joinPrune, jp, R"j({"neighbor": "10.2.0.2 on Ethernet2", "set": "periodic"})j",
+         true},
+        {Output::joinPrune, jp, R"j({"neighbor": "10.2.0.2 on Ethernet3", "set": "periodic"})j",
+         false},
+        {Output::joinPrune, jp, R"j({"neighbor": "10.2.0.2", "interface": "Ethernet2"})j", true},
+        {Output::joinPrune, jp,
+         R"j({"set": "periodic", "joins": ["(*) rp 10.0.0.1", "10.2.0.5 rpt"],
+              "prunes": ["10.2.0.6"]})j",
+         true},
+        {Output::joinPrune, jp,
+         R"j({"set": "periodic", "joins": ["(*) rp 10.0.0.1 suppressed", "10.2.0.5 rpt"]})j",
+         false},
+        {Output::joinPrune, jp,
+         R"j({"set": "periodic", "joins": ["(*) rp 10.0.0.1", "10.2.0.5"]})j", false},
+        {Output::joinPrune, jp, R"j({"set": "periodic", "prunes": ["10.2.0.6 rpt"]})j", false},
+        {Output::downstream, ds, R"j({"route": "(10.2.0.5, 239.1.1.1)", "expiry": "212.000"})j",
+         true},
+        {Output::downstream, ds, R"j({"route": "(10.2.0.5, 239.1.1.1)", "expiry": "212.5"})j",
+         false},
+        {Output::downstream, ds, R"j({"route": "(10.2.0.5, 239.1.1.1)", "expiry": "-"})j", false},
+        {Output::downstream, ds, R"j({"route": "(10.2.0.5, 239.1.1.1)", "prune-pending": "-"})j",
+         true},
+        {Output::sptThreshold, spt, R"j({"access-lists": ["shared (never): -"]})j", true},
+        {Output::sptThreshold, spt, R"j({"access-lists": ["shared (immediate): -"]})j", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.expectedRow);
+        const Json actual = Json::array({Json::parse(c.actualRow)});
+        const Json expected = Json::array({Json::parse(c.expectedRow)});
+        EXPECT_EQ(Driver::compareOutput(c.what, expected, actual).empty(), c.matches);
+    }
+}
+
+// Every cell of a text table is one word, so that `awk` finds column N in
+// field N; lists, entries and missing values included.
+TEST(Expect, TextTableCellsAreOneWordEach) {
+    const Json rows = Json::parse(R"j([
+        {"route": "(*,239.1.1.1)", "flags": ["wc", "spt"], "iif": null, "oifs": [],
+         "why": [{"interface": "Ethernet1", "reasons": ["join", "local"], "expires": 1.5},
+                 {"interface": "Ethernet4", "reasons": ["local"], "expires": null}],
+         "joins": [{"kind": "wc", "rp": "10.0.0.1", "suppressed": true},
+                   {"kind": "sg-rpt", "source": "10.2.0.5"}],
+         "metric": {"rpt": false, "preference": 10, "metric": 20}, "uptime": 2.25}])j");
+    std::ostringstream os;
+    Driver::printTable(os, rows);
+    std::istringstream lines(os.str());
+    std::string header, line;
+    std::getline(lines, header);
+    std::getline(lines, line);
+    std::istringstream words(line);
+    std::vector<std::string> cells{std::istream_iterator<std::string>(words), {}};
+    EXPECT_EQ(cells, (std::vector<std::string>{"(*,239.1.1.1)", "wc,spt", "-", "-",
+                                               "Ethernet1:join+local:1.5,Ethernet4:local",
+                                               "wc:10.0.0.1+suppressed,sg-rpt:10.2.0.5",
+                                               "rpt=false,preference=10,metric=20", "2.25"}));
 }
 
 TEST(Expect, TraceLinesMustAppearInOrder) {

@@ -127,6 +127,22 @@ bool GmpSm::ssmConverted(const RouteIntfKey& key) const {
     return sources->sourceHas(key.routeKey.source());
 }
 
+const char* GmpSm::ignoredReason(const RouteIntfKey& key) const {
+    const Wirl::IpGenAddr& group = key.routeKey.group();
+    const Wirl::IpGenAddr& source = key.routeKey.source();
+    if (!groupPermitted(group)) return "bidirectional range";
+    if (group.family() != in_.localStatus->family() || !group.isMulticast()) return "not multicast";
+    if (group.isLinkLocalMulticast()) return "link-local group";
+    if (source.family() != group.family() || !(source.isUnicast() || source.isUnspecified())) {
+        return "invalid source";
+    }
+    if (ssmConverted(key) || !in_.ssmGroupInfo->ssmGroup(group, *in_.config)) return nullptr;
+    const Membership m = in_.membership->membership(key);
+    if (m.isDefault()) return nullptr;
+    if (m.filterMode != FilterMode::include) return "SSM range, exclude mode";
+    return source.isUnspecified() ? "SSM range, any source" : nullptr;
+}
+
 void GmpSm::doUpdateMembership(const RouteIntfKey& key) {
     const Wirl::IpGenAddr& group = key.routeKey.group();
     const Wirl::IpGenAddr& source = key.routeKey.source();

@@ -137,6 +137,11 @@ public:
 
     // False for groups sparse mode must leave alone (bidirectional ranges).
     bool groupPermitted(const Wirl::IpGenAddr& group) const;
+    // Why doUpdateMembership gives the membership `key` no receiver on its
+    // route (the same tests, in the same order; kept beside it so the two
+    // cannot drift apart), or null when it counts. For people reading the
+    // table: nothing in the agent acts on the answer.
+    const char* ignoredReason(const RouteIntfKey& key) const;
 
     const RouteIntfKey& reviewBookmark() const { return review_->bookmark(); }
     Cask::Seconds reviewQuantum() const { return review_->quantum(); }

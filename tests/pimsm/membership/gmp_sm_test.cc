@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "cask/trace.h"
@@ -65,28 +66,31 @@ int levelOf(std::string_view text) {
 
 TEST(GmpSm, DecisionTable) {
     // conv: the group converts (*,G) to (S1,G), with a (*,G) membership of
-    // that mode on the same interface. "none": no route, no Intf.
+    // that mode on the same interface. "none": no route, no Intf. reason:
+    // what ignoredReason tells a reader (null: the membership counts, or
+    // there is none to ignore).
     struct Case {
         bool wc;
         FilterMode own, conv;
         bool ssm;
         const char* flags;
+        const char* reason;
     } const cases[] = {
-        {true, inc, no, false, "include 1 exclude 0"},
-        {true, inc, no, true, "none"},
-        {true, exc, no, false, "include 0 exclude 1"},
-        {true, exc, no, true, "none"},
-        {true, inc, inc, true, "none"},
-        {false, inc, no, false, "include 1 exclude 0"},
-        {false, inc, no, true, "include 1 exclude 0"},
-        {false, exc, no, false, "include 0 exclude 1"},
-        {false, exc, no, true, "none"},
-        {false, no, no, false, "none"},
-        {false, no, inc, true, "include 1 exclude 0"},
-        {false, no, inc, false, "include 1 exclude 0"},
-        {false, no, exc, false, "none"},
-        {false, exc, inc, false, "include 1 exclude 1"},
-        {false, exc, inc, true, "include 1 exclude 0"},
+        {true, inc, no, false, "include 1 exclude 0", nullptr},
+        {true, inc, no, true, "none", "SSM range, any source"},
+        {true, exc, no, false, "include 0 exclude 1", nullptr},
+        {true, exc, no, true, "none", "SSM range, exclude mode"},
+        {true, inc, inc, true, "none", "SSM range, any source"},
+        {false, inc, no, false, "include 1 exclude 0", nullptr},
+        {false, inc, no, true, "include 1 exclude 0", nullptr},
+        {false, exc, no, false, "include 0 exclude 1", nullptr},
+        {false, exc, no, true, "none", "SSM range, exclude mode"},
+        {false, no, no, false, "none", nullptr},
+        {false, no, inc, true, "include 1 exclude 0", nullptr},
+        {false, no, inc, false, "include 1 exclude 0", nullptr},
+        {false, no, exc, false, "none", nullptr},
+        {false, exc, inc, false, "include 1 exclude 1", nullptr},
+        {false, exc, inc, true, "include 1 exclude 0", nullptr},
     };
     for (auto family : families) {
         for (const Case& c : cases) {
@@ -104,6 +108,8 @@ TEST(GmpSm, DecisionTable) {
             fx.settle();
             EXPECT_EQ(fx.flags(k), c.flags);
             EXPECT_EQ(fx.status().route(k.routeKey) != nullptr, std::string(c.flags) != "none");
+            const char* reason = fx.gmpSm().ignoredReason(k);
+            EXPECT_EQ(std::string(reason ? reason : "null"), c.reason ? c.reason : "null");
         }
     }
 }
@@ -166,15 +172,18 @@ TEST(GmpSm, BadInputIsDroppedWithItsTrace) {
         const auto other = ip(fx.v4() ? "ff0e::1" : "10.0.0.1");
         const auto g = fx.group(false), bidir = fx.group(false, 2);
         fx.groupFilter().bidirRangeIs(rangeOf(bidir));
-        const std::pair<RouteIntfKey, std::string> cases[] = {
-            {GmpVrf::key(fx.any(), bidir), "ignoring bidirectional group"},
-            {GmpVrf::key(fx.any(), fx.source(7)), "invalid group"},
-            {GmpVrf::key(fx.any(), other), "invalid group"},
+        // The key, the trace of its refusal, and the reason a reader is given.
+        const std::tuple<RouteIntfKey, std::string, std::string> cases[] = {
+            {GmpVrf::key(fx.any(), bidir), "ignoring bidirectional group", "bidirectional range"},
+            {GmpVrf::key(fx.any(), fx.source(7)), "invalid group", "not multicast"},
+            {GmpVrf::key(fx.any(), other), "invalid group", "not multicast"},
             {GmpVrf::key(fx.group(false, 9), g),
-             fmt::format("invalid source: {}", fx.group(false, 9))},
-            {GmpVrf::key(other, g), fmt::format("invalid source: {}", other)},
+             fmt::format("invalid source: {}", fx.group(false, 9)), "invalid source"},
+            {GmpVrf::key(other, g), fmt::format("invalid source: {}", other), "invalid source"},
+            {GmpVrf::key(fx.any(), ip(fx.v4() ? "224.0.0.5" : "ff02::5")),
+             "ignoring link-local group", "link-local group"},
         };
-        for (const auto& [k, what] : cases) {
+        for (const auto& [k, what, reason] : cases) {
             SCOPED_TRACE(k.str());
             fx.join(k);
             fx.settle();
@@ -182,6 +191,7 @@ TEST(GmpSm, BadInputIsDroppedWithItsTrace) {
             EXPECT_EQ(levelOf(fmt::format("<Vrf:red>GmpSm:doUpdateMembership({}), {}",
                                           k.routeKey.group(), what)),
                       7);
+            EXPECT_STREQ(fx.gmpSm().ignoredReason(k), reason.c_str());
         }
         EXPECT_EQ(fx.status().routeSize(), 0u);
     }

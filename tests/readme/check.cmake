@@ -1,0 +1,37 @@
+# Every example the README names (`examples/NAME.yaml` or `NAME.yaml` in
+# backticks) must exist in examples/ and pass `pimsm run --check`, so the
+# first page never sends a reader to a file that is gone or broken.
+#
+#   cmake -DPIMSM=path/to/pimsm -DROOT=path/to/source -P check.cmake
+cmake_minimum_required(VERSION 3.25)
+file(READ ${ROOT}/README.md readme)
+string(REGEX MATCHALL "`(examples/)?[a-z0-9-]+\\.yaml`" named "${readme}")
+set(names "")
+foreach(n IN LISTS named)
+  string(REGEX REPLACE "^`(examples/)?([a-z0-9-]+)\\.yaml`$" "\\2" name "${n}")
+  list(APPEND names ${name})
+endforeach()
+list(REMOVE_DUPLICATES names)
+list(LENGTH names count)
+if(count LESS 3)
+  message(FATAL_ERROR "README names ${count} example(s): the pattern no longer finds them")
+endif()
+set(failed 0)
+foreach(name IN LISTS names)
+  set(path ${ROOT}/examples/${name}.yaml)
+  if(NOT EXISTS ${path})
+    message(SEND_ERROR "README names ${name}.yaml, which is not in examples/")
+    set(failed 1)
+    continue()
+  endif()
+  execute_process(COMMAND ${PIMSM} run --check ${path}
+                  RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err TIMEOUT 60)
+  if(NOT rc STREQUAL "0")
+    message(SEND_ERROR "examples/${name}.yaml does not pass (exit ${rc}):\n${out}${err}")
+    set(failed 1)
+  endif()
+endforeach()
+if(failed)
+  message(FATAL_ERROR "README examples: some are missing or fail")
+endif()
+message(STATUS "README names ${count} examples; all pass")
