@@ -313,7 +313,7 @@ void AssertSm::doA1(RhoIntf& rho, const RouteKey& trigger, const char* label) {
     const RouteKey& key = rho.routeSm().route().key();
     rho.doChangeAssertState(AssertState::iAmAssertWinner, metric,
                             traceText(6, "{}::doA1({}, {}){}, Winner metric: {}, ", name_, key,
-                                      i.intfId(), label, metric.str()));
+                                      i.intfId(), label, MetricText{metric}));
     i.lastAssertActionIs(1);
     doMaybeUpdateAssertWinner(rho, trigger);
 }
@@ -337,7 +337,7 @@ void AssertSm::doA2(RhoIntf& rho, const AssertMetric& rx, const char* label) {
         if (oldAssertState == AssertState::iAmAssertWinner) doWinnerCancel(key, i.intfId(), false);
         rho.doChangeAssertState(AssertState::iAmAssertLoser, rx,
                                 traceText(6, "{}::doA2({}, {}){}, Winner metric: {}, ", name_, key,
-                                          i.intfId(), label, rx.str()));
+                                          i.intfId(), label, MetricText{rx}));
     }
     i.lastAssertActionIs(2);
     i.rxPreferredAssertInc();

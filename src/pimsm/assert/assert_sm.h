@@ -26,7 +26,10 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "cask/collection.h"
 #include "cask/reactor_map.h"
@@ -39,6 +42,12 @@
 #include "platform/pim_status.h"
 
 namespace Routing::Pim::SparseMode {
+
+// A metric in a state-change trace line: formatted only when the line is written, so that an
+// action costs no string while tracing is off.
+struct MetricText {
+    const AssertMetric& metric;
+};
 
 // A received Assert as the machines compare it: its (S,G), the metric it offers (the sender's
 // address as the metric's address) and where it arrived.
@@ -246,3 +255,10 @@ private:
 };
 
 }  // namespace Routing::Pim::SparseMode
+
+template <>
+struct fmt::formatter<Routing::Pim::SparseMode::MetricText> : fmt::formatter<std::string> {
+    auto format(const Routing::Pim::SparseMode::MetricText& t, fmt::format_context& ctx) const {
+        return fmt::formatter<std::string>::format(t.metric.str(), ctx);
+    }
+};
