@@ -332,7 +332,7 @@ void AssertSgSm::doA6(RhoIntf& rho, const AssertMetric& rx, const char* label) {
     const RouteKey key = r.key();
     rho.doChangeAssertState(AssertState::iAmAssertLoser, rx,
                             traceText(6, "AssertSgSm::doA6({}, {}){}, Winner metric: {}, ", key,
-                                      i.intfId(), label, rx.str()));
+                                      i.intfId(), label, MetricText{rx}));
     i.lastAssertActionIs(6);
     // RFC 7761 4.6.1 A6: losing on RPF_interface(S) while joined means the data arrives on the
     // source tree: set the SPT bit so that the (S,G,rpt) prune follows.

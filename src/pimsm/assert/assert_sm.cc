@@ -192,6 +192,56 @@ void RhoRoute::handleDelete() {
     }
 }
 
+// --- neighbour restarts ----------------------------------------------------------------------
+
+namespace {
+
+class NeighborWatcher : public Routing::Pim::PimNeighborStatus::Notifiee {
+public:
+    NeighborWatcher(AssertSm& sm, Routing::Pim::PimNeighborStatus& nbr) : sm_(sm) {
+        notifierIs(&nbr);
+    }
+    void handleGenId() override { sm_.handleNeighborGenId(notifier()->key()); }
+
+private:
+    AssertSm& sm_;
+};
+
+}  // namespace
+
+class AssertSm::PimIntfWatcher : public Routing::Pim::PimIntfStatus::Notifiee {
+public:
+    PimIntfWatcher(AssertSm& sm, Routing::Pim::PimIntfStatus& intf) : sm_(sm) {
+        notifierIs(&intf);
+        for (const auto& [addr, nbr] : intf.neighbor()) {
+            neighbor_[addr] = std::make_unique<NeighborWatcher>(sm, *nbr);
+        }
+    }
+    void handleNeighbor(const Wirl::IpGenAddr& addr) override {
+        Routing::Pim::PimNeighborStatus* nbr = notifier()->neighbor(addr).get();
+        if (!nbr) {
+            neighbor_.erase(addr);
+            return;
+        }
+        auto& w = neighbor_[addr];
+        if (!w || w->notifier() != nbr) w = std::make_unique<NeighborWatcher>(sm_, *nbr);
+    }
+
+private:
+    AssertSm& sm_;
+    std::map<Wirl::IpGenAddr, std::unique_ptr<NeighborWatcher>> neighbor_;
+};
+
+void AssertSm::doWatchPimIntf(Wirl::IntfId intf) {
+    Routing::Pim::PimIntfStatus* pim = in_.pimStatus->intfRaw(intf);
+    if (!pim) {
+        pimIntfWatcher_.erase(intf);
+        return;
+    }
+    auto& w = pimIntfWatcher_[intf];
+    if (!w || w->notifier() != pim) w = std::make_unique<PimIntfWatcher>(*this, *pim);
+}
+
 // --- AssertSm --------------------------------------------------------------------------------
 
 AssertSm::AssertSm(const VrfContext& in, bool wc, const char* name)
@@ -200,11 +250,13 @@ AssertSm::AssertSm(const VrfContext& in, bool wc, const char* name)
                 "assert machine created without its inputs");
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
     pimWatcher_.notifierIs(in_.pimStatus);
+    for (const auto& [intf, pim] : in_.pimStatus->intf()) doWatchPimIntf(intf);
     if (in_.joinPruneRxStatus) rxWatcher_.notifierIs(in_.joinPruneRxStatus);
 }
 
 AssertSm::~AssertSm() {
     rxWatcher_.notifierIs(nullptr);
+    pimIntfWatcher_.clear();
     pimWatcher_.notifierIs(nullptr);
     LocalStatus::Notifiee::notifierIs(nullptr);
     route_.clear();
@@ -254,7 +306,7 @@ void AssertSm::handleRoute(const RouteKey& key, Route* route) {
         if (s == AssertState::iAmAssertLoser) {
             rho.resetAssertLoserTimer();
         } else {
-            doGetAssertIntfStatus(id).assertWinnerIs(key);
+            doListWinner(key, id);
         }
     }
 }
@@ -280,6 +332,15 @@ Routing::Pim::IntfStatus& AssertSm::doGetAssertIntfStatus(Wirl::IntfId intf) {
     return in_.assertStatus->intfIs(intf);
 }
 
+Routing::Pim::IntfStatus& AssertSm::doListWinner(const RouteKey& key, Wirl::IntfId intf) {
+    Routing::Pim::IntfStatus& st = doGetAssertIntfStatus(intf);
+    // A cancel still waiting (asked for when this router last stopped being the winner) would
+    // follow the winner's Assert and undo it.
+    st.assertCancelDel(key);
+    st.assertWinnerIs(key);
+    return st;
+}
+
 void AssertSm::doWinnerCancel(const RouteKey& key, Wirl::IntfId intf, bool cancel) {
     Routing::Pim::IntfStatus* st = in_.assertStatus->intf(intf);
     if (!st && !cancel) return;
@@ -298,11 +359,7 @@ void AssertSm::doMaybeUpdateAssertWinner(RhoIntf& rho, const RouteKey& trigger) 
                        metric.str());
         i.assertInfoIs(AssertInfo{AssertState::iAmAssertWinner, metric});
     }
-    Routing::Pim::IntfStatus& st = doGetAssertIntfStatus(i.intfId());
-    // A cancel still waiting would follow the winner's Assert and undo it.
-    st.assertCancelDel(key);
-    st.assertWinnerIs(key);
-    st.triggeredWinnerIs(trigger, metric);
+    doListWinner(key, i.intfId()).triggeredWinnerIs(trigger, metric);
 }
 
 void AssertSm::doA1(RhoIntf& rho, const RouteKey& trigger, const char* label) {
@@ -313,7 +370,7 @@ void AssertSm::doA1(RhoIntf& rho, const RouteKey& trigger, const char* label) {
     const RouteKey& key = rho.routeSm().route().key();
     rho.doChangeAssertState(AssertState::iAmAssertWinner, metric,
                             traceText(6, "{}::doA1({}, {}){}, Winner metric: {}, ", name_, key,
-                                      i.intfId(), label, metric.str()));
+                                      i.intfId(), label, MetricText{metric}));
     i.lastAssertActionIs(1);
     doMaybeUpdateAssertWinner(rho, trigger);
 }
@@ -337,7 +394,7 @@ void AssertSm::doA2(RhoIntf& rho, const AssertMetric& rx, const char* label) {
         if (oldAssertState == AssertState::iAmAssertWinner) doWinnerCancel(key, i.intfId(), false);
         rho.doChangeAssertState(AssertState::iAmAssertLoser, rx,
                                 traceText(6, "{}::doA2({}, {}){}, Winner metric: {}, ", name_, key,
-                                          i.intfId(), label, rx.str()));
+                                          i.intfId(), label, MetricText{rx}));
     }
     i.lastAssertActionIs(2);
     i.rxPreferredAssertInc();
@@ -453,11 +510,23 @@ void AssertSm::handleRxJoin() {
 }
 
 void AssertSm::handlePimIntf(Wirl::IntfId intf) {
+    doWatchPimIntf(intf);
     if (!in_.pimStatus->intfRaw(intf)) handlePimIntfDeleted(intf);
 }
 
 void AssertSm::handleActiveNeighbor(const Routing::Pim::NeighborKey& nbr) {
     if (in_.pimStatus->activeNeighborHas(nbr)) return;
+    doEndLosersTo(nbr, "handleActiveNeighbor", "is gone");
+}
+
+void AssertSm::handleNeighborGenId(const Routing::Pim::NeighborKey& nbr) {
+    // RFC 7761 4.6.1, 4.6.2: a winner that restarted has lost its assert state; the loser stops
+    // deferring to it, as to a winner whose neighbour liveness timer expired.
+    doEndLosersTo(nbr, "handleNeighborGenId", "restarted");
+}
+
+void AssertSm::doEndLosersTo(const Routing::Pim::NeighborKey& nbr, const char* handler,
+                             const char* why) {
     Busy busy(*this);
     std::vector<RouteKey> keys;
     route_.forEach([&](RhoRoute* rr) {
@@ -471,8 +540,8 @@ void AssertSm::handleActiveNeighbor(const Routing::Pim::NeighborKey& nbr) {
         RhoRoute* rr = route_.get(key);
         RhoIntf* rho = rr ? rr->rhoIntf(nbr.intf) : nullptr;
         if (!rho || !isState(rho->intf(), AssertState::iAmAssertLoser)) continue;
-        CASK_VRF_TRACE(6, vrfName(), "{}::handleActiveNeighbor({}), winner {} on {} is gone",
-                       name(), key, nbr.address, nbr.intf);
+        CASK_VRF_TRACE(6, vrfName(), "{}::{}({}), winner {} on {} {}", name(), handler, key,
+                       nbr.address, nbr.intf, why);
         doA5(*rho, " EDGE5");
     }
 }

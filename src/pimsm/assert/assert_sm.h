@@ -15,7 +15,8 @@
 //
 // Watches: LocalStatus routes of its kind (only to find the reactors of routes that go), the
 //          routes with assert state (flags, RPF, interfaces, change flags), PIM interfaces
-//          (deletion), received Join entries (EDGE9).
+//          (deletion), PIM neighbours (loss and generation ID: EDGE5), received Join entries
+//          (EDGE9).
 // Writes:  Intf::assertInfo, lastAssertAction, rxPreferredAssert, rxInferiorAssert; the
 //          interface's IntfStatus in AssertStatus.
 //
@@ -25,8 +26,12 @@
 // assertNoInfo.
 
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <string>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "cask/collection.h"
 #include "cask/reactor_map.h"
@@ -39,6 +44,12 @@
 #include "platform/pim_status.h"
 
 namespace Routing::Pim::SparseMode {
+
+// A metric in a state-change trace line: formatted only when the line is written, so that an
+// action costs no string while tracing is off.
+struct MetricText {
+    const AssertMetric& metric;
+};
 
 // A received Assert as the machines compare it: its (S,G), the metric it offers (the sender's
 // address as the metric's address) and where it arrived.
@@ -166,6 +177,10 @@ public:
     void doMaybeChangeAssertStateAll(RhoRoute& rr);
     // EDGE5: a PIM neighbour went; where it was the winner, the loser state ends.
     void handleActiveNeighbor(const Routing::Pim::NeighborKey& nbr);
+    // EDGE5: a PIM neighbour restarted (its generation ID changed); where it was the winner,
+    // the loser state ends as for a winner that went, on any interface (the route review only
+    // flags a restart of a route's RPF neighbour).
+    void handleNeighborGenId(const Routing::Pim::NeighborKey& nbr);
 
     // --- actions --------------------------------------------------------------------------
     // A1: assertNoInfo -> winner with `metric`; `trigger` is the key the immediate Assert names.
@@ -179,6 +194,9 @@ public:
     // and one triggered Assert for `trigger`.
     void doMaybeUpdateAssertWinner(RhoIntf& rho, const Routing::Pim::RouteKey& trigger);
     Routing::Pim::IntfStatus& doGetAssertIntfStatus(Wirl::IntfId intf);
+    // Lists `key` among the periodic winners of `intf`, dropping an AssertCancel still waiting
+    // for it; returns the interface's record.
+    Routing::Pim::IntfStatus& doListWinner(const Routing::Pim::RouteKey& key, Wirl::IntfId intf);
     void doWinnerCancel(const Routing::Pim::RouteKey& key, Wirl::IntfId intf, bool cancel);
 
     // The reactor of (route, interface), with its route reactor, created when absent.
@@ -233,6 +251,13 @@ private:
         AssertSm& sm_;
     };
 
+    // The neighbours of one PIM interface, each watched for a new generation ID.
+    class PimIntfWatcher;
+    // Keeps the watcher of `intf` in step with its PIM interface record.
+    void doWatchPimIntf(Wirl::IntfId intf);
+    // A5 (EDGE5) on every loser of `nbr.intf` whose winner is `nbr.address`.
+    void doEndLosersTo(const Routing::Pim::NeighborKey& nbr, const char* handler, const char* why);
+
     void doReleaseIdle();
 
     bool wc_;
@@ -241,8 +266,16 @@ private:
     int depth_ = 0;
     std::vector<Routing::Pim::RouteKey> idle_;
     PimWatcher pimWatcher_{*this};
+    std::map<Wirl::IntfId, std::unique_ptr<PimIntfWatcher>> pimIntfWatcher_;
     RxWatcher rxWatcher_{*this};
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute> route_;
 };
 
 }  // namespace Routing::Pim::SparseMode
+
+template <>
+struct fmt::formatter<Routing::Pim::SparseMode::MetricText> : fmt::formatter<std::string> {
+    auto format(const Routing::Pim::SparseMode::MetricText& t, fmt::format_context& ctx) const {
+        return fmt::formatter<std::string>::format(t.metric.str(), ctx);
+    }
+};

@@ -130,6 +130,11 @@ TEST(AssertSgSm, EveryTransitionOfTheTable) {
         {"winner's neighbour gone: EDGE5, A5", iAmAssertLoser,
          [](SgVrf& f) { f.vrf.neighborDel("d1", f.w); }, assertNoInfo, 5, false, false, 0,
          Timer::none, ""},
+        // d1 is not the RPF interface: no change flag tells of W's restart.
+        {"winner restarted (new generation ID): EDGE5, A5", iAmAssertLoser,
+         [](SgVrf& f) { f.restart(f.w); }, assertNoInfo, 5, false, false, 0, Timer::none, ""},
+        {"another router restarted: nothing", iAmAssertLoser, [](SgVrf& f) { f.restart(f.l); },
+         iAmAssertLoser, 6, false, false, 0, Timer::fromSetup, "10.0.3.9"},
         {"tracking no longer desired: EDGE6, A5", iAmAssertLoser, [](SgVrf& f) { f.prune(); },
          assertNoInfo, 5, false, false, 0, Timer::none, ""},
         {"my metric now better: EDGE7, A5", iAmAssertLoser,
@@ -314,6 +319,61 @@ TEST(AssertSgSm, LosingInterfaceLeavesTheForwardingRecord) {
     f.vrf.flush();
     EXPECT_EQ(f.state(f.sgKey, f.d1), assertNoInfo);
     EXPECT_TRUE(hasOif(f.d1));
+}
+
+// A winner that stops asserting queues an AssertCancel for its key; winning the same key on the
+// same interface again before the cancel goes drops it, or the cancel would follow the new
+// winner's Assert and undo it.
+TEST(AssertSgSm, WinningAgainDropsThePendingCancel) {
+    struct Case {
+        const char* name;
+        std::function<void(SgVrf&)> stop, again;
+    };
+    // The SPT bit cleared: CouldAssert(S,G,d1) false, A4.
+    auto couldNot = [](SgVrf& f) { f.vrf.status().route(f.sgKey)->spTreeIs(false); };
+    auto could = [](SgVrf& f) { f.vrf.status().route(f.sgKey)->spTreeIs(true); };
+    const std::vector<Case> cases = {
+        {"inferior assert: A1", couldNot,
+         [&](SgVrf& f) {
+             could(f);
+             f.toWinner();
+         }},
+        {"data on the interface: A1", couldNot,
+         [&](SgVrf& f) {
+             could(f);
+             f.rxData(f.d1, f.sgKey);
+         }},
+        // The route record replaced by one that carries the winner state, joined and on the
+        // source tree (what a restart hands over): the old record's going asks for a cancel,
+        // the new one is the winner.
+        {"route handed over as the winner", [](SgVrf& f) { f.vrf.removeRoute(f.sgKey); },
+         [](SgVrf& f) {
+             f.vrf.route(f.sgKey, {}, [&](Route& r) {
+                 r.upJoinStateIs(UpJoinState::upJoined);
+                 r.spTreeIs(true);
+                 r.routeIntfIs(f.d2)->localReceiverIncludeIs(true);
+                 Intf& i = *r.routeIntfIs(f.d1);
+                 i.localReceiverIncludeIs(true);
+                 i.assertInfoIs(AssertInfo{iAmAssertWinner, f.metric(false, 110, 20, f.me)});
+             });
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        SgVrf f;
+        f.route();
+        f.toWinner();
+        f.vrf.settle();
+        c.stop(f);
+        ASSERT_TRUE(f.status(f.d1)->assertCancelHas(f.sgKey));
+        ASSERT_FALSE(f.winnerListed(f.sgKey, f.d1));
+        c.again(f);
+        EXPECT_EQ(f.state(f.sgKey, f.d1), iAmAssertWinner);
+        EXPECT_TRUE(f.winnerListed(f.sgKey, f.d1));
+        EXPECT_FALSE(f.status(f.d1)->assertCancelHas(f.sgKey));
+        f.vrf.loop.runOnce();
+        EXPECT_FALSE(f.cancelListed(f.sgKey, f.d1));
+    }
 }
 
 // A winner whose interface or route goes sends an AssertCancel; one whose PIM interface goes

@@ -65,6 +65,12 @@ struct AssertVrf {
         vrf.rx().rxJoinIs(m);
     }
 
+    // The neighbour `nbr` on d1 restarted: its hellos carry a new generation ID.
+    void restart(const IpGenAddr& nbr) {
+        auto n = vrf.pim().intfRaw(d1)->neighbor(nbr);
+        n->genIdIs(n->genId() + 1);
+    }
+
     const Intf* intf(const RouteKey& key, IntfId id) const {
         auto r = vrf.status().route(key);
         return r ? r->routeIntfRaw(id) : nullptr;
