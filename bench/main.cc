@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "end_to_end.h"
+#include "rpt_prune_bench.h"
 
 namespace Bench {
 int reactorsMain(int argc, char** argv);  // reactor_bench.cc
@@ -17,6 +18,8 @@ int main(int argc, char** argv) {
     if (argc > 1 && std::string_view(argv[1]) == "end-to-end") {
         return Bench::endToEndMain(argc - 1, argv + 1);
     }
+    if (argc > 1 && std::string_view(argv[1]) == "rpt-prune")
+        return Bench::rptPruneMain(argc - 1, argv + 1);
     if (argc > 1 && std::string_view(argv[1]) == "reactors")
         return Bench::reactorsMain(argc - 1, argv + 1);
     benchmark::Initialize(&argc, argv);
