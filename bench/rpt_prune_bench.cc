@@ -417,10 +417,14 @@ std::string toText(const RptPruneResult& r) {
          fmt::format("{:.0f}", r.heapSentTriggeredPerRoute)},
     };
     std::size_t width = 0;
-    for (const auto& [name, value] : rows) width = std::max(width, name.size());
+    std::size_t valueWidth = 0;
+    for (const auto& [name, value] : rows) {
+        width = std::max(width, name.size());
+        valueWidth = std::max(valueWidth, value.size());
+    }
     std::string out;
     for (const auto& [name, value] : rows) {
-        out += fmt::format("{:<{}}{:>24}\n", name, width + 2, value);
+        out += fmt::format("{:<{}}{:>{}}\n", name, width + 2, value, valueWidth);
     }
     return out;
 }
