@@ -27,7 +27,7 @@
 // (*,G) Join, and the override set after its override delay (deleting the
 // entry cancels it, which stands for RFC 7761's Override Timer).
 
-#include <unordered_map>
+#include <absl/container/flat_hash_map.h>
 
 #include "cask/collection.h"
 #include "cask/reactor_map.h"
@@ -180,8 +180,9 @@ private:
     bool initialized_ = false;
     RxWatcher rxWatcher_{*this};
     // prevRpNeighbor / prevRpIntf: only sources whose periodic Prune is
-    // written have an entry.
-    std::unordered_map<Routing::Pim::RouteKey, Routing::Pim::NeighborKey, KeyHash> prevRp_;
+    // written have an entry. Open addressing: no node per entry, and a
+    // rehash moves the entries without allocating each again.
+    absl::flat_hash_map<Routing::Pim::RouteKey, Routing::Pim::NeighborKey, KeyHash> prevRp_;
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute> route_;
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoWcRoute> wcRoute_;
 };
