@@ -6,10 +6,10 @@
 #include <chrono>
 #include <stdexcept>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include <absl/container/flat_hash_map.h>
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
@@ -133,7 +133,7 @@ double prevRpBytesPerEntry(std::size_t n, const Wirl::IpGenAddr& group) {
         std::size_t operator()(const RouteKey& k) const { return k.hash(); }
     };
     const double h = heapBytes();
-    std::unordered_map<RouteKey, Routing::Pim::NeighborKey, KeyHash> m;
+    absl::flat_hash_map<RouteKey, Routing::Pim::NeighborKey, KeyHash> m;
     const Routing::Pim::NeighborKey nbr{rpSide, addr("10.2.0.2")};
     for (std::size_t i = 0; i < n; ++i) m.emplace(RouteKey(source(i), group), nbr);
     return (heapBytes() - h) / double(n);
