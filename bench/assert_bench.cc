@@ -22,6 +22,7 @@
 #include "platform/mfib_table.h"
 #include "platform/mrt_upcall.h"
 #include "platform/state_db.h"
+#include "scenario_parts.h"
 #include "skipping_clock.h"
 
 namespace Bench {
@@ -30,7 +31,6 @@ namespace {
 
 namespace SM = ::Routing::Pim::SparseMode;
 namespace Pim = ::Routing::Pim;
-using WallClock = std::chrono::steady_clock;
 
 // Groups 232.0.0.1, 232.0.0.2, ... of the default SSM range, all from one source reached through
 // Ethernet2.
@@ -52,15 +52,6 @@ const Wirl::IntfId upstream("Ethernet2");
 // routes joined, so the loser's heap is the assert state rather than the pruned routes.
 const Wirl::IntfId otherLan("Ethernet3");
 
-double seconds(WallClock::duration d) {
-    return std::chrono::duration<double>(d).count();
-}
-Wirl::IpGenAddr addr(std::string_view text) {
-    return *Wirl::IpGenAddr::parse(text);
-}
-Wirl::IpGenPrefix prefix(std::string_view text) {
-    return *Wirl::IpGenPrefix::parse(text);
-}
 Pim::RouteKey key(std::size_t i) {
     return Pim::RouteKey(addr(sourceText), Wirl::IpGenAddr::v4(firstGroup + std::uint32_t(i)));
 }
@@ -68,17 +59,9 @@ Pim::RouteKey key(std::size_t i) {
 Driver::Scenario lanScenario() {
     Driver::VrfSpec v;
     v.name = L3::VrfName::defaultVrf();
-    auto intf = [](std::string_view name, std::string_view a, bool dr) {
-        Driver::InterfaceSpec i;
-        i.name = Wirl::IntfId(name);
-        i.addr = addr(a);
-        i.address = Wirl::IpGenPrefix(i.addr, 24);
-        i.dr = dr;
-        return i;
-    };
-    v.interfaces.push_back(intf("Ethernet1", "10.1.0.1", true));
-    v.interfaces.push_back(intf("Ethernet2", "10.2.0.1", false));
-    v.interfaces.push_back(intf("Ethernet3", "10.3.0.1", true));
+    v.interfaces.push_back(interfaceSpec("Ethernet1", "10.1.0.1", true));
+    v.interfaces.push_back(interfaceSpec("Ethernet2", "10.2.0.1", false));
+    v.interfaces.push_back(interfaceSpec("Ethernet3", "10.3.0.1", true));
     v.neighbors.push_back({lan, addr(otherRouterText)});
     v.neighbors.push_back({upstream, addr("10.2.0.2")});
     v.routes.push_back(

@@ -26,6 +26,7 @@
 #include "platform/mfib_table.h"
 #include "platform/mrt_upcall.h"
 #include "platform/state_db.h"
+#include "scenario_parts.h"
 #include "skipping_clock.h"
 
 namespace Bench {
@@ -34,7 +35,6 @@ namespace {
 
 namespace TMF = ::Tidal::Multicast::Fib;
 namespace SM = ::Routing::Pim::SparseMode;
-using WallClock = std::chrono::steady_clock;
 
 // Groups 239.0.0.1, 239.0.0.2, ...: administratively scoped (RFC 2365), so outside the default
 // SSM range and mapped to the static RP.
@@ -52,16 +52,6 @@ constexpr Cask::Seconds virtualLimit = 300;
 constexpr auto progressEvery = std::chrono::milliseconds(500);
 constexpr int floorRuns = 3;  // the floor is the best of these
 
-double seconds(WallClock::duration d) {
-    return std::chrono::duration<double>(d).count();
-}
-
-Wirl::IpGenAddr addr(std::string_view text) {
-    return *Wirl::IpGenAddr::parse(text);
-}
-Wirl::IpGenPrefix prefix(std::string_view text) {
-    return *Wirl::IpGenPrefix::parse(text);
-}
 Wirl::IpGenAddr group(std::size_t i, bool ssm = false) {
     return Wirl::IpGenAddr::v4((ssm ? firstSsmGroup : firstGroup) + std::uint32_t(i));
 }
@@ -86,16 +76,8 @@ Driver::Scenario lastHopScenario() {
     Driver::VrfSpec v;
     v.name = L3::VrfName::defaultVrf();
     v.rps.push_back({prefix("224.0.0.0/4"), addr("10.0.0.1")});
-    auto intf = [](std::string_view name, std::string_view a, bool dr) {
-        Driver::InterfaceSpec i;
-        i.name = Wirl::IntfId(name);
-        i.addr = addr(a);
-        i.address = Wirl::IpGenPrefix(i.addr, 24);
-        i.dr = dr;
-        return i;
-    };
-    v.interfaces.push_back(intf("Ethernet1", "10.1.0.1", true));
-    v.interfaces.push_back(intf("Ethernet2", "10.2.0.1", false));
+    v.interfaces.push_back(interfaceSpec("Ethernet1", "10.1.0.1", true));
+    v.interfaces.push_back(interfaceSpec("Ethernet2", "10.2.0.1", false));
     v.neighbors.push_back({Wirl::IntfId("Ethernet2"), addr("10.2.0.2")});
     // A downstream router on the host interface, the sender of downstream joins.
     v.neighbors.push_back({Wirl::IntfId("Ethernet1"), addr("10.1.0.2")});
@@ -202,10 +184,6 @@ double floorSeconds(const std::vector<TMF::Route>& records) {
         best = run == 0 ? s : std::min(best, s);
     }
     return best;
-}
-
-double heapBytes() {
-    return double(heapBytesInUse());
 }
 
 // What the agent's own records of N routes weigh on the heap: the same records built alone,

@@ -25,6 +25,7 @@
 #include "platform/mfib_table.h"
 #include "platform/mrt_upcall.h"
 #include "platform/state_db.h"
+#include "scenario_parts.h"
 
 namespace Bench {
 
@@ -32,7 +33,6 @@ namespace {
 
 namespace SM = ::Routing::Pim::SparseMode;
 using Routing::Pim::RouteKey;
-using WallClock = std::chrono::steady_clock;
 
 // Sources 10.128.0.1, 10.128.0.2, ...: all inside 10.128.0.0/9, reached through Ethernet3.
 constexpr std::uint32_t firstSource = 0x0a800001u;
@@ -53,22 +53,9 @@ constexpr std::size_t groupHeaderBytes = 8 + 2 + 2;
 constexpr std::size_t encodedSourceBytes = 8;
 constexpr std::size_t messageOverheadBytes = 20 + 4 + 6 + 1 + 1 + 2;
 
-double seconds(WallClock::duration d) {
-    return std::chrono::duration<double>(d).count();
-}
-Wirl::IpGenAddr addr(std::string_view text) {
-    return *Wirl::IpGenAddr::parse(text);
-}
-Wirl::IpGenPrefix prefix(std::string_view text) {
-    return *Wirl::IpGenPrefix::parse(text);
-}
 Wirl::IpGenAddr source(std::size_t i) {
     return Wirl::IpGenAddr::v4(firstSource + std::uint32_t(i));
 }
-double heapBytes() {
-    return double(heapBytesInUse());
-}
-
 const Wirl::IntfId host("Ethernet1");
 const Wirl::IntfId rpSide("Ethernet2");
 const Wirl::IntfId sourceSide("Ethernet3");
@@ -78,17 +65,9 @@ Driver::Scenario lastHopScenario() {
     Driver::VrfSpec v;
     v.name = L3::VrfName::defaultVrf();
     v.rps.push_back({prefix("224.0.0.0/4"), addr("10.0.0.1")});
-    auto intf = [](std::string_view name, std::string_view a, bool dr) {
-        Driver::InterfaceSpec i;
-        i.name = Wirl::IntfId(name);
-        i.addr = addr(a);
-        i.address = Wirl::IpGenPrefix(i.addr, 24);
-        i.dr = dr;
-        return i;
-    };
-    v.interfaces.push_back(intf("Ethernet1", "10.1.0.1", true));
-    v.interfaces.push_back(intf("Ethernet2", "10.2.0.1", false));
-    v.interfaces.push_back(intf("Ethernet3", "10.3.0.1", false));
+    v.interfaces.push_back(interfaceSpec("Ethernet1", "10.1.0.1", true));
+    v.interfaces.push_back(interfaceSpec("Ethernet2", "10.2.0.1", false));
+    v.interfaces.push_back(interfaceSpec("Ethernet3", "10.3.0.1", false));
     v.neighbors.push_back({rpSide, addr("10.2.0.2")});
     v.neighbors.push_back({sourceSide, addr("10.3.0.2")});
     v.routes.push_back({prefix("10.0.0.0/24"), rpSide, addr("10.2.0.2")});
