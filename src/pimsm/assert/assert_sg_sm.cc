@@ -338,8 +338,7 @@ void AssertSgSm::doA6(RhoIntf& rho, const AssertMetric& rx, const char* label) {
     // source tree: set the SPT bit so that the (S,G,rpt) prune follows.
     if (i.intfId() == r.iif() && r.upJoinState() == UpJoinState::upJoined) {
         CASK_VRF_TRACE(6, vrfName(), "AssertSgSm: Setting SPT bit on route {}", key);
-        r.switchingIs(false);
-        r.spTreeIs(true);
+        r.spTreeReached();
     }
 }
 

@@ -66,6 +66,19 @@ Cask::Ptr<Intf> Route::routeIntfIs(Wirl::IntfId intf, std::uint32_t ifIndex) {
     return fresh;
 }
 
+void Route::spTreeReached() {
+    const RouteFlags spt = RouteFlags(1u << spTreeBit), switching = RouteFlags(1u << switchingBit);
+    const RouteFlags before = routeFlags_;
+    routeFlags_ = (routeFlags_ | spt) & ~switching;
+    const RouteFlags changed = before ^ routeFlags_;
+    if (!changed) return;
+    // A watcher may drop the last reference: then the route is gone and
+    // nothing more is announced.
+    if ((changed & switching) && !notify(&Notifiee::handleSwitching)) return;
+    if ((changed & spt) && !notify(&Notifiee::handleSpTree)) return;
+    notify(&Notifiee::handleRouteFlags);
+}
+
 const Route* Route::wc() const {
     if (isWc()) return this;
     if (!context_ || !context_->localStatus) return nullptr;

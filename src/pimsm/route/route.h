@@ -166,6 +166,10 @@ public:
     PIMSM_ROUTE_FLAG(drDiscovered, DrDiscovered)
     PIMSM_ROUTE_FLAG(oifRegister, OifRegister)
 #undef PIMSM_ROUTE_FLAG
+    // Sets the SPT bit and clears `switching` in one write of the flag word,
+    // so that no watcher sees one change without the other: each changed
+    // flag is announced, then `handleRouteFlags` once.
+    void spTreeReached();
     bool programmable() const {
         return localFlags_ & 1u;
     }

@@ -269,8 +269,22 @@ TEST(AssertSgSm, LoserOnTheRpfInterfaceFollowsTheWinner) {
     ASSERT_EQ(r.rpf().neighbor, ip("10.0.1.2"));
     r.switchingIs(true);
     ASSERT_FALSE(r.spTree());
+    // A6 writes both flags at once: whoever hears of either sees both.
+    struct FlagWatch : Route::Notifiee {
+        using Route::Notifiee::Notifiee;
+        int flagWrites = 0, halfWritten = 0;
+        void check() {
+            if (notifier()->spTree() == notifier()->switching()) ++halfWritten;
+        }
+        void handleSpTree() override { check(); }
+        void handleSwitching() override { check(); }
+        void handleRouteFlags() override { ++flagWrites; }
+    } watch(&r);
     f.rxAssert(f.up1, f.sgKey, f.metric(false, 100, 20, winner));
     f.vrf.flush();
+    EXPECT_GT(watch.flagWrites, 0);
+    EXPECT_EQ(watch.halfWritten, 0);
+    watch.notifierIs(nullptr);
     EXPECT_EQ(f.state(f.sgKey, f.up1), iAmAssertLoser);
     Cask::Ptr<Intf> onUp1 = r.routeIntf(f.up1);
     ASSERT_TRUE(onUp1);
