@@ -173,7 +173,11 @@ Json routeRow(const L3::VrfName& vrf, const ContainerSm& c, const Route& r) {
     row["upstream"] = upstreamWords(r.upJoinState());
     // An (S,G) route's upstream state on the shared tree (RFC 7761 4.5.7).
     row["upstream-rpt"] = r.isWc() ? Json() : Json(upstreamRptWords(r.umh()->upRptState()));
-    row["uptime"] = seconds(c.context().loop->now() - r.creationTime());
+    const double now = c.context().loop->now();
+    // How long the route has been joined to rpf-neighbor (null: joined to
+    // none).
+    row["joined-for"] = r.joinedSince() < 0 ? Json() : seconds(now - r.joinedSince());
+    row["uptime"] = seconds(now - r.creationTime());
     row["oifs"] = oifs;
     row["why"] = reasons;
     // The data-driven state of an (S,G) route (null for a (*,G) route): the

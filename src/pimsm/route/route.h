@@ -206,6 +206,15 @@ public:
     CASK_ATTR(double, firstInactivityTime, FirstInactivityTime)
     CASK_ATTR(ExpiredFlags, expiredFlags, ExpiredFlags)
     CASK_ATTR(bool, initialized, Initialized)
+    // Loop time at which the route last joined its present RPF' neighbour;
+    // negative while it is joined to none. For operators: no machine
+    // decides on it, so it is set without notification.
+    double joinedSince() const {
+        return joinedSince_;
+    }
+    void joinedSinceIs(double t) {
+        joinedSince_ = t;
+    }
 
     // The interfaces on which the route has state. `routeIntfIs(intf)`
     // returns the existing record or adds a fresh one; null (traced and
@@ -317,6 +326,7 @@ private:
     ExpiredFlags expiredFlags_;
     double creationTime_;
     double firstInactivityTime_ = 0;
+    double joinedSince_ = -1;
     KernelStats kernelStats_;
     Cask::Ptr<UpstreamInfo> umh_;
     Cask::Ptr<UpstreamInfo> umhFrr_;

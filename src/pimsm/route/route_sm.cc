@@ -54,6 +54,23 @@ void RouteSm::handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) {
     }
 }
 
+void RouteSm::handleRpf() {
+    const UpstreamInfo& umh = *route()->umh();
+    const Rpf former = umh.formerRpf();
+    doUpdateJoinedSince(former.intf != umh.rpf().intf || former.neighbor != umh.rpf().neighbor);
+    doUpdateRpfConfig();
+}
+
+void RouteSm::doUpdateJoinedSince(bool neighborMoved) {
+    Route& r = *route();
+    const bool joined = r.upJoinState() == UpJoinState::upJoined && r.umh()->rpf().hasNeighbor();
+    if (!joined) {
+        r.joinedSinceIs(-1);
+    } else if (r.joinedSince() < 0 || neighborMoved) {
+        r.joinedSinceIs(review_.loop().now());
+    }
+}
+
 void RouteSm::handleRouteInitialized() {
     if (initialized_) return;
     initialized_ = true;
@@ -77,9 +94,11 @@ void RouteSm::handleRouteInitialized() {
     CASK_VRF_TRACE(7, review_.vrfName(),
                    "RouteSm: Route{} created, flags: {}, (*,G) routes: {}, (S,G) routes: {}", key,
                    r.routeFlagsStr(), status.wcRouteCount(), status.sgRouteCount());
-    // Start consistent: the deletion mark, the backup upstream, the RPF request.
+    // Start consistent: the deletion mark, the backup upstream, the RPF
+    // request, and the join time of a route handed over joined.
     handleRouteFlags();
     doUpdateRpfConfig();
+    doUpdateJoinedSince(false);
 }
 
 void RouteSm::handleIntf(Wirl::IntfId intf) {

@@ -8,7 +8,8 @@
 // entries. It never changes other routes: fan-out goes through the review.
 // Watches: its route (flags, interfaces, upstream) and each interface record's state.
 // Writes:  LocalStatus.wcRoute / sgRoute, the status's indexes and counts,
-//          Intf::toBeDeleted, markedForDeletion of (*,G) routes, RPF requests.
+//          Intf::toBeDeleted, markedForDeletion of (*,G) routes, RPF requests,
+//          Route::joinedSince.
 //
 // When an interface record stops carrying state (see `intfCarriesState`) it
 // is marked `toBeDeleted` and the next review removes it; when the route's
@@ -67,10 +68,14 @@ public:
     // The route's interfaces and upstream, through the route.
     void handleIntfAttr(Intf& intf, IntfAttr attr) override;
     void handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) override;
-    void handleRpf() { doUpdateRpfConfig(); }
+    void handleRpf();
+    void handleUpJoinState() override { doUpdateJoinedSince(false); }
     void handleRp() { doUpdateRpfConfig(); }
     void updateUmhFrr();
     void doUpdateRpfConfig();
+    // Keeps the route's `joinedSince` in step with its upstream join state
+    // and RPF' neighbour; `neighborMoved` restarts it while joined.
+    void doUpdateJoinedSince(bool neighborMoved);
     void handleIntfChange(Intf& intf);
     // The route left the status: undoes the registration.
     void handleDelete();

@@ -226,4 +226,34 @@ TEST(RouteSm, RpfRequestFollowsTheUpstream) {
     EXPECT_FALSE(f.rpfConfig().rpfConfigInfoHas(key));
 }
 
+// What the routes view shows as joined-for: it starts when the route joins
+// a neighbour, survives a metric change toward the same neighbour, restarts
+// when RPF' moves to another one, and ends when the route stops joining.
+TEST(RouteSm, JoinedSinceFollowsTheJoinedNeighbor) {
+    TestVrf f{TestVrf::Layout::twoUpstreamsIAmDr};
+    const auto key = wc("239.1.1.1");
+    f.clock.advanceBy(5);
+    Route& r = f.route(key, {"d1"});
+    f.settle();
+    ASSERT_EQ(r.upJoinState(), UpJoinState::upJoined);
+    const double joined = r.joinedSince();
+    EXPECT_GE(joined, 5);
+    EXPECT_LE(joined, f.clock.now());
+    f.clock.advanceBy(5);
+    f.unicastRouteIs(prefix("10.9.9.0/24"), "up1", ip("10.0.1.2"), 110, 99);
+    f.settle();
+    ASSERT_EQ(r.rpf().metric, 99u);
+    EXPECT_EQ(r.joinedSince(), joined);
+    f.clock.advanceBy(5);
+    const double movedAt = f.clock.now();
+    f.unicastRouteIs(prefix("10.9.9.0/24"), "up2", ip("10.0.2.2"));
+    f.settle();
+    ASSERT_EQ(r.rpf().neighbor, ip("10.0.2.2"));
+    EXPECT_GE(r.joinedSince(), movedAt);
+    EXPECT_LE(r.joinedSince(), f.clock.now());
+    r.routeIntf(IntfId("d1"))->localReceiverIncludeIs(false);
+    ASSERT_EQ(r.upJoinState(), UpJoinState::upNotJoined);
+    EXPECT_LT(r.joinedSince(), 0);
+}
+
 }  // namespace
