@@ -20,9 +20,9 @@
 
 namespace Routing::Pim {
 
-// The addresses one route needs resolved. Unset addresses have no family.
+// The addresses one route needs resolved (the route is the key it is kept
+// under). Unset addresses have no family.
 struct RpfConfigInfo {
-    RouteKey key;
     // The source of an (S,G) route, the RP of a (*,G) route; the route's RPF
     // is unresolved while this has no unicast route (or is unset).
     Wirl::IpGenAddr target;

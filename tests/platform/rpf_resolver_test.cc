@@ -41,7 +41,7 @@ struct Resolver : ::testing::Test {
     const IpGenAddr group = ip("239.1.1.1");
     RouteKey key(const char* source) { return RouteKey(ip(source), group); }
     void request(const RouteKey& k, IpGenAddr target, IpGenAddr nbr = {}) {
-        config->rpfConfigInfoIs(k, RpfConfigInfo{k, target, nbr, {}});
+        config->rpfConfigInfoIs(k, RpfConfigInfo{target, nbr, {}});
     }
     std::set<RouteKey> unresolved() const {
         return {status->unresolvedRoute().begin(), status->unresolvedRoute().end()};

@@ -156,7 +156,6 @@ void RouteSm::doUpdateRpfConfig() {
     const Route& r = *route();
     const UpstreamInfo& umh = *r.umh();
     Routing::Pim::RpfConfigInfo info;
-    info.key = r.key();
     info.target = r.isWc() ? umh.rp() : r.key().source();
     if (umh.rpf().hasNeighbor()) info.rpfNeighbor = umh.rpf().neighbor;
     if (umh.prevRpf().hasNeighbor()) info.prevRpfNeighbor = umh.prevRpf().neighbor;
