@@ -25,6 +25,9 @@
 #include <map>
 #include <vector>
 
+#include <boost/container/flat_map.hpp>
+#include <boost/container/small_vector.hpp>
+
 #include "cask/collection.h"
 #include "cask/lazy_set.h"
 #include "platform/membership.h"
@@ -93,7 +96,10 @@ public:
 
 private:
     Wirl::IpGenAddr group_;
-    Cask::ValueMap<Wirl::IpGenAddr, WcSourceData, std::map<Wirl::IpGenAddr, WcSourceData>>
+    // A group has one RP, so one (*,G) entry is kept in place: a route's
+    // Join costs no allocation beyond the group record.
+    Cask::ValueMap<Wirl::IpGenAddr, WcSourceData,
+                   boost::container::small_flat_map<Wirl::IpGenAddr, WcSourceData, 1>>
         wcSourceData_;
     SourceSet joinedSource_;
     SourceSet prunedSource_;
