@@ -58,8 +58,7 @@ void WcRouteReviewSm::handleWcRoute(const RouteKey& key) {
     }
 }
 
-std::optional<Wirl::IpGenAddr> WcRouteReviewSm::inRanges(
-    std::set<Wirl::IpGenAddr>::const_iterator it) const {
+std::optional<Wirl::IpGenAddr> WcRouteReviewSm::inRanges(GroupSet::const_iterator it) const {
     // Ranges are few: a scan of them per step, and a jump over the groups
     // between two ranges.
     while (it != groups_.end()) {

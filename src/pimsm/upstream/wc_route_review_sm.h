@@ -17,6 +17,8 @@
 #include <set>
 #include <vector>
 
+#include <absl/container/btree_set.h>
+
 #include "cask/collection.h"
 #include "cask/event_loop.h"
 #include "cask/sliced_review.h"
@@ -50,6 +52,7 @@ public:
     Cask::SlicedReview<Wirl::IpGenAddr>& review() { return *review_; }
 
 private:
+    using GroupSet = absl::btree_set<Wirl::IpGenAddr>;
     class RpWatcher : public Platform::RpMapping::Notifiee {
     public:
         explicit RpWatcher(WcRouteReviewSm& owner) : owner_(owner) {}
@@ -60,15 +63,16 @@ private:
     };
 
     // The first group at or after `it` that lies in a range under review.
-    std::optional<Wirl::IpGenAddr> inRanges(std::set<Wirl::IpGenAddr>::const_iterator it) const;
+    std::optional<Wirl::IpGenAddr> inRanges(GroupSet::const_iterator it) const;
     void doReviewGroup(const Wirl::IpGenAddr& group);
 
     UpstreamWcSm& upstream_;
     const L3::VrfName vrfName_;
     LocalStatus& localStatus_;
     RpWatcher rpWatcher_{*this};
-    // Groups with a (*,G) route, in order.
-    std::set<Wirl::IpGenAddr> groups_;
+    // Groups with a (*,G) route, in order; a B-tree keeps them without a
+    // node allocation per group.
+    GroupSet groups_;
     // Ranges changed since the review in progress started, and the ranges it
     // works on (sorted by first address).
     std::set<Wirl::IpGenPrefix> pending_;
