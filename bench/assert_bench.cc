@@ -12,18 +12,14 @@
 
 #include "alloc_count.h"
 #include "cask/trace.h"
-#include "driver/runner.h"
 #include "driver/scenario.h"
 #include "pimsm/agent/container_sm.h"
-#include "pimsm/agent/root_sm.h"
 #include "pimsm/route/local_status.h"
 #include "platform/assert_status.h"
 #include "platform/membership.h"
 #include "platform/mfib_table.h"
 #include "platform/mrt_upcall.h"
-#include "platform/state_db.h"
 #include "scenario_parts.h"
-#include "skipping_clock.h"
 
 namespace Bench {
 
@@ -199,25 +195,13 @@ AssertBenchResult runAssertBench(std::size_t keys) {
     if (keys == 0 || keys > maxKeys) {
         throw std::invalid_argument(fmt::format("keys must be 1 to {}", maxKeys));
     }
-    const auto scenario = lanScenario();
-    SkippingClock clock;
-    Driver::RunOptions options;
-    options.traceLevel = 0;
-    options.clock = &clock;
-    Driver::Runner runner(scenario, options);
-    Cask::eventLog().levelIs(0);
-    auto& loop = runner.loop();
-    loop.runUntil(startAt);
-
-    const auto vrf = L3::VrfName::defaultVrf();
-    auto table = runner.db().mfibTable(vrf);
-    auto members = runner.db().membershipTable(vrf);
-    auto upcalls = runner.db().mrtUpcall(vrf);
-    auto* root = runner.agent().rootSm();
-    auto* container = root ? root->containerSm().raw(vrf) : nullptr;
-    if (!table || !members || !upcalls || !container || !container->assertMessageSm()) {
-        throw std::runtime_error("the VRF did not come up");
-    }
+    BenchVrf bench(lanScenario(), BenchVrf::Clock::skipping);
+    bench.open(startAt, [](SM::ContainerSm& c) { return c.assertMessageSm() != nullptr; });
+    auto& loop = bench.loop;
+    auto& table = bench.table;
+    auto& members = bench.members;
+    auto& upcalls = bench.upcalls;
+    auto* container = bench.container;
     const SM::LocalStatus& ls = *container->localStatus();
     SM::AssertMessageSm& door = *container->assertMessageSm();
     Pim::IO::MessageInfo& tx = *container->txMessageInfo();

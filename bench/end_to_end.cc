@@ -16,18 +16,14 @@
 
 #include "alloc_count.h"
 #include "cask/trace.h"
-#include "driver/runner.h"
 #include "driver/scenario.h"
-#include "pimsm/agent/root_sm.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/status.h"
 #include "platform/join_prune.h"
 #include "platform/membership.h"
 #include "platform/mfib_table.h"
 #include "platform/mrt_upcall.h"
-#include "platform/state_db.h"
 #include "scenario_parts.h"
-#include "skipping_clock.h"
 
 namespace Bench {
 
@@ -299,25 +295,13 @@ EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& pr
     }
     const Wirl::IntfId host("Ethernet1");
     const Wirl::IntfId upstream("Ethernet2");
-    const auto scenario = lastHopScenario();
-    SkippingClock steady;
-    Driver::RunOptions options;
-    options.traceLevel = 0;
-    if (realTime) options.clock = &steady;
-    Driver::Runner runner(scenario, options);
-    Cask::eventLog().levelIs(0);
-    auto& loop = runner.loop();
-    loop.runUntil(joinsAt);
-
-    const auto vrf = L3::VrfName::defaultVrf();
-    auto table = runner.db().mfibTable(vrf);
-    auto members = runner.db().membershipTable(vrf);
-    auto upcalls = runner.db().mrtUpcall(vrf);
-    auto* root = runner.agent().rootSm();
-    auto* container = root ? root->containerSm().raw(vrf) : nullptr;
-    if (!table || !members || !upcalls || !container) {
-        throw std::runtime_error("the VRF did not come up");
-    }
+    BenchVrf bench(lastHopScenario(), realTime ? BenchVrf::Clock::skipping : BenchVrf::Clock::loop);
+    bench.open(joinsAt);
+    auto& loop = bench.loop;
+    auto& table = bench.table;
+    auto& members = bench.members;
+    auto& upcalls = bench.upcalls;
+    auto* container = bench.container;
     CommitWatch watch(*table, routes, upstream, host, progress, joins);
     const auto messages =
         joins == Joins::downstream ? downstreamMessages(routes) : decltype(downstreamMessages(0)){};

@@ -16,15 +16,12 @@
 #include "alloc_count.h"
 #include "cask/reactor_map.h"
 #include "cask/trace.h"
-#include "driver/runner.h"
 #include "driver/scenario.h"
-#include "pimsm/agent/root_sm.h"
 #include "pimsm/route/status.h"
 #include "pimsm/upstream/upstream_sg_rpt_sm.h"
 #include "platform/join_prune.h"
 #include "platform/mfib_table.h"
 #include "platform/mrt_upcall.h"
-#include "platform/state_db.h"
 #include "scenario_parts.h"
 
 namespace Bench {
@@ -161,28 +158,20 @@ RptPruneResult runRptPrune(std::size_t n) {
         throw std::invalid_argument(fmt::format("sources must be 1 to {}", maxSources));
     }
     const auto group = addr("239.1.1.1");
-    const auto scenario = lastHopScenario();
-    Driver::RunOptions options;
-    options.traceLevel = 0;
-    Driver::Runner runner(scenario, options);
-    Cask::eventLog().levelIs(0);
-    auto& loop = runner.loop();
-    const auto vrf = L3::VrfName::defaultVrf();
-    auto config = runner.db().config(vrf);
+    BenchVrf bench(lastHopScenario(), BenchVrf::Clock::loop);
+    auto& loop = bench.loop;
+    auto config = bench.runner.db().config(bench.vrf);
     if (!config) throw std::runtime_error("the VRF has no configuration");
     config->drSwitchIs(SM::Config::DrSwitchThresh::immediate);
-    loop.runUntil(joinAt);
-
-    auto fib = runner.db().mfibTable(vrf);
-    auto members = runner.db().membershipTable(vrf);
-    auto upcalls = runner.db().mrtUpcall(vrf);
-    auto* root = runner.agent().rootSm();
-    auto* c = root ? root->containerSm().raw(vrf) : nullptr;
-    auto* jp = c ? c->joinPruneStatus() : nullptr;
-    auto* rptSm = c ? c->upstreamSgRptSm() : nullptr;
-    if (!fib || !members || !upcalls || !jp || !rptSm || !c->status()) {
-        throw std::runtime_error("the VRF did not come up");
-    }
+    bench.open(joinAt, [](SM::ContainerSm& c) {
+        return c.joinPruneStatus() && c.upstreamSgRptSm() && c.status();
+    });
+    auto& fib = bench.table;
+    auto& members = bench.members;
+    auto& upcalls = bench.upcalls;
+    auto* c = bench.container;
+    auto* jp = c->joinPruneStatus();
+    auto* rptSm = c->upstreamSgRptSm();
     auto* toRp = jp->neighbor(rpSide, addr("10.2.0.2"));
     auto* toSources = jp->neighbor(sourceSide, addr("10.3.0.2"));
     if (!toRp || !toSources) throw std::runtime_error("no Join/Prune entry for a neighbour");

@@ -1,15 +1,29 @@
 #pragma once
 // What the whole-agent benchmarks share when they build their scenario and
 // time it: address and prefix literals, a PIM interface with a /24, wall
-// seconds, and the heap in use.
+// seconds, the heap in use, and the agent running the scenario with the
+// default VRF's records they drive.
 
 #include <chrono>
+#include <functional>
+#include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include "alloc_count.h"
+#include "cask/trace.h"
+#include "driver/runner.h"
 #include "driver/scenario.h"
+#include "pimsm/agent/container_sm.h"
+#include "pimsm/agent/root_sm.h"
+#include "platform/membership.h"
+#include "platform/mfib_table.h"
+#include "platform/mrt_upcall.h"
+#include "platform/state_db.h"
+#include "skipping_clock.h"
 #include "wirl/ip_gen_addr.h"
 #include "wirl/ip_gen_prefix.h"
+#include "wirl/vrf_name.h"
 
 namespace Bench {
 
@@ -37,5 +51,54 @@ inline Driver::InterfaceSpec interfaceSpec(std::string_view name, std::string_vi
 inline double heapBytes() {
     return double(heapBytesInUse());
 }
+
+// The agent running a benchmark's scenario, traces and event log off, and the default VRF
+// it drives. Made first, so that the benchmark may change inputs before the VRF starts;
+// `open` then runs the loop to the benchmark's start and looks up the VRF's records.
+struct BenchVrf {
+    enum class Clock {
+        loop,      // the runner's virtual clock: time passes only as the loop says
+        skipping,  // steady time that skips idle waits (skipping_clock.h)
+    };
+
+    BenchVrf(Driver::Scenario s, Clock clock)
+        : scenario(std::move(s)), runner(scenario, options(clock)) {
+        Cask::eventLog().levelIs(0);
+    }
+
+    // Runs the loop until `at`, then finds the VRF's forwarding table, membership table,
+    // upcall record and container; throws "the VRF did not come up" when one of them, or
+    // what `more` asks of the container, is missing.
+    void open(Cask::Seconds at,
+              const std::function<bool(Routing::Pim::SparseMode::ContainerSm&)>& more = {}) {
+        loop.runUntil(at);
+        table = runner.db().mfibTable(vrf);
+        members = runner.db().membershipTable(vrf);
+        upcalls = runner.db().mrtUpcall(vrf);
+        auto* root = runner.agent().rootSm();
+        container = root ? root->containerSm().raw(vrf) : nullptr;
+        if (!table || !members || !upcalls || !container || (more && !more(*container))) {
+            throw std::runtime_error("the VRF did not come up");
+        }
+    }
+
+    const Driver::Scenario scenario;  // the runner reads it for as long as it runs
+    SkippingClock skipping;
+    Driver::Runner runner;
+    Cask::EventLoop& loop = runner.loop();
+    const L3::VrfName vrf = L3::VrfName::defaultVrf();
+    Cask::Ptr<Tidal::Multicast::Fib::Status> table;
+    Cask::Ptr<Routing::Gmp::Tidal::Status> members;
+    Cask::Ptr<Routing::Pim::MrtUpcallStatus> upcalls;
+    Routing::Pim::SparseMode::ContainerSm* container = nullptr;
+
+private:
+    Driver::RunOptions options(Clock clock) {
+        Driver::RunOptions o;
+        o.traceLevel = 0;
+        if (clock == Clock::skipping) o.clock = &skipping;
+        return o;
+    }
+};
 
 }  // namespace Bench

@@ -32,7 +32,6 @@ AssertSgSm::AssertSgSm(const VrfContext& ctx) : AssertSm(ctx, false, "AssertSgSm
 AssertSgSm::~AssertSgSm() {
     dataWatcher_.notifierIs(nullptr);
     rxWatcher_.notifierIs(nullptr);
-    wcRoute_.clear();
 }
 
 void AssertSgSm::handleSgRoute(const RouteKey& key) {
@@ -40,61 +39,26 @@ void AssertSgSm::handleSgRoute(const RouteKey& key) {
 }
 
 void AssertSgSm::handleWcRoute(const RouteKey& key) {
-    Route* wc = in_.localStatus->wcRoute().raw(key);
-    if (wc && !groupHasReactor(key.group())) wc = nullptr;
-    wcRoute_.update(key, wc, *this);
-    // A (*,G) route that came or went changes CouldAssert(S,G,I) through its terms.
-    if (groupHasReactor(key.group())) doReviewGroup(key.group());
+    wcFanOut_.handleWcRoute(key);
 }
 
 void AssertSgSm::handleRouteReactor(const RouteKey& key, bool added) {
-    const RouteKey wcKey = RouteKey::wc(key.group());
     if (added) {
-        if (!wcRoute_.has(wcKey))
-            wcRoute_.update(wcKey, in_.localStatus->wcRoute().raw(wcKey), *this);
-    } else if (wcRoute_.has(wcKey) && !groupHasReactor(key.group())) {
-        wcRoute_.del(wcKey);
+        wcFanOut_.sgAdded(key);
+    } else {
+        wcFanOut_.sgRemoved(key);
     }
 }
 
-bool AssertSgSm::groupHasReactor(const Wirl::IpGenAddr& group) const {
-    const auto sources = in_.status->groupSource(group);
-    if (!sources) return false;
-    for (const Wirl::IpGenAddr& s : sources->member()) {
-        if (rhoRoute(RouteKey(s, group))) return true;
-    }
-    return false;
+void AssertSgSm::handleWcChange(const Wirl::IpGenAddr& group, const WcChange&) {
+    // Its coming and going, joins, receivers, asserts and RPF_interface(RP(G))
+    // (lost_assert(*,G), AssertTrackingDesired(S,G,I)) are terms of CouldAssert(S,G,I).
+    doReviewGroup(group);
 }
 
 void AssertSgSm::doReviewGroup(const Wirl::IpGenAddr& group) {
-    const auto sources = in_.status->groupSource(group);
-    if (!sources) return;
     Busy busy(*this);
-    std::vector<RouteKey> keys;
-    for (const Wirl::IpGenAddr& s : sources->member()) {
-        if (rhoRoute(RouteKey(s, group))) keys.emplace_back(s, group);
-    }
-    for (const RouteKey& k : keys) {
-        if (RhoRoute* rr = rhoRoute(k)) doMaybeChangeAssertStateAll(*rr);
-    }
-}
-
-void AssertSgSm::RhoWcRoute::handleIntfAttr(Intf&, IntfAttr attr) {
-    switch (attr) {
-        case IntfAttr::localReceiverInclude:
-        case IntfAttr::joinState:
-        case IntfAttr::assertInfo:
-        case IntfAttr::changeFlags:
-            changed();
-            break;
-        default:
-            break;
-    }
-}
-
-void AssertSgSm::RhoWcRoute::handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) {
-    // RPF_interface(RP(G)) decides lost_assert(*,G) and AssertTrackingDesired(S,G,I).
-    if (attr == UmhAttr::rpf && !umh.frr()) changed();
+    wcFanOut_.forEachSg(group, [this](RhoRoute& rr) { doMaybeChangeAssertStateAll(rr); });
 }
 
 // --- predicates ------------------------------------------------------------------------------

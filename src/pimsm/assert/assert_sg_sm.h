@@ -10,13 +10,14 @@
 // own spt_assert_metric.
 //
 // Watches, beyond what AssertSm watches: AssertMessageInfo, MrtMessageInfo, and the group's
-// (*,G) route while some (S,G) route of the group has assert state (its joins, receivers,
-// asserts and RPF decide CouldAssert(S,G,I)).
+// (*,G) route while some (S,G) route of the group has assert state (WcFanOut: its joins,
+// receivers, asserts and RPF decide CouldAssert(S,G,I)).
 // Writes, beyond AssertSm: the SPT bit of a route whose RPF interface it loses on while joined
 // (A6); (S,G) interface records that an Assert or data with the RPT bit asks for.
 
 #include "cask/reactor_map.h"
 #include "pimsm/assert/assert_sm.h"
+#include "pimsm/common/wc_fan_out.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -56,21 +57,13 @@ public:
         return m.riKey;
     }
 
-    bool watchesWcRoute(const Routing::Pim::RouteKey& wcKey) const { return wcRoute_.has(wcKey); }
+    // A change of the group's (*,G) route re-evaluates the group's routes with assert state.
+    void handleWcChange(const Wirl::IpGenAddr& group, const WcChange& change);
+    bool watchesWcRoute(const Routing::Pim::RouteKey& wcKey) const {
+        return wcFanOut_.watches(wcKey.group());
+    }
 
 private:
-    // The group's (*,G) route, watched while an (S,G) route of the group has assert state.
-    class RhoWcRoute : public RouteReactor {
-    public:
-        RhoWcRoute(AssertSgSm& sm, Route& route) : RouteReactor(route), sm_(sm) {}
-        void handleRouteIntf(Wirl::IntfId) override { changed(); }
-        void handleIntfAttr(Intf& intf, IntfAttr attr) override;
-        void handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) override;
-
-    private:
-        void changed() { sm_.doReviewGroup(notifier()->key().group()); }
-        AssertSgSm& sm_;
-    };
     class RxWatcher : public Routing::Pim::AssertMessageInfo::Notifiee {
     public:
         explicit RxWatcher(AssertSgSm& sm) : sm_(sm) {}
@@ -91,13 +84,16 @@ private:
     void handleRouteReactor(const Routing::Pim::RouteKey& key, bool added) override;
     // Re-evaluates every (S,G) route of the group that has assert state.
     void doReviewGroup(const Wirl::IpGenAddr& group);
-    bool groupHasReactor(const Wirl::IpGenAddr& group) const;
     void doPuntAssert();
     void doPuntData();
 
     RxWatcher rxWatcher_{*this};
     DataWatcher dataWatcher_{*this};
-    Cask::ReactorMap<Routing::Pim::RouteKey, RhoWcRoute> wcRoute_;
+    WcFanOut<AssertSgSm, RhoRoute> wcFanOut_{*this,
+                                             in_,
+                                             routeMap(),
+                                             {IntfAttr::localReceiverInclude, IntfAttr::joinState,
+                                              IntfAttr::assertInfo, IntfAttr::changeFlags}};
 };
 
 Cask::Ptr<AssertSgSm> assertSgSmFactory(const VrfContext& ctx);

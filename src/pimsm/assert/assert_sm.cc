@@ -4,6 +4,7 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -245,17 +246,18 @@ void AssertSm::doWatchPimIntf(Wirl::IntfId intf) {
 // --- AssertSm --------------------------------------------------------------------------------
 
 AssertSm::AssertSm(const VrfContext& in, bool wc, const char* name)
-    : in_(in), wc_(wc), name_(name) {
-    CASK_ASSERT(in_.loop && in_.status && in_.localStatus && in_.pimStatus && in_.assertStatus,
-                "assert machine created without its inputs");
+    : in_(requireInputs(in, name, &VrfContext::loop, &VrfContext::status, &VrfContext::localStatus,
+                        &VrfContext::pimStatus, &VrfContext::assertStatus)),
+      wc_(wc),
+      name_(name) {
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
     pimWatcher_.notifierIs(in_.pimStatus);
     for (const auto& [intf, pim] : in_.pimStatus->intf()) doWatchPimIntf(intf);
-    if (in_.joinPruneRxStatus) rxWatcher_.notifierIs(in_.joinPruneRxStatus);
+    rxWatcher_.watch(in_.joinPruneRxStatus);
 }
 
 AssertSm::~AssertSm() {
-    rxWatcher_.notifierIs(nullptr);
+    rxWatcher_.watch(nullptr);
     pimIntfWatcher_.clear();
     pimWatcher_.notifierIs(nullptr);
     LocalStatus::Notifiee::notifierIs(nullptr);

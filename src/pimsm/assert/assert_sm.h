@@ -36,6 +36,7 @@
 #include "cask/collection.h"
 #include "cask/reactor_map.h"
 #include "pimsm/common/intf_state_sm.h"
+#include "pimsm/common/join_prune_rx_watcher.h"
 #include "pimsm/common/vrf_context.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/route.h"
@@ -242,14 +243,6 @@ private:
     private:
         AssertSm& sm_;
     };
-    class RxWatcher : public Routing::Pim::JoinPruneRxStatus::Notifiee {
-    public:
-        explicit RxWatcher(AssertSm& sm) : sm_(sm) {}
-        void handleRxJoin() override { sm_.handleRxJoin(); }
-
-    private:
-        AssertSm& sm_;
-    };
 
     // The neighbours of one PIM interface, each watched for a new generation ID.
     class PimIntfWatcher;
@@ -267,7 +260,7 @@ private:
     std::vector<Routing::Pim::RouteKey> idle_;
     PimWatcher pimWatcher_{*this};
     std::map<Wirl::IntfId, std::unique_ptr<PimIntfWatcher>> pimIntfWatcher_;
-    RxWatcher rxWatcher_{*this};
+    JoinPruneRxWatcher<AssertSm> rxWatcher_{*this, {.join = &AssertSm::handleRxJoin}};
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute> route_;
 };
 

@@ -1,7 +1,7 @@
 #include "pimsm/assert/assert_wc_sm.h"
 
-#include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 #include "platform/group_ranges.h"
 
 namespace Routing::Pim::SparseMode {
@@ -9,7 +9,7 @@ namespace Routing::Pim::SparseMode {
 using Routing::Pim::RouteKey;
 
 AssertWcSm::AssertWcSm(const VrfContext& ctx) : AssertSm(ctx, true, "AssertWcSm") {
-    CASK_ASSERT(in_.config && in_.ssmGroupInfo, "AssertWcSm created without its inputs");
+    requireInputs(in_, "AssertWcSm", &VrfContext::config, &VrfContext::ssmGroupInfo);
     if (in_.rxAssertMessageInfo) rxWatcher_.notifierIs(in_.rxAssertMessageInfo);
     if (in_.mrtMessageInfo) dataWatcher_.notifierIs(in_.mrtMessageInfo);
 }

@@ -5,6 +5,7 @@
 #include "cask/assert.h"
 #include "cask/trace.h"
 #include "pimsm/common/pimsm_common_utils.h"
+#include "pimsm/common/vrf_inputs.h"
 #include "pimsm/route/status.h"
 #include "platform/group_ranges.h"
 #include "wirl/ip_gen_prefix.h"
@@ -24,18 +25,6 @@ RxJoinPruneInfo::RxJoinPruneInfo(const Routing::Pim::JoinPruneMessage& m)
       groups(m.data ? m.data->groupsInOrder() : std::vector<const JoinPruneGroupData*>{}) {}
 
 // --- watchers ----------------------------------------------------------------
-
-class DownstreamSgRptSm::RxWatcher : public Routing::Pim::JoinPruneRxStatus::Notifiee {
-public:
-    RxWatcher(DownstreamSgRptSm& sm, Routing::Pim::JoinPruneRxStatus& rx) : sm_(sm) {
-        notifierIs(&rx);
-    }
-    // Only whole messages: the single entries announced after them are the same message.
-    void handleJoinPruneMessage() override { sm_.handleRxMessage(); }
-
-private:
-    DownstreamSgRptSm& sm_;
-};
 
 class DownstreamSgRptSm::PimWatcher : public Routing::Pim::Status::Notifiee {
 public:
@@ -198,14 +187,13 @@ void DownstreamSgRptSm::RhoRoute::doReleaseIdle() {
 // --- DownstreamSgRptSm -------------------------------------------------------
 
 DownstreamSgRptSm::DownstreamSgRptSm(const VrfContext& in)
-    : in_(in), releaseTimer_(*in.loop, [this] { doReleaseIdle(); }) {
-    CASK_ASSERT(in.loop && in.config && in.status && in.localStatus && in.ssmGroupInfo &&
-                    in.groupFilterStatus && in.pimStatus,
-                "DownstreamSgRptSm created without its inputs");
-}
+    : in_(requireInputs(in, "DownstreamSgRptSm", &VrfContext::loop, &VrfContext::config,
+                        &VrfContext::status, &VrfContext::localStatus, &VrfContext::ssmGroupInfo,
+                        &VrfContext::groupFilterStatus, &VrfContext::pimStatus)),
+      releaseTimer_(*in.loop, [this] { doReleaseIdle(); }) {}
 
 DownstreamSgRptSm::~DownstreamSgRptSm() {
-    rxWatcher_.reset();
+    rxWatcher_.watch(nullptr);
     pimWatcher_.reset();
     notifierIs(nullptr);
     route_.clear();
@@ -237,9 +225,7 @@ void DownstreamSgRptSm::handleInit() {
     review_->quantumIs(defaultReviewQuantum);
     pimWatcher_ = std::make_unique<PimWatcher>(*this, *in_.pimStatus);
     review_->heldIs(in_.pimStatus->outputClogged());
-    if (in_.joinPruneRxStatus) {
-        rxWatcher_ = std::make_unique<RxWatcher>(*this, *in_.joinPruneRxStatus);
-    }
+    rxWatcher_.watch(in_.joinPruneRxStatus);
     notifierIs(in_.localStatus);
     Cask::ReactorMap<RouteKey, RhoRoute>::sweep(in_.localStatus->sgRoute(),
                                                 [this](const RouteKey& k) { handleSgRoute(k); });

@@ -34,6 +34,7 @@
 #include "cask/sliced_review.h"
 #include "cask/timer.h"
 #include "pimsm/common/intf_state_sm.h"
+#include "pimsm/common/join_prune_rx_watcher.h"
 #include "pimsm/common/vrf_context.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/route.h"
@@ -196,7 +197,6 @@ public:
     void doScheduleRelease(const Routing::Pim::RouteKey& key);
 
 private:
-    class RxWatcher;
     class PimWatcher;
 
     std::optional<RptReviewKey> firstItem(const std::optional<RptReviewKey>& from);
@@ -223,7 +223,9 @@ private:
     std::set<Wirl::IpGenAddr> marks_;
 
     std::unique_ptr<Cask::SlicedReview<RptReviewKey>> review_;
-    std::unique_ptr<RxWatcher> rxWatcher_;
+    // Only whole messages: the single entries announced after them are the same message.
+    JoinPruneRxWatcher<DownstreamSgRptSm> rxWatcher_{
+        *this, {.message = &DownstreamSgRptSm::handleRxMessage}};
     std::unique_ptr<PimWatcher> pimWatcher_;
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute> route_;
     std::vector<Routing::Pim::RouteKey> releaseKeys_;

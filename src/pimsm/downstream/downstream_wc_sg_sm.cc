@@ -6,6 +6,7 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 #include "pimsm/route/status.h"
 #include "platform/group_ranges.h"
 #include "platform/pim_status.h"
@@ -21,13 +22,6 @@ using RouteIntfKey = Routing::Gmp::Tidal::RouteIntfKey;
 
 namespace {
 
-const VrfContext& checkedInputs(const VrfContext& in) {
-    CASK_ASSERT(in.loop && in.status && in.localStatus && in.pimStatus && in.config &&
-                    in.ssmGroupInfo && in.groupFilterStatus && in.joinPruneStatus,
-                "DownstreamWcSgSm created without its inputs");
-    return in;
-}
-
 // A (*,G) entry carries the WC and RPT bits; an (S,G) entry neither. An entry with the RPT bit
 // alone is an (S,G,rpt) entry, and the WC bit alone means nothing in RFC 7761.
 bool isWcEntry(const JoinPruneMessageInfo& m) {
@@ -39,13 +33,17 @@ bool isSgEntry(const JoinPruneMessageInfo& m) {
 
 }  // namespace
 
-DownstreamWcSgSm::DownstreamWcSgSm(const VrfContext& in) : in_(checkedInputs(in)) {
+DownstreamWcSgSm::DownstreamWcSgSm(const VrfContext& in)
+    : in_(requireInputs(in, "DownstreamWcSgSm", &VrfContext::loop, &VrfContext::status,
+                        &VrfContext::localStatus, &VrfContext::pimStatus, &VrfContext::config,
+                        &VrfContext::ssmGroupInfo, &VrfContext::groupFilterStatus,
+                        &VrfContext::joinPruneStatus)) {
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
-    if (in_.joinPruneRxStatus) rxWatcher_.notifierIs(in_.joinPruneRxStatus);
+    rxWatcher_.watch(in_.joinPruneRxStatus);
 }
 
 DownstreamWcSgSm::~DownstreamWcSgSm() {
-    rxWatcher_.notifierIs(nullptr);
+    rxWatcher_.watch(nullptr);
     LocalStatus::Notifiee::notifierIs(nullptr);
     route_.clear();
 }

@@ -23,6 +23,7 @@
 #include "cask/collection.h"
 #include "cask/reactor_map.h"
 #include "pimsm/common/intf_state_sm.h"
+#include "pimsm/common/join_prune_rx_watcher.h"
 #include "pimsm/common/vrf_context.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/route.h"
@@ -169,16 +170,6 @@ public:
     std::size_t neighborCount(Wirl::IntfId intf) const;
 
 private:
-    class RxWatcher : public Routing::Pim::JoinPruneRxStatus::Notifiee {
-    public:
-        explicit RxWatcher(DownstreamWcSgSm& owner) : owner_(owner) {}
-        void handleRxJoin() override { owner_.handleRxJoin(); }
-        void handleRxPrune() override { owner_.handleRxPrune(); }
-
-    private:
-        DownstreamWcSgSm& owner_;
-    };
-
     void handleRoute(const Routing::Pim::RouteKey& key, Route* route);
     // The entry's route key: (*,G) for a (*,G) entry whatever source it carries.
     static Routing::Pim::RouteKey entryKey(const Routing::Pim::JoinPruneMessageInfo& m);
@@ -187,7 +178,9 @@ private:
     std::uint32_t ignoredRxJoins_ = 0;
     std::uint32_t ignoredRxPrunes_ = 0;
     bool initialized_ = false;
-    RxWatcher rxWatcher_{*this};
+    JoinPruneRxWatcher<DownstreamWcSgSm> rxWatcher_{
+        *this,
+        {.join = &DownstreamWcSgSm::handleRxJoin, .prune = &DownstreamWcSgSm::handleRxPrune}};
     Cask::ReactorMap<Routing::Pim::RouteKey, DownstreamRouteSm> route_;
 };
 

@@ -4,8 +4,8 @@
 
 #include <fmt/format.h>
 
-#include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 #include "pimsm/upstream/shared_tree.h"
 #include "pimsm/upstream/upstream_wc_sm.h"
 
@@ -20,22 +20,13 @@ using Routing::Pim::RouteKey;
 using Routing::Pim::Rpf;
 using Kind = JoinPruneEntry::Kind;
 
-namespace {
-
-Routing::Pim::JoinPruneStatus& checkedJoinPruneStatus(const VrfContext& in) {
-    CASK_ASSERT(in.localStatus && in.status && in.pimStatus && in.joinPruneStatus,
-                "upstreamSgRptInputs");
-    return *in.joinPruneStatus;
-}
-
-}  // namespace
-
 UpstreamSgRptSm::UpstreamSgRptSm(const VrfContext& in)
-    : in_(in),
-      writer_(checkedJoinPruneStatus(in), in.vrfName),
+    : in_(requireInputs(in, "UpstreamSgRptSm", &VrfContext::localStatus, &VrfContext::status,
+                        &VrfContext::pimStatus, &VrfContext::joinPruneStatus)),
+      writer_(*in.joinPruneStatus, in.vrfName),
       forwardBits_("UpstreamSgRptSm", in_.vrfName, true) {
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
-    if (in_.joinPruneRxStatus) rxWatcher_.notifierIs(in_.joinPruneRxStatus);
+    rxWatcher_.watch(in_.joinPruneRxStatus);
 }
 
 UpstreamSgRptSm::~UpstreamSgRptSm() = default;
@@ -48,8 +39,7 @@ NeighborKey UpstreamSgRptSm::prevRpNeighbor(const RouteKey& key) const {
 void UpstreamSgRptSm::handleInitialized() {
     CASK_VRF_TRACE(6, in_.vrfName, "UpstreamSgRptSm::handleInitialized()");
     const LocalStatus& ls = *in_.localStatus;
-    Cask::ReactorMap<RouteKey, RhoWcRoute>::sweep(
-        ls.wcRoute(), [this](const RouteKey& key) { handleWcRoute(key); });
+    route_.sweep(ls.wcRoute(), [this](const RouteKey& key) { handleWcRoute(key); });
     route_.sweep(ls.sgRoute(), [this](const RouteKey& key) { handleSgRoute(key); });
     // Routes first: a route taken up writes its periodic Prune where it
     // belongs now, so a Prune found for a missing route is an earlier run's.
@@ -67,17 +57,30 @@ void UpstreamSgRptSm::handleInitialized() {
 
 void UpstreamSgRptSm::handleSgRoute(const RouteKey& key) {
     Route* route = in_.localStatus->sgRoute().raw(key);
-    if (RhoRoute* rho = route_.update(key, route, *this)) rho->handleInitialized();
+    if (RhoRoute* rho = route_.update(key, route, *this)) {
+        wcFanOut_.sgAdded(key);
+        rho->handleInitialized();
+    }
 }
 
 void UpstreamSgRptSm::handleWcRoute(const RouteKey& key) {
-    Route* route = in_.localStatus->wcRoute().raw(key);
-    const RhoWcRoute* old = wcRoute_.get(key);
-    if (old && old->reactorRecord() == route) return;
-    // A (*,G) route that comes changes where the group's sources come from;
-    // one that goes says so from its own handleDelete.
-    if (wcRoute_.update(key, route, *this)) {
-        forEachSgOfGroup(key.group(), [](RhoRoute& rho) { rho.handleWcRouteChanged(); });
+    wcFanOut_.handleWcRoute(key);
+}
+
+void UpstreamSgRptSm::handleWcChange(const Wirl::IpGenAddr& group, const WcChange& change) {
+    using What = WcChange::What;
+    if (change.what == What::intf) {
+        wcFanOut_.forEachSg(group, [&](RhoRoute& rho) { rho.handleInheritedWcIntf(change.intf); });
+    } else if (change.what != What::changeFlags) {
+        // The (*,G) route came or went, or RPF'(*,G) moved: the sources'
+        // RPF'(S,G,rpt) and periodic Prunes move with it.
+        wcFanOut_.forEachSg(group, [](RhoRoute& rho) { rho.handleWcRouteChanged(); });
+    } else if (change.wc->changeFlags().hasAny(
+                   ChangeFlags{ChangeFlags::Bit::rpfNbrStatus, ChangeFlags::Bit::rpfNbrGenId})) {
+        // A restarted or returning RPF'(*,G) neighbour has a fresh, empty
+        // entry: the periodic Prunes are written there again.
+        wcFanOut_.forEachSg(
+            group, [this](RhoRoute& rho) { doMaybeUpdatePeriodicSgRptPrune(rho.route()); });
     }
 }
 

@@ -14,9 +14,9 @@
 // (inherited_olist(S,G,rpt)); the upstream (S,G) machine keeps them
 // otherwise.
 // Watches: LocalStatus.sgRoute (one RhoRoute per route: join state, RPF',
-//          SPT bit, interfaces), LocalStatus.wcRoute (one RhoWcRoute per
-//          route: its interfaces and RPF' feed every (S,G) route of the
-//          group), received Join/Prune entries.
+//          SPT bit, interfaces), the (*,G) route of each group it keeps (S,G)
+//          routes of (WcFanOut: its interfaces and RPF' feed every (S,G) route
+//          of the group), received Join/Prune entries (JoinPruneRxWatcher).
 // Writes:  umh upRptState of (S,G) routes (its only writer); umh.rpf and
 //          Intf::forward / fastForward of (S,G) routes on the shared tree;
 //          (S,G,rpt) Join/Prune entries through JoinPruneWriter: triggered
@@ -31,7 +31,9 @@
 
 #include "cask/collection.h"
 #include "cask/reactor_map.h"
+#include "pimsm/common/join_prune_rx_watcher.h"
 #include "pimsm/common/vrf_context.h"
+#include "pimsm/common/wc_fan_out.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/status.h"
 #include "pimsm/upstream/forward_bits.h"
@@ -81,23 +83,6 @@ public:
         UpstreamSgRptSm& sm_;
     };
 
-    // One (*,G) route: what the group's (S,G) routes inherit and where
-    // their (S,G,rpt) messages go.
-    class RhoWcRoute : public RouteReactor {
-    public:
-        RhoWcRoute(UpstreamSgRptSm& sm, Route& route) : RouteReactor(route), sm_(sm) {}
-        void handleRouteIntf(Wirl::IntfId intf) override;
-        void handleIntfAttr(Intf& intf, IntfAttr attr) override;
-        void handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) override;
-        // A restarted or returning RPF'(*,G) neighbour has a fresh, empty
-        // entry: the periodic Prunes are written there again.
-        void handleChangeFlags() override;
-        void handleDelete();
-
-    private:
-        UpstreamSgRptSm& sm_;
-    };
-
     // Reads from the context: localStatus, status, pimStatus and
     // joinPruneStatus (required); rpfTable and joinPruneRxStatus (absent:
     // every source counts as remote, no message is heard).
@@ -112,6 +97,7 @@ public:
 
     RhoRoute* rhoRoute(const Routing::Pim::RouteKey& key) const { return route_.get(key); }
     const Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute>& routeMap() const { return route_; }
+    const WcFanOut<UpstreamSgRptSm, RhoRoute>& wcFanOut() const { return wcFanOut_; }
 
     // Where the source's periodic Prune(S,G,rpt) stands now; unresolved when
     // it stands nowhere.
@@ -122,6 +108,9 @@ public:
     void handleInitialized() override;
     void handleSgRoute(const Routing::Pim::RouteKey& key) override;
     void handleWcRoute(const Routing::Pim::RouteKey& key) override;
+    // The group's (*,G) route decides what its (S,G) routes inherit and
+    // where their (S,G,rpt) messages go.
+    void handleWcChange(const Wirl::IpGenAddr& group, const WcChange& change);
     void handleRxJoin();
     void handleRxPrune();
 
@@ -144,15 +133,6 @@ public:
     bool ignoreRxJoinPrune(const Routing::Pim::JoinPruneMessageInfo& m) const;
 
 private:
-    class RxWatcher : public Routing::Pim::JoinPruneRxStatus::Notifiee {
-    public:
-        explicit RxWatcher(UpstreamSgRptSm& owner) : owner_(owner) {}
-        void handleRxJoin() override { owner_.handleRxJoin(); }
-        void handleRxPrune() override { owner_.handleRxPrune(); }
-
-    private:
-        UpstreamSgRptSm& owner_;
-    };
     struct KeyHash {
         std::size_t operator()(const Routing::Pim::RouteKey& k) const { return k.hash(); }
     };
@@ -164,13 +144,6 @@ private:
     void write(const Routing::Pim::Rpf& rpf, Routing::Pim::JoinPruneSet set,
                Routing::Pim::JoinPruneEntry::Kind kind, const Routing::Pim::RouteKey& key);
     void doPeriodicPruneDel(const Routing::Pim::RouteKey& key);
-    // Calls f(RhoRoute&) for every (S,G) route of the group.
-    template <class F>
-    void forEachSgOfGroup(const Wirl::IpGenAddr& group, F&& f) {
-        for (const Routing::Pim::RouteKey& k : in_.status->sgKeysOfGroup(group)) {
-            if (RhoRoute* rho = route_.get(k)) f(*rho);
-        }
-    }
 
     const VrfContext& in_;
     Routing::Pim::JoinPruneWriter writer_;
@@ -178,13 +151,20 @@ private:
     std::uint32_t ignoredRxJoins_ = 0;
     std::uint32_t ignoredRxPrunes_ = 0;
     bool initialized_ = false;
-    RxWatcher rxWatcher_{*this};
+    JoinPruneRxWatcher<UpstreamSgRptSm> rxWatcher_{
+        *this, {.join = &UpstreamSgRptSm::handleRxJoin, .prune = &UpstreamSgRptSm::handleRxPrune}};
     // prevRpNeighbor / prevRpIntf: only sources whose periodic Prune is
     // written have an entry. Open addressing: no node per entry, and a
     // rehash moves the entries without allocating each again.
     absl::flat_hash_map<Routing::Pim::RouteKey, Routing::Pim::NeighborKey, KeyHash> prevRp_;
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute> route_;
-    Cask::ReactorMap<Routing::Pim::RouteKey, RhoWcRoute> wcRoute_;
+    WcFanOut<UpstreamSgRptSm, RhoRoute> wcFanOut_{
+        *this,
+        in_,
+        route_,
+        {{IntfAttr::localReceiverInclude, IntfAttr::localMembership, IntfAttr::joinState,
+          IntfAttr::assertInfo, IntfAttr::changeFlags},
+         true}};
 };
 
 // Creates the VRF's UpstreamSgRptSm and starts it (`handleInitialized`).

@@ -116,50 +116,8 @@ void UpstreamSgRptSm::RhoRoute::handleInheritedWcIntf(Wirl::IntfId id) {
 void UpstreamSgRptSm::RhoRoute::handleDelete() {
     const Routing::Pim::RouteKey key = route().key();
     CASK_VRF_TRACE(6, sm_.vrfName(), "UpstreamSgRptSm::handleDelete({})", key);
+    sm_.wcFanOut_.sgRemoved(key);
     sm_.doPeriodicPruneDel(key);
-}
-
-// --- RhoWcRoute ----------------------------------------------------------------
-
-void UpstreamSgRptSm::RhoWcRoute::handleRouteIntf(Wirl::IntfId intf) {
-    sm_.forEachSgOfGroup(notifier()->key().group(),
-                         [&](RhoRoute& rho) { rho.handleInheritedWcIntf(intf); });
-}
-
-void UpstreamSgRptSm::RhoWcRoute::handleIntfAttr(Intf& intf, IntfAttr attr) {
-    switch (attr) {
-        case IntfAttr::localReceiverInclude:
-        case IntfAttr::localMembership:
-        case IntfAttr::joinState:
-        case IntfAttr::assertInfo:
-        case IntfAttr::changeFlags:
-            handleRouteIntf(intf.intfId());
-            break;
-        default:
-            break;
-    }
-}
-
-void UpstreamSgRptSm::RhoWcRoute::handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) {
-    // RPF'(*,G) moved: the sources' RPF'(S,G,rpt) and periodic Prunes move
-    // with it.
-    if (attr != UmhAttr::rpf || umh.frr()) return;
-    sm_.forEachSgOfGroup(notifier()->key().group(),
-                         [](RhoRoute& rho) { rho.handleWcRouteChanged(); });
-}
-
-void UpstreamSgRptSm::RhoWcRoute::handleChangeFlags() {
-    using Bit = ChangeFlags::Bit;
-    const ChangeFlags flags = notifier()->changeFlags();
-    if (!flags.hasAny(ChangeFlags{Bit::rpfNbrStatus, Bit::rpfNbrGenId})) return;
-    sm_.forEachSgOfGroup(notifier()->key().group(), [this](RhoRoute& rho) {
-        sm_.doMaybeUpdatePeriodicSgRptPrune(rho.route());
-    });
-}
-
-void UpstreamSgRptSm::RhoWcRoute::handleDelete() {
-    sm_.forEachSgOfGroup(notifier()->key().group(),
-                         [](RhoRoute& rho) { rho.handleWcRouteChanged(); });
 }
 
 }  // namespace Routing::Pim::SparseMode

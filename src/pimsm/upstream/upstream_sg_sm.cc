@@ -5,8 +5,8 @@
 
 #include <fmt/format.h>
 
-#include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 #include "pimsm/upstream/shared_tree.h"
 #include "pimsm/upstream/upstream_wc_sm.h"
 #include "platform/mfib_table.h"
@@ -26,12 +26,6 @@ namespace {
 
 bool validAddr(const Wirl::IpGenAddr& a) {
     return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
-}
-
-Routing::Pim::JoinPruneStatus& checkedJoinPruneStatus(const VrfContext& in) {
-    CASK_ASSERT(in.localStatus && in.status && in.pimStatus && in.joinPruneStatus,
-                "upstreamSgInputs");
-    return *in.joinPruneStatus;
 }
 
 // AssertWinner(S,G,I) when this router lost the (S,G) assert on I, else
@@ -61,11 +55,12 @@ private:
 }  // namespace
 
 UpstreamSgSm::UpstreamSgSm(const VrfContext& in)
-    : in_(in),
-      writer_(checkedJoinPruneStatus(in), in.vrfName),
+    : in_(requireInputs(in, "UpstreamSgSm", &VrfContext::localStatus, &VrfContext::status,
+                        &VrfContext::pimStatus, &VrfContext::joinPruneStatus)),
+      writer_(*in.joinPruneStatus, in.vrfName),
       forwardBits_("UpstreamSgSm", in_.vrfName) {
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
-    if (in_.joinPruneRxStatus) rxWatcher_.notifierIs(in_.joinPruneRxStatus);
+    rxWatcher_.watch(in_.joinPruneRxStatus);
 }
 
 UpstreamSgSm::~UpstreamSgSm() = default;
@@ -75,8 +70,7 @@ void UpstreamSgSm::handleInitialized() {
     const LocalStatus& ls = *in_.localStatus;
     // Routes first: a route taken up writes its Join at its RPF' now, so
     // what the sweep below finds elsewhere is left from the earlier run.
-    Cask::ReactorMap<RouteKey, RhoWcRoute>::sweep(
-        ls.wcRoute(), [this](const RouteKey& key) { handleWcRoute(key); });
+    route_.sweep(ls.wcRoute(), [this](const RouteKey& key) { handleWcRoute(key); });
     route_.sweep(ls.sgRoute(), [this](const RouteKey& key) { handleSgRoute(key); });
 
     auto joinedThere = [&](const NeighborKey& nk, const Route& r) {
@@ -124,28 +118,23 @@ void UpstreamSgSm::handleSgRoute(const RouteKey& key) {
     Route* route = in_.localStatus->sgRoute().raw(key);
     if (RhoRoute* rho = route_.update(key, route, *this)) {
         CASK_VRF_TRACE(6, in_.vrfName, "UpstreamSgSm::handleSgRoute({}), route added", key);
+        wcFanOut_.sgAdded(key);
         rho->handleRouteInit();
     }
 }
 
 void UpstreamSgSm::handleWcRoute(const RouteKey& key) {
-    Route* route = in_.localStatus->wcRoute().raw(key);
-    const RhoWcRoute* old = wcRoute_.get(key);
-    if (old && old->reactorRecord() == route) return;
-    // A (*,G) route that comes or goes changes what every (S,G) route of
-    // the group inherits. Its own handleDelete says so for one that goes.
-    if (wcRoute_.update(key, route, *this)) handleWcIntf(key.group(), Wirl::IntfId());
+    wcFanOut_.handleWcRoute(key);
 }
 
-template <class F>
-void UpstreamSgSm::forEachSgOfGroup(const Wirl::IpGenAddr& group, F&& f) {
-    for (const RouteKey& k : in_.status->sgKeysOfGroup(group)) {
-        if (RhoRoute* rho = route_.get(k)) f(*rho);
-    }
+void UpstreamSgSm::handleWcChange(const Wirl::IpGenAddr& group, const WcChange& change) {
+    // Without an interface (the (*,G) route came or went, or RPF_interface(RP(G))
+    // moved), lost_assert(*,G) and lost_assert(S,G,rpt) may change on any.
+    handleWcIntf(group, change.intf);
 }
 
 void UpstreamSgSm::handleWcIntf(const Wirl::IpGenAddr& group, Wirl::IntfId intf) {
-    forEachSgOfGroup(group, [&](RhoRoute& rho) {
+    wcFanOut_.forEachSg(group, [&](RhoRoute& rho) {
         Route& r = rho.route();
         if (intf.isNull()) {
             // The (*,G) route came, went or moved: a route not joined toward

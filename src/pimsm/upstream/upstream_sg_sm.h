@@ -8,9 +8,9 @@
 // suppression of its periodic Join when another router joins the same
 // neighbour, and an override Join when another router prunes there.
 // Watches: LocalStatus.sgRoute (one RhoRoute per route: its flags, upstream,
-//          interfaces and change flags), LocalStatus.wcRoute (one RhoWcRoute
-//          per route, whose interfaces feed inherited_olist(S,G)), received
-//          Join/Prune entries.
+//          interfaces and change flags), the (*,G) route of each group it keeps
+//          (S,G) routes of (WcFanOut: its interfaces feed inherited_olist(S,G)),
+//          received Join/Prune entries (JoinPruneRxWatcher).
 // Writes:  RPF'(S,G) (`umh.rpf`, `rpfAttached`), upJoinState, the `spTree` and
 //          `switching` flags on joining and leaving, `nsfRpfResolved`,
 //          Intf::forward / fastForward of (S,G) routes, (S,G) Join/Prune
@@ -31,7 +31,9 @@
 
 #include "cask/collection.h"
 #include "cask/reactor_map.h"
+#include "pimsm/common/join_prune_rx_watcher.h"
 #include "pimsm/common/vrf_context.h"
+#include "pimsm/common/wc_fan_out.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/status.h"
 #include "pimsm/upstream/forward_bits.h"
@@ -89,20 +91,6 @@ public:
         UpstreamSgSm& sm_;
     };
 
-    // One (*,G) route: a change of its interfaces or RPF' changes
-    // inherited_olist(S,G) of the group's (S,G) routes.
-    class RhoWcRoute : public RouteReactor {
-    public:
-        RhoWcRoute(UpstreamSgSm& sm, Route& route) : RouteReactor(route), sm_(sm) {}
-        void handleRouteIntf(Wirl::IntfId intf) override;
-        void handleIntfAttr(Intf& intf, IntfAttr attr) override;
-        void handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) override;
-        void handleDelete();
-
-    private:
-        UpstreamSgSm& sm_;
-    };
-
     // Reads from the context: localStatus, status, pimStatus and
     // joinPruneStatus (required); rpfTable, mfibTidal and joinPruneRxStatus
     // (absent: no RPF, no forwarding record, no message).
@@ -117,9 +105,7 @@ public:
 
     RhoRoute* rhoRoute(const Routing::Pim::RouteKey& key) const { return route_.get(key); }
     const Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute>& routeMap() const { return route_; }
-    const Cask::ReactorMap<Routing::Pim::RouteKey, RhoWcRoute>& wcRouteMap() const {
-        return wcRoute_;
-    }
+    const WcFanOut<UpstreamSgSm, RhoRoute>& wcFanOut() const { return wcFanOut_; }
 
     // Start-up: takes up the routes present, then drops the periodic (S,G)
     // Joins and Prunes an earlier run left for routes that are gone or that
@@ -127,6 +113,9 @@ public:
     void handleInitialized() override;
     void handleSgRoute(const Routing::Pim::RouteKey& key) override;
     void handleWcRoute(const Routing::Pim::RouteKey& key) override;
+    // A change of the group's (*,G) route changes inherited_olist(S,G) of
+    // the group's (S,G) routes, and may take them on or off the shared tree.
+    void handleWcChange(const Wirl::IpGenAddr& group, const WcChange& change);
     void handleRxJoin();
     void handleRxPrune();
 
@@ -161,25 +150,12 @@ public:
     static bool joinDesiredSgFastFailover(const Route&) { return false; }
 
 private:
-    class RxWatcher : public Routing::Pim::JoinPruneRxStatus::Notifiee {
-    public:
-        explicit RxWatcher(UpstreamSgSm& owner) : owner_(owner) {}
-        void handleRxJoin() override { owner_.handleRxJoin(); }
-        void handleRxPrune() override { owner_.handleRxPrune(); }
-
-    private:
-        UpstreamSgSm& owner_;
-    };
-
     // The neighbour of `rpf` holds a periodic Join(S,G) for the route.
     bool joinWrittenAt(const Routing::Pim::Rpf& rpf, const Routing::Pim::RouteKey& key) const;
     // The neighbour a received entry is addressed to: RPF', the previous
     // RPF' or the backup RPF of the route.
     const Routing::Pim::Rpf* rxRpf(const Route& route,
                                    const Routing::Pim::JoinPruneMessageInfo& m) const;
-    // Calls f(RhoRoute&) for every (S,G) route of the group.
-    template <class F>
-    void forEachSgOfGroup(const Wirl::IpGenAddr& group, F&& f);
     // A (*,G) change on `intf` (null: on every interface) reaches the
     // group's (S,G) routes.
     void handleWcIntf(const Wirl::IpGenAddr& group, Wirl::IntfId intf);
@@ -193,9 +169,14 @@ private:
     // The route whose join state is changing: its own writes (the spTree
     // flag, RPF') must not start the change again from inside.
     const Route* joinChanging_ = nullptr;
-    RxWatcher rxWatcher_{*this};
+    JoinPruneRxWatcher<UpstreamSgSm> rxWatcher_{
+        *this, {.join = &UpstreamSgSm::handleRxJoin, .prune = &UpstreamSgSm::handleRxPrune}};
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute> route_;
-    Cask::ReactorMap<Routing::Pim::RouteKey, RhoWcRoute> wcRoute_;
+    WcFanOut<UpstreamSgSm, RhoRoute> wcFanOut_{*this,
+                                               in_,
+                                               route_,
+                                               {IntfAttr::localReceiverInclude, IntfAttr::joinState,
+                                                IntfAttr::assertInfo, IntfAttr::changeFlags}};
 };
 
 // Creates the VRF's UpstreamSgSm and starts it (`handleInitialized`).

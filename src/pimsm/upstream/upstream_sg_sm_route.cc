@@ -212,6 +212,7 @@ void UpstreamSgSm::RhoRoute::handleUmhFrr() {
 void UpstreamSgSm::RhoRoute::handleDelete() {
     Route& r = route();
     CASK_VRF_TRACE(6, sm_.vrfName(), "UpstreamSgSm::handleDelete({})", r.key());
+    sm_.wcFanOut_.sgRemoved(r.key());
     if (r.upJoinState() != UpJoinState::upJoined) return;
     const Rpf rpf = r.rpf();
     sm_.doPrevRpfNeighborCleanup(r.key(), rpf);
@@ -220,37 +221,6 @@ void UpstreamSgSm::RhoRoute::handleDelete() {
             sm_.doPrevRpfNeighborCleanup(r.key(), other);
         }
     }
-}
-
-// --- RhoWcRoute ----------------------------------------------------------------
-
-void UpstreamSgSm::RhoWcRoute::handleRouteIntf(Wirl::IntfId intf) {
-    sm_.handleWcIntf(notifier()->key().group(), intf);
-}
-
-void UpstreamSgSm::RhoWcRoute::handleIntfAttr(Intf& intf, IntfAttr attr) {
-    switch (attr) {
-        case IntfAttr::localReceiverInclude:
-        case IntfAttr::joinState:
-        case IntfAttr::assertInfo:
-        case IntfAttr::changeFlags:
-            sm_.handleWcIntf(notifier()->key().group(), intf.intfId());
-            break;
-        default:
-            break;
-    }
-}
-
-void UpstreamSgSm::RhoWcRoute::handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) {
-    // RPF_interface(RP(G)) moved: lost_assert(*,G) and lost_assert(S,G,rpt)
-    // may change on both interfaces.
-    if (attr == UmhAttr::rpf && !umh.frr()) {
-        sm_.handleWcIntf(notifier()->key().group(), Wirl::IntfId());
-    }
-}
-
-void UpstreamSgSm::RhoWcRoute::handleDelete() {
-    sm_.handleWcIntf(notifier()->key().group(), Wirl::IntfId());
 }
 
 }  // namespace Routing::Pim::SparseMode

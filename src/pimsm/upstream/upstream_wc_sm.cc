@@ -4,8 +4,8 @@
 
 #include <fmt/format.h>
 
-#include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -24,21 +24,17 @@ bool validAddr(const Wirl::IpGenAddr& a) {
     return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
 }
 
-Routing::Pim::JoinPruneStatus& checkedJoinPruneStatus(const VrfContext& in) {
-    CASK_ASSERT(in.localStatus && in.pimStatus && in.joinPruneStatus, "upstreamWcInputs");
-    return *in.joinPruneStatus;
-}
-
 }  // namespace
 
 // --- UpstreamWcSm ------------------------------------------------------------
 
 UpstreamWcSm::UpstreamWcSm(const VrfContext& in)
-    : in_(in),
-      writer_(checkedJoinPruneStatus(in), in.vrfName),
+    : in_(requireInputs(in, "UpstreamWcSm", &VrfContext::localStatus, &VrfContext::pimStatus,
+                        &VrfContext::joinPruneStatus)),
+      writer_(*in.joinPruneStatus, in.vrfName),
       forwardBits_("UpstreamWcSm", in_.vrfName, true) {
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
-    if (in_.joinPruneRxStatus) rxWatcher_.notifierIs(in_.joinPruneRxStatus);
+    rxWatcher_.watch(in_.joinPruneRxStatus);
 }
 
 UpstreamWcSm::~UpstreamWcSm() = default;

@@ -23,6 +23,7 @@
 
 #include "cask/collection.h"
 #include "cask/reactor_map.h"
+#include "pimsm/common/join_prune_rx_watcher.h"
 #include "pimsm/common/vrf_context.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/upstream/forward_bits.h"
@@ -130,16 +131,6 @@ public:
     bool ignoreRxJoinPrune(const Routing::Pim::JoinPruneMessageInfo& m) const;
 
 private:
-    class RxWatcher : public Routing::Pim::JoinPruneRxStatus::Notifiee {
-    public:
-        explicit RxWatcher(UpstreamWcSm& owner) : owner_(owner) {}
-        void handleRxJoin() override { owner_.handleRxJoin(); }
-        void handleRxPrune() override { owner_.handleRxPrune(); }
-
-    private:
-        UpstreamWcSm& owner_;
-    };
-
     Wirl::IpGenAddr rpOf(const Wirl::IpGenAddr& group) const;
     // The neighbour of `rpf` holds a periodic (*,G) entry for the group.
     bool joinWrittenAt(const Routing::Pim::Rpf& rpf, const Wirl::IpGenAddr& group) const;
@@ -161,7 +152,8 @@ private:
     std::uint32_t ignoredRxJoins_ = 0;
     std::uint32_t ignoredRxPrunes_ = 0;
     bool initialized_ = false;
-    RxWatcher rxWatcher_{*this};
+    JoinPruneRxWatcher<UpstreamWcSm> rxWatcher_{
+        *this, {.join = &UpstreamWcSm::handleRxJoin, .prune = &UpstreamWcSm::handleRxPrune}};
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute> route_;
 };
 
