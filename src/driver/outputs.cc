@@ -300,6 +300,18 @@ Json countersRow(const L3::VrfName& vrf, const ContainerSm& c) {
     std::uint64_t wrongVif = 0;
     for (const auto& [key, n] : ls.wrongVifCount()) wrongVif += n;
     row["wrong-vif"] = wrongVif;
+    // What the forwarding plane reported about data, and what of it the
+    // (S,G) route machine dropped, by reason.
+    const auto& up = c.sgRouteSm()->upcallCounters();
+    row["no-cache-upcalls"] = up.noCache;
+    row["wrong-vif-upcalls"] = up.wrongVif;
+    row["routes-from-cache-miss"] = up.routesCreated;
+    row["ignored-invalid-upcalls"] = up.ignoredInvalid;
+    row["ignored-upcalls-unknown-interface"] = up.ignoredUnknownIntf;
+    row["ignored-upcalls-bidir"] = up.ignoredBidir;
+    row["ignored-upcalls-boundary"] = up.ignoredBoundary;
+    row["ignored-upcalls-wc-programmable"] = up.ignoredWcProgrammable;
+    row["ignored-wrong-vif-no-route"] = up.ignoredNoRoute;
     return row;
 }
 

@@ -272,6 +272,18 @@ void Runner::apply(const Event& ev) {
             }
             return;
         }
+        case Event::Kind::hwProgramming: {
+            if (auto hw = db_.hwMfibStatus(ev.vrf)) hw->hwProgrammingAllowedIs(ev.flag);
+            return;
+        }
+        case Event::Kind::upcall: {
+            auto upcalls = db_.mrtUpcall(ev.vrf);
+            if (!upcalls) return;
+            using Kind = Routing::Pim::MrtUpcall::Kind;
+            upcalls->upcallPush({ev.flag ? Kind::wrongVif : Kind::noCache,
+                                 Routing::Pim::RouteKey(ev.source, ev.group), 0, ev.interface});
+            return;
+        }
         case Event::Kind::registerOif:
         case Event::Kind::noRegisterOif: {
             auto status = db_.registerStatus(ev.vrf);

@@ -477,6 +477,8 @@ private:
             {"register-oif", Event::Kind::registerOif},
             {"no-register-oif", Event::Kind::noRegisterOif},
             {"spt-threshold", Event::Kind::sptThreshold},
+            {"hardware-programming", Event::Kind::hwProgramming},
+            {"upcall", Event::Kind::upcall},
             {"show", Event::Kind::show},
             {"expect", Event::Kind::expect},
         };
@@ -674,6 +676,29 @@ private:
                     ev.packets = r_.count(p, 0xffffffff, "packets");
                     if (!ev.packets) r_.fail(p, "packets is at least 1");
                 }
+                return;
+            }
+            case Event::Kind::hwProgramming: {
+                const char* what = "a hardware-programming event";
+                r_.keys(b, {"vrf", "allowed"}, what);
+                ev.vrf = eventVrf(b).name;
+                ev.flag = r_.flag(r_.need(b, "allowed", what));
+                return;
+            }
+            case Event::Kind::upcall: {
+                // What the plane reports is not checked against the VRF or
+                // the address ranges: the agent must cope with it.
+                const char* what = "an upcall";
+                r_.keys(b, {"vrf", "kind", "source", "group", "interface"}, what);
+                ev.vrf = eventVrf(b).name;
+                const auto kind = r_.need(b, "kind", what);
+                const auto k = r_.text(kind);
+                if (k != "no-cache" && k != "wrong-vif")
+                    r_.fail(kind, "kind is no-cache or wrong-vif");
+                ev.flag = k == "wrong-vif";
+                ev.source = r_.addr(r_.need(b, "source", what), fam);
+                ev.group = r_.addr(r_.need(b, "group", what), fam);
+                ev.interface = interfaceName(r_.need(b, "interface", what));
                 return;
             }
             case Event::Kind::registerOif:

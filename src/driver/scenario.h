@@ -158,6 +158,8 @@ struct Event {
         registerOif,         // the register process wants the register tunnel in a route's olist
         noRegisterOif,       // the register process wants it out (or withdraws that wish)
         sptThreshold,        // the switchover default and exceptions, replaced
+        hwProgramming,       // the VRF lets the hardware forward routes alone, or stops that
+        upcall,              // the forwarding plane reports a packet, as is (no checks)
         show,
         expect,
     };
@@ -171,7 +173,9 @@ struct Event {
     bool include = true;
     Wirl::IpGenAddr address;  // neighbour / RP / next hop
     unsigned genId = 0;
-    bool flag = false;  // dr; spt-threshold: the default is immediate
+    // dr; spt-threshold: the default is immediate; hardware-programming:
+    // allowed; upcall: a wrong-VIF report (else a cache miss)
+    bool flag = false;
     // rx-join-prune: the message's groups with their entries, the
     // neighbour it is addressed to and the hold time; the sender is
     // `address`. A single-entry event is a message of one group.

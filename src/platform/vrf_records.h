@@ -118,12 +118,17 @@ public:
     public:
         using NotifieeOf::NotifieeOf;
         virtual void handleMulticastStarGSupported() {}
+        virtual void handleHwProgrammingAllowed() {}
     };
     // The hardware can program (*,G) routes.
     CASK_ATTR(bool, multicastStarGSupported, MulticastStarGSupported)
+    // The VRF lets the hardware forward a route alone, without reporting its
+    // packets to the agent, where the agent has no use for them.
+    CASK_ATTR(bool, hwProgrammingAllowed, HwProgrammingAllowed)
 
 private:
     bool multicastStarGSupported_ = false;
+    bool hwProgrammingAllowed_ = false;
 };
 
 // Non-stop-forwarding restart status of the VRF: whether a restart that

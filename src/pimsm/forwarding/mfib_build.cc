@@ -168,7 +168,9 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
             CASK_VRF_TRACE(8, vrf, "MfibSm::handleRoute({}): Add inherited interface {}", key, id);
             addTidalRouteOif(sm_, tmpRoute, id);
         }
-        notifyProgrammable = sm_.isProgrammableRoute(wc->key());
+        // The hardware forwards the group on the (*,G) entry alone: it
+        // tells the agent when this entry is written.
+        notifyProgrammable = wc->programmable();
         if (notifyProgrammable) {
             CASK_VRF_TRACE(8, vrf,
                            "MfibSm::handleRoute(): wcRoute is programmable.            "

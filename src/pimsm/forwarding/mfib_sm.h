@@ -121,6 +121,8 @@ public:
         // and their fast-drop interface.
         void handleRpf() override { handleIntfChanged(Wirl::IntfId()); }
         void handleUpJoinState() override { handleIntfChanged(Wirl::IntfId()); }
+        // The (S,G) records of the group carry it as notify-programmable.
+        void handleProgrammable() override { handleIntfChanged(Wirl::IntfId()); }
 
     protected:
         void handleIntfChanged(Wirl::IntfId intfId) override;

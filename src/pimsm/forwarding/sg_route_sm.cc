@@ -52,6 +52,28 @@ private:
     SgRouteSm& sm_;
 };
 
+// The VRF's permission to forward routes in hardware alone moved.
+class SgRouteSm::HwWatcher : public Platform::HwMfibStatus::Notifiee {
+public:
+    HwWatcher(SgRouteSm& sm, Platform::HwMfibStatus& s)
+        : Platform::HwMfibStatus::Notifiee(&s), sm_(sm) {}
+    void handleHwProgrammingAllowed() override { sm_.handleSptConfigChanged(); }
+
+private:
+    SgRouteSm& sm_;
+};
+
+// A group range changed its RP: "I am the RP" may have changed for its
+// groups.
+class SgRouteSm::RpWatcher : public Platform::RpMapping::Notifiee {
+public:
+    RpWatcher(SgRouteSm& sm, Platform::RpMapping& s) : Platform::RpMapping::Notifiee(&s), sm_(sm) {}
+    void handleRp(const Wirl::IpGenPrefix&) override { sm_.handleSptConfigChanged(); }
+
+private:
+    SgRouteSm& sm_;
+};
+
 SgRouteSm::SgRouteSm(const VrfContext& ctx)
     : ctx_(ctx), inactivityTimer_(*ctx.loop, [this] {
           CASK_VRF_TRACE(7, ctx_.vrfName, "SgRouteSm::handleInactivityTimer()");
@@ -71,7 +93,11 @@ void SgRouteSm::doCreateReview() {
     Cask::SlicedReview<RouteKey>::Steps steps;
     steps.walk = Cask::orderedWalk(ctx_.status->route());
     steps.visit = [this](const RouteKey& k) {
-        if (!k.isWc()) doReviewRoute(k);
+        if (!k.isWc()) {
+            doReviewRoute(k);
+        } else if (Route* wc = ctx_.localStatus->wcRoute().raw(k)) {
+            doUpdateWcProgrammable(*wc);
+        }
     };
     // The inactivity timer runs only between reviews.
     steps.onFinish = [this] {
@@ -94,12 +120,15 @@ void SgRouteSm::handleStatusInitialized() {
     CASK_VRF_TRACE(6, ctx_.vrfName, "SgRouteSm::handleStatusInitialized()");
     LocalStatus::Notifiee::notifierIs(ctx_.localStatus);
     routes_.sweep(ctx_.localStatus->sgRoute(), [this](const RouteKey& k) { handleSgRoute(k); });
+    for (const auto& [k, wc] : ctx_.localStatus->wcRoute()) doUpdateWcProgrammable(*wc);
     if (ctx_.registerStatus) {
         registerWatcher_ = std::make_unique<RegisterWatcher>(*this, *ctx_.registerStatus);
     }
     if (ctx_.sptThresholdInfo) {
         thresholdWatcher_ = std::make_unique<ThresholdWatcher>(*this, *ctx_.sptThresholdInfo);
     }
+    if (ctx_.hwMfibStatus) hwWatcher_ = std::make_unique<HwWatcher>(*this, *ctx_.hwMfibStatus);
+    if (ctx_.rpMapping) rpWatcher_ = std::make_unique<RpWatcher>(*this, *ctx_.rpMapping);
     if (ctx_.mrtUpcall) {
         upcallWatcher_ = std::make_unique<UpcallWatcher>(*this, *ctx_.mrtUpcall);
         handleUpcall();  // reports that came before the machine
@@ -112,6 +141,21 @@ void SgRouteSm::handleSgRoute(const RouteKey& key) {
     Route* route = ctx_.localStatus->sgRoute().raw(key);
     if (RhoRoute* rho = routes_.update(key, route, *this)) rho->handleRouteInit();
     if (route && !inactivityTimer_.armed() && !reviewTriggered()) doEnableInactivity();
+}
+
+void SgRouteSm::handleWcRoute(const RouteKey& key) {
+    if (Route* wc = ctx_.localStatus->wcRoute().raw(key)) doUpdateWcProgrammable(*wc);
+}
+
+void SgRouteSm::doUpdateWcProgrammable(Route& wc) {
+    // Without the VRF's permission no route is the hardware's alone: the
+    // policy need not be asked.
+    if (!hwProgrammingAllowed()) return doUpdateProgrammable(wc, false);
+    switchToSptDesired(wc);
+}
+
+bool SgRouteSm::hwProgrammingAllowed() const {
+    return ctx_.hwMfibStatus && ctx_.hwMfibStatus->hwProgrammingAllowed();
 }
 
 void SgRouteSm::doEnableInactivity() {
@@ -134,19 +178,31 @@ void SgRouteSm::handleUpcall() {
         const MrtUpcall u = q.upcallFront();
         q.upcallPop();
         if (u.kind == MrtUpcall::Kind::noCache) {
+            ++counters_.noCache;
             handleNoCache(u);
         } else {
+            ++counters_.wrongVif;
             handleWrongVif(u);
         }
     }
     handlingUpcalls_ = false;
 }
 
-bool SgRouteSm::groupIgnored(const RouteKey& key, const char* where) const {
+bool SgRouteSm::upcallIgnored(const MrtUpcall& u, const char* where) {
+    const RouteKey& key = u.key;
     const Wirl::IpGenAddr& group = key.group();
     if (key.isWc() || group.family() != ctx_.localStatus->family() || !group.isMulticast() ||
         key.source().family() != group.family() || !key.source().isUnicast()) {
         CASK_VRF_TRACE(7, ctx_.vrfName, "SgRouteSm::{}({}), ignoring invalid route", where, key);
+        ++counters_.ignoredInvalid;
+        return true;
+    }
+    // The plane reports packets on the VRF's multicast interfaces: its PIM
+    // interfaces, and loopbacks, where a source may sit without PIM.
+    if (u.intf.isNull() || (!ctx_.pimStatus->intfRaw(u.intf) && !u.intf.hasPrefix("Loopback"))) {
+        CASK_VRF_TRACE(7, ctx_.vrfName, "SgRouteSm::{}({}), ignoring unknown interface {}", where,
+                       key, u.intf);
+        ++counters_.ignoredUnknownIntf;
         return true;
     }
     // The group filter leaves bidirectional groups to the bidirectional
@@ -155,9 +211,16 @@ bool SgRouteSm::groupIgnored(const RouteKey& key, const char* where) const {
         !ctx_.groupFilterStatus->permitGroup(Wirl::IpGenPrefix::hostPrefix(group))) {
         CASK_VRF_TRACE(7, ctx_.vrfName, "SgRouteSm::{}({}), ignoring bidirectional group", where,
                        key);
+        ++counters_.ignoredBidir;
         return true;
     }
     return false;
+}
+
+bool SgRouteSm::sourceAttached(const Wirl::IpGenAddr& source) const {
+    if (!ctx_.rpfTable) return false;
+    const std::optional<RpfLookup> rpf = ctx_.rpfTable->doLookup(source);
+    return rpf && rpf->attached;
 }
 
 bool SgRouteSm::boundaryOn(Wirl::IntfId intf, const Wirl::IpGenAddr& group) const {
@@ -198,22 +261,27 @@ Cask::Ptr<Route> SgRouteSm::doCreateRoute(const RouteKey& key, Wirl::IntfId intf
 
 void SgRouteSm::handleNoCache(const MrtUpcall& u) {
     const RouteKey& key = u.key;
-    if (groupIgnored(key, "handleNoCache")) return;
+    if (upcallIgnored(u, "handleNoCache")) return;
     if (boundaryOn(u.intf, key.group())) {
         CASK_VRF_TRACE(7, ctx_.vrfName,
                        "SgRouteSm::handleNoCache({}), Ignoring cache miss, boundary filter on "
                        "interface {}",
                        key, u.intf);
+        ++counters_.ignoredBoundary;
         return;
     }
     Cask::Ptr<Route> route = ctx_.status->route(key);
     const Route* wc = ctx_.localStatus->wcRoute().raw(RouteKey::wc(key.group()));
     if (wc && wc->programmable()) {
-        if (!route) {
+        // The hardware forwards the group's traffic on the (*,G) entry; only
+        // a directly connected source still needs its route, for the DR to
+        // register it (RFC 7761 4.4.1).
+        if (!route && !sourceAttached(key.source())) {
             CASK_VRF_TRACE(7, ctx_.vrfName,
                            "SgRouteSm::handleNoCache(): {} is programmable, so ignoring NoCache "
                            "upcall for {}",
                            wc->key(), key);
+            ++counters_.ignoredWcProgrammable;
             return;
         }
         CASK_VRF_TRACE(7, ctx_.vrfName,
@@ -228,7 +296,10 @@ void SgRouteSm::handleNoCache(const MrtUpcall& u) {
                        key);
     }
     ctx_.localStatus->processingCacheMissIs(key);
-    if (!route) route = doCreateRoute(key, u.intf, mbr);
+    if (!route) {
+        route = doCreateRoute(key, u.intf, mbr);
+        if (route) ++counters_.routesCreated;
+    }
     if (route) {
         CASK_VRF_TRACE(6, ctx_.vrfName,
                        "SgRouteSm: No Cache received for route: {}, intf: {}, flags: {}, IIF "
@@ -264,12 +335,13 @@ void SgRouteSm::doAdvanceIifSwitch(Route& route, Wirl::IntfId intf) {
 
 void SgRouteSm::handleWrongVif(const MrtUpcall& u) {
     const RouteKey& key = u.key;
-    if (groupIgnored(key, "handleWrongVif")) return;
+    if (upcallIgnored(u, "handleWrongVif")) return;
     if (boundaryOn(u.intf, key.group())) {
         CASK_VRF_TRACE(7, ctx_.vrfName,
                        "SgRouteSm::handleWrongVif({}), Ignoring wrongVif, boundary filter on "
                        "interface {}",
                        key, u.intf);
+        ++counters_.ignoredBoundary;
         return;
     }
     CASK_VRF_TRACE(6, ctx_.vrfName, "SgRouteSm: Wrong VIF received for route: {}, intf: {}", key,
@@ -278,6 +350,7 @@ void SgRouteSm::handleWrongVif(const MrtUpcall& u) {
     if (!route) {
         CASK_VRF_TRACE(7, ctx_.vrfName, "SgRouteSm::handleWrongVif(): Error: Route not found: {}",
                        key);
+        ++counters_.ignoredNoRoute;
         return;
     }
     ctx_.localStatus->wrongVifCountIs(key, ctx_.localStatus->wrongVifCount(key) + 1);
@@ -346,7 +419,8 @@ void SgRouteSm::doMaybeMarkRouteForDeletion(Route& route, bool dataSeen) {
     const bool idle = route.katExpired() &&
                       now() - route.firstInactivityTime() >= keepalivePeriod &&
                       !route.hasSgState() && !route.discoveredSg();
-    const bool wcInHw = wc && wc->programmable();
+    // A directly connected source's route stays while it registers.
+    const bool wcInHw = wc && wc->programmable() && !route.umh()->directlyConnected();
     const bool vxlan =
         wcInHw && ctx_.mcastVxlanStatus && ctx_.mcastVxlanStatus->vxlanIntf(route.iif());
     const bool noOlist = wcInHw && route.nullImmediateOlistSg();

@@ -25,6 +25,12 @@
 // alone, markedForDeletion of idle routes; LocalStatus.processingCacheMiss
 // and wrongVifCount. A route it creates comes with the unicast RPF toward
 // the source in its upstream; the upstream (S,G) machine keeps it after.
+//
+// `programmable` is decided for (*,G) routes too, without a reactor of
+// their own: when one comes, and in the review pass that a change of its
+// inputs (switchover threshold, RP mapping, the VRF's hardware permission)
+// requests. A programmable (*,G) route is forwarded by the hardware alone,
+// so the first packets of its sources need no (S,G) route.
 
 #include <cstdint>
 #include <memory>
@@ -94,8 +100,24 @@ public:
     // How often the inactivity review runs while (S,G) routes exist.
     Cask::Seconds inactivityInterval = 10.0;
     // The VRF lets routes that need no help from the agent be forwarded by
-    // the hardware alone.
-    bool hwProgrammingAllowed = false;
+    // the hardware alone (HwMfibStatus::hwProgrammingAllowed).
+    bool hwProgrammingAllowed() const;
+
+    // Forwarding-plane reports, and the ones ignored by reason. Bad input
+    // (an invalid key, an arrival interface the VRF does not have) is
+    // counted here and dropped.
+    struct UpcallCounters {
+        std::uint64_t noCache = 0;
+        std::uint64_t wrongVif = 0;
+        std::uint64_t routesCreated = 0;  // by a cache miss
+        std::uint64_t ignoredInvalid = 0;
+        std::uint64_t ignoredUnknownIntf = 0;
+        std::uint64_t ignoredBidir = 0;
+        std::uint64_t ignoredBoundary = 0;
+        std::uint64_t ignoredWcProgrammable = 0;
+        std::uint64_t ignoredNoRoute = 0;  // wrong VIF for a route that does not exist
+    };
+    const UpcallCounters& upcallCounters() const { return counters_; }
 
     bool initialized() const { return initialized_; }
     bool reviewTriggered() const { return review_->pending() || review_->inProgress(); }
@@ -107,6 +129,8 @@ public:
     // Takes up the routes present and starts the inactivity monitoring.
     void handleStatusInitialized();
     void handleSgRoute(const Routing::Pim::RouteKey& key) override;
+    // A (*,G) route came: whether the hardware may forward it alone.
+    void handleWcRoute(const Routing::Pim::RouteKey& key) override;
 
     // --- upcalls and activity ------------------------------------------------
     void handleUpcall();
@@ -115,10 +139,15 @@ public:
     void handleActivity(const Routing::Pim::RouteKey& key);
     // The register process changed its wish for one route.
     void handleRegisterStatus(const Routing::Pim::RouteKey& key) { doMaybeUpdateRegisterOif(key); }
-    // The SPT threshold changed: every route is looked at again.
+    // An input of SwitchToSptDesired or of hardware-only forwarding changed
+    // (the SPT threshold, an RP mapping, the VRF's hardware permission):
+    // every route is looked at again.
     void handleSptConfigChanged() { review_->request(); }
 
     // --- decisions --------------------------------------------------------
+    // SwitchToSptDesired(S,G), which also decides whether the hardware may
+    // forward the route alone. For a (*,G) route it answers for the group's
+    // sources without (S,G) state: the RP test and the threshold.
     bool switchToSptDesired(Route& route);
     void checkSwitchToSpt(Route& route);
     void updateSptBit(Route& route, Wirl::IntfId intfId);
@@ -141,13 +170,23 @@ private:
     class UpcallWatcher;
     class RegisterWatcher;
     class ThresholdWatcher;
+    class HwWatcher;
+    class RpWatcher;
 
-    bool groupIgnored(const Routing::Pim::RouteKey& key, const char* where) const;
+    // An upcall the machine drops before looking at routes: an invalid key,
+    // an unknown arrival interface, a bidirectional group (traced, counted).
+    bool upcallIgnored(const Routing::Pim::MrtUpcall& u, const char* where);
+    // The unicast route toward `source` is directly attached.
+    bool sourceAttached(const Wirl::IpGenAddr& source) const;
     bool boundaryOn(Wirl::IntfId intf, const Wirl::IpGenAddr& group) const;
     // The border-router handling of a packet on `intf`; true when it applies.
     bool mbrIntf(Wirl::IntfId intf) const;
     Cask::Ptr<Route> doCreateRoute(const Routing::Pim::RouteKey& key, Wirl::IntfId intf, bool mbr);
     void doRestartKeepalive(Route& route, const char* why);
+    // Sets `programmable`, raising the change flag around a change.
+    void doUpdateProgrammable(Route& route, bool programmable);
+    // Whether the hardware may forward a (*,G) route alone.
+    void doUpdateWcProgrammable(Route& wc);
     void doEnableInactivity();
     void doCreateReview();
     Cask::Seconds now() const { return ctx_.loop->now(); }
@@ -157,8 +196,11 @@ private:
     std::unique_ptr<UpcallWatcher> upcallWatcher_;
     std::unique_ptr<RegisterWatcher> registerWatcher_;
     std::unique_ptr<ThresholdWatcher> thresholdWatcher_;
+    std::unique_ptr<HwWatcher> hwWatcher_;
+    std::unique_ptr<RpWatcher> rpWatcher_;
     std::unique_ptr<Cask::SlicedReview<Routing::Pim::RouteKey>> review_;
     Cask::Timer inactivityTimer_;
+    UpcallCounters counters_;
     bool handlingUpcalls_ = false;
     bool initialized_ = false;
 };

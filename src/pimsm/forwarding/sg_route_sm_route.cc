@@ -93,8 +93,12 @@ bool SgRouteSm::switchToSptDesired(Route& route) {
     const RouteKey& key = route.key();
     const Wirl::IpGenAddr& group = key.group();
     const bool threshold = ctx_.sptThreshold ? ctx_.sptThreshold(group) : false;
+    // Downstream (S,G) state asks for the source tree whatever the policy;
+    // a (*,G) route has no such state of its own. The decision is traced for
+    // (S,G) routes; for a (*,G) route only a change of `programmable` is.
+    const bool sg = !route.isWc();
     bool result;
-    if (!route.nullImmediateOlistSg()) {
+    if (sg && !route.nullImmediateOlistSg()) {
         CASK_VRF_TRACE(8, ctx_.vrfName, "SgRouteSm::switchToSptDesired({}) Switch due to protocol ",
                        key);
         result = true;
@@ -103,38 +107,45 @@ bool SgRouteSm::switchToSptDesired(Route& route) {
             ctx_.rpMapping ? ctx_.rpMapping->rpFor(group) : Wirl::IpGenAddr();
         const bool rpKnown = rp.family() != Wirl::AddressFamily::ipunknown && !rp.isUnspecified();
         if (rpKnown && ctx_.rpLocalStatus && ctx_.rpLocalStatus->iAmRp(rp)) {
-            CASK_VRF_TRACE(8, ctx_.vrfName, "SgRouteSm::switchToSptDesired({}) I am the RP ", key);
+            if (sg) {
+                CASK_VRF_TRACE(8, ctx_.vrfName, "SgRouteSm::switchToSptDesired({}) I am the RP ",
+                               key);
+            }
             result = true;
         } else {
-            CASK_VRF_TRACE(8, ctx_.vrfName, "SgRouteSm::switchToSptDesired({}) spt switchover:{}",
-                           key, threshold);
+            if (sg) {
+                CASK_VRF_TRACE(8, ctx_.vrfName,
+                               "SgRouteSm::switchToSptDesired({}) spt switchover:{}", key,
+                               threshold);
+            }
             result = threshold;
         }
     }
     // The hardware may forward a route alone when the agent needs none of
     // its packets: not a directly connected source (the DR registers it),
     // not a route fed or feeding the register tunnel, and not one that is
-    // to switch to the source tree (its packets start the switch).
-    const bool hwOnlyPossible = !route.umh()->directlyConnected() &&
-                                route.iif() != Wirl::IntfId::register0() && !route.oifRegister();
-    if (hwOnlyPossible) {
-        const bool programmable = hwProgrammingAllowed && !result;
-        if (route.programmable() != programmable) {
-            Cask::Ptr<Route> keep(&route);
-            route.programmableIs(programmable);
-            const ChangeFlags before = route.changeFlags();
-            ChangeFlags raised = before;
-            raised.set(ChangeFlags::Bit::programmable);
-            CASK_VRF_TRACE(7, ctx_.vrfName,
-                           "SgRouteSm::switchToSptDesired({}) changeFlags updated {}, "
-                           "programmable: {}",
-                           key, raised, programmable);
-            route.changeFlagsIs(raised);
-            route.routeChangedInc();
-            route.changeFlagsIs(before);
-        }
-    }
+    // to switch to the source tree (its packets start the switch). For a
+    // (*,G) route the last test stands for every source of the group.
+    const bool hwOnlyPossible =
+        route.isWc() || (!route.umh()->directlyConnected() &&
+                         route.iif() != Wirl::IntfId::register0() && !route.oifRegister());
+    if (hwOnlyPossible) doUpdateProgrammable(route, hwProgrammingAllowed() && !result);
     return result;
+}
+
+void SgRouteSm::doUpdateProgrammable(Route& route, bool programmable) {
+    if (route.programmable() == programmable) return;
+    Cask::Ptr<Route> keep(&route);
+    route.programmableIs(programmable);
+    const ChangeFlags before = route.changeFlags();
+    ChangeFlags raised = before;
+    raised.set(ChangeFlags::Bit::programmable);
+    CASK_VRF_TRACE(7, ctx_.vrfName,
+                   "SgRouteSm::switchToSptDesired({}) changeFlags updated {}, programmable: {}",
+                   route.key(), raised, programmable);
+    route.changeFlagsIs(raised);
+    route.routeChangedInc();
+    route.changeFlagsIs(before);
 }
 
 // CheckSwitchToSpt(S,G): data on the shared tree restarts the keepalive

@@ -396,7 +396,7 @@ TEST(MfibSm, SgRouteWaitsForRegisterEvaluationThenInheritsAndDropsTheSharedTree)
     EXPECT_TRUE(f.hasOif(sg.key(), "d1"));
     EXPECT_TRUE(f.hasOif(sg.key(), "up_s"));
     EXPECT_TRUE(r->fastdrop().isNull());
-    EXPECT_TRUE(r->flag(TMF::Route::notifyProgrammable));
+    EXPECT_FALSE(r->flag(TMF::Route::notifyProgrammable));
 
     // Joined toward S: packets are taken on RPF_interface(S), which is not
     // inherited, and those still arriving down the shared tree are dropped.
@@ -420,6 +420,16 @@ TEST(MfibSm, SgRouteWaitsForRegisterEvaluationThenInheritsAndDropsTheSharedTree)
     f.receiverIs(wc, "d3", true);
     EXPECT_TRUE(f.hasOif(sg.key(), "d3"));
     EXPECT_EQ(f.record(sg.key())->fastdrop(), Wirl::IntfId("up_rp"));
+    // The record tells whether the (*,G) entry forwards alone: only while
+    // the VRF lets the hardware do so and the group never switches.
+    f.config().drSwitchIs(Config::DrSwitchThresh::never);
+    for (const bool allowed : {true, false}) {
+        f.ctx().hwMfibStatus->hwProgrammingAllowedIs(allowed);
+        f.loop.runUntil(f.clock.now() + 0.1);  // the (S,G) route machine's review
+        ASSERT_EQ(wc.programmable(), allowed);
+        ASSERT_TRUE(f.record(sg.key()));
+        EXPECT_EQ(f.record(sg.key())->flag(TMF::Route::notifyProgrammable), allowed);
+    }
     f.expectConsistent();
 }
 

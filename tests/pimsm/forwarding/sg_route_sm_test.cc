@@ -1,6 +1,7 @@
 // SgRouteSm: routes from cache misses, the SPT bit, keepalive and
 // inactivity, CouldRegister and the register tunnel, and the forwarding
 // stage waiting for the register decision.
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,7 @@ struct SgVrf : TestVrf {
     Platform::RegisterConfig& registerConfig() const { return *ctx().registerConfig; }
     RegisterStatus& registerStatus() const { return *ctx().registerStatus; }
     void thresholdIs(bool on) { config().drSwitchIs(on ? T::immediate : T::never); }
+    void hwAllowedIs(bool on) { ctx().hwMfibStatus->hwProgrammingAllowedIs(on); }
 
     RouteKey key(const IpGenAddr& source) const { return RouteKey(source, group); }
     // Cache-miss and activity reports run their turn without time passing.
@@ -192,7 +194,7 @@ TEST(SgRouteSmTest, ProgrammableChangeRaisesChangeFlag) {
     };
     SgVrf f;
     f.thresholdIs(false);
-    f.sm().hwProgrammingAllowed = true;
+    f.hwAllowedIs(true);
     Route& sg = f.route(f.key(f.remote));  // reactor: programmable already
     EXPECT_TRUE(sg.programmable());
     Seen seen(&sg);
@@ -214,6 +216,43 @@ TEST(SgRouteSmTest, ProgrammableChangeRaisesChangeFlag) {
     EXPECT_FALSE(f.localStatus().sgRoute().raw(f.key(f.local))->programmable());
 }
 
+// A (*,G) route is the hardware's alone while the VRF permits it and no
+// source of the group would start a switch (threshold, RP); it is decided
+// when the route comes and again when one of those inputs moves.
+TEST(SgRouteSmTest, WcProgrammableFollowsItsInputs) {
+    struct Case {
+        const char* name;
+        bool hwAtStart;
+        std::function<void(SgVrf&)> move;
+        bool programmable;
+    };
+    const IpGenAddr me = ip("10.0.0.99");
+    const Case cases[] = {
+        {"as it comes", true, [](SgVrf&) {}, true},
+        {"permission not given", false, [](SgVrf&) {}, false},
+        {"permission given later", false, [](SgVrf& f) { f.hwAllowedIs(true); }, true},
+        {"permission withdrawn", true, [](SgVrf& f) { f.hwAllowedIs(false); }, false},
+        {"threshold now immediate", true, [](SgVrf& f) { f.thresholdIs(true); }, false},
+        {"this router becomes the group's RP", true,
+         [&](SgVrf& f) { f.rpIs(prefix("239.1.1.0/24"), me); }, false},
+        {"another router becomes the group's RP", true,
+         [](SgVrf& f) { f.rpIs(prefix("239.1.1.0/24"), ip("10.9.9.8")); }, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        SgVrf f;
+        f.rpLocal().localRpIs(me);  // an RP address of this router, not yet the group's
+        f.thresholdIs(false);
+        f.hwAllowedIs(c.hwAtStart);
+        Route& wc = f.route(RouteKey::wc(f.group), {"d1"});
+        f.flush();
+        ASSERT_EQ(wc.programmable(), c.hwAtStart);
+        c.move(f);
+        f.advance(1);  // the review runs after a short delay
+        EXPECT_EQ(wc.programmable(), c.programmable);
+    }
+}
+
 // A cache miss creates the route unless a filter or boundary stops it.
 TEST(SgRouteSmTest, NoCacheFilters) {
     struct Case {
@@ -225,16 +264,28 @@ TEST(SgRouteSmTest, NoCacheFilters) {
         const char* trace;
         bool mbrArrival = false;
         bool wcProgrammable = false;
+        bool remote = false;  // the source is not directly connected
+        // The counter of the upcalls ignored for this case's reason.
+        std::uint64_t SgRouteSm::UpcallCounters::*ignored = nullptr;
     };
+    using C = SgRouteSm::UpcallCounters;
     const Case cases[] = {
         {"plain", false, false, "src", true, "Create route."},
         {"boundary on arrival interface", true, false, "src", false,
-         "Ignoring cache miss, boundary filter on interface"},
+         "Ignoring cache miss, boundary filter on interface", false, false, false,
+         &C::ignoredBoundary},
         {"boundary elsewhere", true, false, "d1", true, "Create route."},
-        {"bidirectional group", false, true, "src", false, "ignoring bidirectional group"},
+        {"bidirectional group", false, true, "src", false, "ignoring bidirectional group", false,
+         false, false, &C::ignoredBidir},
         {"border-router interface", false, false, "src", true, "Create MBR route.", true},
-        {"(*,G) forwarded by the hardware", false, false, "src", false,
-         "is programmable, so ignoring NoCache upcall for", false, true},
+        {"(*,G) forwarded by the hardware", false, false, "up1", false,
+         "is programmable, so ignoring NoCache upcall for", false, true, true,
+         &C::ignoredWcProgrammable},
+        // The DR must still register a connected source's packets.
+        {"(*,G) forwarded by the hardware, connected source", false, false, "src", true,
+         "Create route.", false, true},
+        {"not an interface of the VRF", false, false, "Ethernet9", false,
+         "ignoring unknown interface", false, false, false, &C::ignoredUnknownIntf},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -253,12 +304,24 @@ TEST(SgRouteSmTest, NoCacheFilters) {
             f.groupFilter().bidirRangeIs(groups);
         }
         if (c.mbrArrival) f.pimIntf(c.arrival).mbrIs(true);
-        if (c.wcProgrammable) f.route(RouteKey::wc(f.group)).programmableIs(true);
+        if (c.wcProgrammable) {
+            // Forwarded by the hardware alone: never switching, permitted.
+            f.thresholdIs(false);
+            f.hwAllowedIs(true);
+            ASSERT_TRUE(f.route(RouteKey::wc(f.group)).programmable());
+        }
         const std::size_t before = f.localStatus().sgRouteSize();
-        f.upcall(MrtUpcall::Kind::noCache, f.key(f.local), IntfId(c.arrival));
+        const C counted = f.sm().upcallCounters();
+        f.upcall(MrtUpcall::Kind::noCache, f.key(c.remote ? f.remote : f.local), IntfId(c.arrival));
         EXPECT_EQ(f.localStatus().sgRouteSize() - before, c.created ? 1u : 0u);
         EXPECT_TRUE(Cask::trace().contains(c.trace));
         EXPECT_EQ(f.localStatus().processingCacheMissSize(), 0u);
+        const C& now = f.sm().upcallCounters();
+        EXPECT_EQ(now.noCache, counted.noCache + 1);
+        EXPECT_EQ(now.routesCreated, counted.routesCreated + (c.created ? 1 : 0));
+        if (c.ignored) {
+            EXPECT_EQ(now.*c.ignored, counted.*c.ignored + 1);
+        }
         if (!c.created) continue;
         const Route& r = *f.localStatus().sgRoute().raw(f.key(f.local));
         // RFC 7761 4.2: a connected source's packet starts the keepalive
@@ -316,9 +379,10 @@ TEST(SgRouteSmTest, KeepaliveAndInactivity) {
 }
 
 // Not the DR on the source's interface: nothing to register, whatever the
-// register process wants; becoming DR reaches the route through the route
-// review's change flags.
-TEST(SgRouteSmTest, CouldRegisterNeedsDr) {
+// register process wants. The DR role moving on the source's interface
+// reaches the route through the route review (the interface's DR change
+// becomes the route's rpfDrStatus change flag), each way.
+TEST(SgRouteSmTest, CouldRegisterFollowsTheDr) {
     SgVrf f(/*drOnSrc=*/false);
     const RouteKey k = f.key(f.local);
     f.registerStatus().registerOifIs(k);
@@ -327,11 +391,15 @@ TEST(SgRouteSmTest, CouldRegisterNeedsDr) {
     EXPECT_FALSE(f.registerConfig().couldRegisterSgHas(k));
     EXPECT_FALSE(r.oifRegister());
     EXPECT_TRUE(r.registerOifEvaluated());
-    f.pimIntf("src").usedDrIs(ip("10.1.1.1"));
-    r.changeFlagsIs(ChangeFlags{ChangeFlags::Bit::rpfDrStatus});
-    r.changeFlagsIs(ChangeFlags{});
-    EXPECT_TRUE(f.registerConfig().couldRegisterSgHas(k));
-    EXPECT_TRUE(r.oifRegister());
+    const IpGenAddr dr[] = {ip("10.1.1.1"), ip("10.1.1.2"), ip("10.1.1.1")};
+    for (const IpGenAddr& who : dr) {
+        SCOPED_TRACE(who.str());
+        f.pimIntf("src").usedDrIs(who);
+        f.advance(1);
+        const bool me = who == ip("10.1.1.1");
+        EXPECT_EQ(f.registerConfig().couldRegisterSgHas(k), me);
+        EXPECT_EQ(r.oifRegister(), me);
+    }
 }
 
 // The forwarding stage programs an (S,G) route only once the register
