@@ -295,8 +295,8 @@ const char* legend(Output what) {
         case Output::routes:
             return "flags: rpt RPT bit, wc (*,G) route, spt SPT bit, switching and "
                    "iif-switching incoming interface moving, mbr border router, kat-expired "
-                   "keepalive expired, marked to be deleted, programmable may be written to "
-                   "forwarding\n"
+                   "keepalive expired, marked to be deleted, programmable forwarded by the "
+                   "hardware alone (no switch to the shortest-path tree wanted)\n"
                    "upstream: Joined / NotJoined toward rpf-neighbor (RFC 7761 4.5.4, 4.5.5); "
                    "joined-for: seconds since it joined that neighbour\n"
                    "why: IFACE:REASON[+REASON][:EXPIRES], REASON join (a downstream Join), local "
