@@ -5,6 +5,7 @@
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/route.h"
 #include "platform/pim_status.h"
+#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -101,12 +102,10 @@ void AssertPeriodicTimerSm::handlePeriodicTimerExpiry() {
 AssertIntfSm::AssertIntfSm(const VrfContext& ctx, Routing::Pim::IntfStatus& intfStatus,
                            Cask::Seconds loopQuantum, std::function<void(Wirl::IntfId)> idle)
     : Routing::Pim::IntfStatus::Notifiee(&intfStatus),
-      ctx_(ctx),
+      ctx_(requireInputs(ctx, "AssertIntfSm", &VrfContext::assertStatus, &VrfContext::txMessageInfo, &VrfContext::pimStatus, &VrfContext::localStatus)),
       intfStatus_(intfStatus),
       loopQuantum_(loopQuantum),
       idle_(std::move(idle)) {
-    CASK_ASSERT(ctx.assertStatus && ctx.txMessageInfo && ctx.pimStatus && ctx.localStatus,
-                "AssertIntfSm needs the assert status, transmit record, PIM and local status");
     handleInitialized();
 }
 

@@ -4,6 +4,7 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -28,9 +29,8 @@ private:
 };
 
 AssertMessageSm::AssertMessageSm(const VrfContext& ctx)
-    : ctx_(ctx), idleTimer_(*ctx.loop, [this] { handleIdleTimerExpiry(); }) {
-    CASK_ASSERT(ctx.pimStatus && ctx.assertStatus && ctx.rxAssertMessageInfo,
-                "AssertMessageSm needs the PIM status, assert status and received Assert record");
+    : ctx_(requireInputs(ctx, "AssertMessageSm", &VrfContext::loop, &VrfContext::pimStatus, &VrfContext::assertStatus, &VrfContext::rxAssertMessageInfo)),
+      idleTimer_(*ctx.loop, [this] { handleIdleTimerExpiry(); }) {
     pimWatcher_ = std::make_unique<PimWatcher>(*this, *ctx.pimStatus);
     assertWatcher_ = std::make_unique<AssertWatcher>(*this, *ctx.assertStatus);
     // Interfaces that came before the machine.

@@ -2,12 +2,13 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
 AssertMrtSm::AssertMrtSm(const VrfContext& ctx)
-    : Routing::Pim::MrtUpcallStatus::Notifiee(ctx.mrtUpcall), ctx_(ctx) {
-    CASK_ASSERT(ctx.mrtMessageInfo, "AssertMrtSm needs the MrtMessageInfo record");
+    : Routing::Pim::MrtUpcallStatus::Notifiee(ctx.mrtUpcall),
+      ctx_(requireInputs(ctx, "AssertMrtSm", &VrfContext::mrtMessageInfo)) {
 }
 
 void AssertMrtSm::handleWrongVifMessage() {

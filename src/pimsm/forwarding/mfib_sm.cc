@@ -5,6 +5,7 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -18,7 +19,7 @@ MfibSm::MfibSm(const VrfContext& ctx)
       localStatus_(ctx.localStatus),
       mfibConfig_(ctx.mfibConfig),
       loop_(ctx.loop) {
-    CASK_ASSERT(mfibTidal_ && localStatus_, "MfibSm inputs");
+    requireInputs(ctx, "MfibSm", &VrfContext::mfibTidal, &VrfContext::localStatus);
     notifierIs(mfibConfig_.get());
 }
 

@@ -13,6 +13,7 @@
 #include "platform/pim_status.h"
 #include "platform/rp_local.h"
 #include "platform/vxlan_status.h"
+#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -75,12 +76,11 @@ private:
 };
 
 SgRouteSm::SgRouteSm(const VrfContext& ctx)
-    : ctx_(ctx), inactivityTimer_(*ctx.loop, [this] {
+    : ctx_(requireInputs(ctx, "SgRouteSm", &VrfContext::loop, &VrfContext::status, &VrfContext::localStatus, &VrfContext::pimStatus, &VrfContext::registerConfig)),
+      inactivityTimer_(*ctx.loop, [this] {
           CASK_VRF_TRACE(7, ctx_.vrfName, "SgRouteSm::handleInactivityTimer()");
           review_->request();
       }) {
-    CASK_ASSERT(ctx.loop && ctx.status && ctx.localStatus && ctx.pimStatus && ctx.registerConfig,
-                "SgRouteSm inputs");
     doCreateReview();
 }
 

@@ -2,6 +2,7 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -49,8 +50,8 @@ void aclToPrefix(const Acl::AclConfig* aclConfig, DrSwitchAcl& acl, const L3::Vr
     acl.grpPrefix = aclConfig->acl(acl.name).permittedGroups(family).prefixes();
 }
 
-SptThresholdSm::SptThresholdSm(const VrfContext& ctx) : ctx_(ctx) {
-    CASK_ASSERT(ctx.config && ctx.aclConfig && ctx.sptThresholdInfo, "SptThresholdSm inputs");
+SptThresholdSm::SptThresholdSm(const VrfContext& ctx)
+    : ctx_(requireInputs(ctx, "SptThresholdSm", &VrfContext::config, &VrfContext::aclConfig, &VrfContext::sptThresholdInfo)) {
     notifierIs(ctx.config);
     aclWatcher_.notifierIs(ctx.aclConfig);
 }

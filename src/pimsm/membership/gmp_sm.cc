@@ -5,6 +5,7 @@
 #include "cask/assert.h"
 #include "cask/trace.h"
 #include "wirl/ip_gen_prefix.h"
+#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -74,11 +75,8 @@ void GmpSm::RhoRoute::handleInitialized() {
 
 // --- GmpSm -------------------------------------------------------------------
 
-GmpSm::GmpSm(const VrfContext& in) : in_(in) {
-    CASK_ASSERT(in.loop && in.config && in.status && in.membership && in.localStatus &&
-                    in.ssmGroupInfo && in.groupFilterStatus,
-                "GmpSm created without its inputs");
-}
+GmpSm::GmpSm(const VrfContext& ctx)
+    : in_(requireInputs(ctx, "GmpSm", &VrfContext::loop, &VrfContext::config, &VrfContext::status, &VrfContext::membership, &VrfContext::localStatus, &VrfContext::ssmGroupInfo, &VrfContext::groupFilterStatus)) {}
 
 GmpSm::~GmpSm() {
     // The child and the watchers call back into this machine: stop them

@@ -4,6 +4,7 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -12,7 +13,8 @@ RouteCountSm::RouteCountSm(const VrfContext& ctx)
       localStatus_(ctx.localStatus),
       rpfStatus_(ctx.rpfStatus),
       tidalStatus_(ctx.routeCounts) {
-    CASK_ASSERT(localStatus_ && rpfStatus_ && tidalStatus_, "RouteCountSm inputs");
+    requireInputs(ctx, "RouteCountSm", &VrfContext::localStatus, &VrfContext::rpfStatus,
+                  &VrfContext::routeCounts);
     notifierIs(localStatus_.get());
     rpfStatusWatcher_.notifierIs(rpfStatus_.get());
 }

@@ -7,6 +7,7 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -168,11 +169,8 @@ private:
 
 // --- life cycle --------------------------------------------------------------
 
-RouteReviewSm::RouteReviewSm(const VrfContext& ctx) : in_(ctx) {
-    CASK_ASSERT(in_.loop && in_.config && in_.status && in_.localStatus && in_.rpfConfig &&
-                    in_.rpfStatus && in_.pimStatus,
-                "RouteReviewSm inputs");
-}
+RouteReviewSm::RouteReviewSm(const VrfContext& ctx)
+    : in_(requireInputs(ctx, "RouteReviewSm", &VrfContext::loop, &VrfContext::config, &VrfContext::status, &VrfContext::localStatus, &VrfContext::rpfConfig, &VrfContext::rpfStatus, &VrfContext::pimStatus)) {}
 
 RouteReviewSm::~RouteReviewSm() {
     // Reactors refer to this machine: they go first.
