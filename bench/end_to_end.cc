@@ -288,15 +288,18 @@ void runLoop(Cask::EventLoop& loop, Cask::Seconds since, EndToEndResult& res, do
 
 }  // namespace
 
-EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& progress,
-                           Joins joins) {
+EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& progress, Joins joins,
+                           bool sized) {
     if (routes == 0 || routes > maxRoutes) {
         throw std::invalid_argument(fmt::format("routes must be 1 to {}", maxRoutes));
     }
     const Wirl::IntfId host("Ethernet1");
     const Wirl::IntfId upstream("Ethernet2");
-    BenchVrf bench(lastHopScenario(), realTime ? BenchVrf::Clock::skipping : BenchVrf::Clock::loop);
+    const double heapStart = heapBytes();
+    BenchVrf bench(lastHopScenario(), realTime ? BenchVrf::Clock::skipping : BenchVrf::Clock::loop,
+                   sized ? routes : 0);
     bench.open(joinsAt);
+    const double heapOpened = heapBytes();
     auto& loop = bench.loop;
     auto& table = bench.table;
     auto& members = bench.members;
@@ -310,8 +313,10 @@ EndToEndResult runEndToEnd(std::size_t routes, bool realTime, const Progress& pr
     res.routes = routes;
     res.realTime = realTime;
     res.joins = joins;
+    res.maxRoutes = sized ? routes : 0;
     const double rssBefore = residentBytes();
     const double heapBefore = heapBytes();
+    res.startupHeapBytes = heapOpened - heapStart;
     if (progress) progress(0, routes);
     const auto start = WallClock::now();
     switch (joins) {
@@ -404,6 +409,8 @@ nlohmann::ordered_json toJson(const EndToEndResult& r) {
     j["real_time"] = r.realTime;
     const char* const joinsKey[] = {"any-source-wc", "ssm-sg", "downstream-wc", "first-packet"};
     j["joins"] = joinsKey[int(r.joins)];
+    j["max_routes"] = r.maxRoutes;
+    j["startup_heap_bytes"] = r.startupHeapBytes;
     j["routes_per_second"] = r.routesPerSecond;
     j["agent_seconds"] = r.agentSeconds;
     j["peak_rss_kib"] = r.peakRssKiB;
@@ -432,6 +439,10 @@ std::string toTable(const std::vector<EndToEndResult>& results) {
         {"routes (host joins)", [](auto& r) { return fmt::format("{}", r.routes); }},
         {"joins", [](auto& r) { return std::string(joinsName(r.joins)); }},
         {"clock", [](auto& r) { return std::string(r.realTime ? "real" : "virtual"); }},
+        {"maxRoutes (indexes sized at start)",
+         [](auto& r) {
+             return r.maxRoutes ? fmt::format("{}", r.maxRoutes) : std::string("none");
+         }},
         {"routes/s", [](auto& r) { return fmt::format("{:.0f}", r.routesPerSecond); }},
         {"agent time", [](auto& r) { return fmt::format("{:.3f} s", r.agentSeconds); }},
         {"floor (records into table)",
@@ -455,6 +466,8 @@ std::string toTable(const std::vector<EndToEndResult>& results) {
         {"RSS growth",
          [](auto& r) { return fmt::format("{:.1f} MiB", r.rssGrowthBytes / (1024 * 1024)); }},
         {"bytes/route (RSS)", [](auto& r) { return fmt::format("{:.0f}", r.bytesPerRoute); }},
+        {"heap at start-up, per route",
+         [](auto& r) { return fmt::format("{:.0f}", r.startupHeapBytes / double(r.routes)); }},
         {"heap bytes/route, agent",
          [](auto& r) { return fmt::format("{:.0f}", r.heapAgentPerRoute); }},
         {"heap bytes/route, membership",
@@ -523,6 +536,10 @@ int endToEndMain(int argc, char** argv) {
     app.add_flag("--first-packet", firstPacket,
                  "also run one source's first packet to each group (cache misses), beside the "
                  "(*,G) run");
+    bool sized = false;
+    app.add_flag("--sized", sized,
+                 "run the agent with its route limit (maxRoutes) set to the number of joins, so "
+                 "it sizes its route indexes at start-up instead of growing them");
     app.add_flag("--json", json, "print the figures as JSON");
     CLI11_PARSE(app, argc, argv);
 
@@ -537,13 +554,13 @@ int endToEndMain(int argc, char** argv) {
     std::vector<EndToEndResult> results;
     for (const std::size_t n : routes) {
         try {
-            results.push_back(runEndToEnd(n, realTime, progress));
-            if (ssm) results.push_back(runEndToEnd(n, realTime, progress, Joins::ssm));
+            results.push_back(runEndToEnd(n, realTime, progress, Joins::membership, sized));
+            if (ssm) results.push_back(runEndToEnd(n, realTime, progress, Joins::ssm, sized));
             if (downstream) {
-                results.push_back(runEndToEnd(n, realTime, progress, Joins::downstream));
+                results.push_back(runEndToEnd(n, realTime, progress, Joins::downstream, sized));
             }
             if (firstPacket) {
-                results.push_back(runEndToEnd(n, realTime, progress, Joins::firstPacket));
+                results.push_back(runEndToEnd(n, realTime, progress, Joins::firstPacket, sized));
             }
         } catch (const std::exception& e) {
             if (tty) fmt::print(stderr, "\n");

@@ -13,7 +13,9 @@
 // cost no waiting and every figure is wall time spent working; but then the loop's clock does
 // not move while work runs, so time-sliced reviews never suspend. With `--real-time` the loop
 // reads the steady clock (idle waits are skipped), so the reviews slice their work as in a real
-// run and the longest turn shows how well they do.
+// run and the longest turn shows how well they do. With `--sized` the agent runs with its route
+// limit (maxRoutes) set to N, so it sizes its route indexes when the VRF starts: the heap this
+// takes shows as start-up heap, and no index rehashes in one long step while the routes come.
 
 #include <cstddef>
 #include <cstdint>
@@ -45,7 +47,9 @@ struct EndToEndResult {
     std::size_t routes = 0;
     bool realTime = false;
     Joins joins = Joins::membership;
-    double agentSeconds = 0;  // wall, first membership write to last record committed
+    std::size_t maxRoutes = 0;    // the agent's route limit (0: none)
+    double startupHeapBytes = 0;  // heap the agent held once the VRF was up, before any join
+    double agentSeconds = 0;      // wall, first membership write to last record committed
     double routesPerSecond = 0;
     long peakRssKiB = 0;        // getrusage ru_maxrss at the end of the agent run
     double rssGrowthBytes = 0;  // resident set growth over the agent run
@@ -78,8 +82,10 @@ using Progress = std::function<void(std::size_t committed, std::size_t total)>;
 // `firstPacket` one source sends a first packet to each group. The records counted are the
 // (S,G) ones toward the source for `ssm` and `firstPacket` (a first packet's record has no
 // receivers, so only its incoming interface is checked), the (*,G) ones otherwise.
+// With `sized`, the agent runs with maxRoutes = `routes`, so it sizes its route indexes when the
+// VRF starts and none rehashes while the routes come.
 EndToEndResult runEndToEnd(std::size_t routes, bool realTime = false, const Progress& progress = {},
-                           Joins joins = Joins::membership);
+                           Joins joins = Joins::membership, bool sized = false);
 
 nlohmann::ordered_json toJson(const EndToEndResult& r);
 // An aligned table, one figure per line and one column per result.

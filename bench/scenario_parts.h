@@ -61,8 +61,9 @@ struct BenchVrf {
         skipping,  // steady time that skips idle waits (skipping_clock.h)
     };
 
-    BenchVrf(Driver::Scenario s, Clock clock)
-        : scenario(std::move(s)), runner(scenario, options(clock)) {
+    // `maxRoutes`: the agent's route limit (0: none), for which it sizes its route indexes.
+    BenchVrf(Driver::Scenario s, Clock clock, std::size_t maxRoutes = 0)
+        : scenario(std::move(s)), runner(scenario, options(clock, maxRoutes)) {
         Cask::eventLog().levelIs(0);
     }
 
@@ -93,10 +94,11 @@ struct BenchVrf {
     Routing::Pim::SparseMode::ContainerSm* container = nullptr;
 
 private:
-    Driver::RunOptions options(Clock clock) {
+    Driver::RunOptions options(Clock clock, std::size_t maxRoutes) {
         Driver::RunOptions o;
         o.traceLevel = 0;
         if (clock == Clock::skipping) o.clock = &skipping;
+        if (maxRoutes) o.agentOptions.emplace_back("maxRoutes", std::to_string(maxRoutes));
         return o;
     }
 };

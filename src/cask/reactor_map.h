@@ -127,6 +127,7 @@ public:
     }
     void insert(R* r) { set_.insert(r); }
     void erase(R* r) { set_.erase(r); }
+    void reserve(std::size_t n) { set_.reserve(n); }
     void reset() { set_.clear(); }
     std::size_t size() const { return set_.size(); }
     // Heap bytes the index holds (slots and control bytes).
@@ -189,6 +190,7 @@ public:
         word_ = m->empty() ? 0 : reinterpret_cast<std::uintptr_t>(m->front());
         delete m;
     }
+    void reserve(std::size_t) {}
     void reset() {
         if (isMany()) delete many();
         word_ = 0;
@@ -228,6 +230,9 @@ public:
     bool empty() const { return index_.size() == 0; }
     // Heap bytes of the index (reactors excluded).
     std::size_t indexFootprint() const { return index_.footprint(); }
+    // Room for `n` reactors, so that growing to that many never rehashes the
+    // index (a rehash of a large index is one long step).
+    void reserve(std::size_t n) { index_.reserve(n); }
 
     // Brings key `k` in step with `record` (null: the key is absent). Returns
     // the reactor created for it, or null when none was.

@@ -61,6 +61,7 @@ Runner::Runner(const Scenario& scenario, RunOptions options)
     db_.mcastBoundaryStatusIs(Cask::make<Routing::McastBoundary::Status>());
     db_.aclConfigIs(Cask::make<Acl::AclConfig>());
     for (const auto& vrf : scenario.vrfs) publish(vrf);
+    for (const auto& [name, value] : options.agentOptions) db_.optionIs(name, value);
     if (scenario.family == Wirl::AddressFamily::ipv4) {
         agent_ = std::make_unique<Agent4>(db_, loop_);
     } else {

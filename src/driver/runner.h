@@ -11,6 +11,7 @@
 #include <string>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -29,6 +30,8 @@ struct RunOptions {
     double until = -1;  // run at least until here (< 0: the scenario's)
     // The loop's clock; null: the runner's own virtual clock. Must outlive the runner.
     Cask::Clock* clock = nullptr;
+    // Agent options ("maxRoutes", "maxRouteIntfs") published before the agent starts.
+    std::vector<std::pair<std::string, std::string>> agentOptions;
 };
 
 // Receives what the scenario asks to see or to check, in time order.

@@ -218,6 +218,8 @@ public:
         corruptionHandler_ = std::move(h);
     }
     void reportCorruption(const std::string& what);
+    // Room for `n` records, so that growing to that many never rehashes.
+    void routeCapacityIs(std::size_t n) { route_.reserve(n); }
     std::uint32_t corruptionCount() const { return corruptionCount_; }
 
 private:

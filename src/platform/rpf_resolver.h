@@ -38,6 +38,9 @@ public:
     void tableIs(Cask::Ptr<Routing::Unicast::RouteTable> table);
     Routing::Unicast::RouteTable* table() const { return table_.get(); }
     std::size_t trackedAddresses() const { return resolved_.size(); }
+    // Room for `n` routes' requests, so that growing to that many never
+    // rehashes.
+    void routeCapacityIs(std::size_t n) { requested_.reserve(n); }
 
 private:
     using Addrs = std::array<Wirl::IpGenAddr, 3>;

@@ -43,6 +43,8 @@ public:
         virtual void handleRpfConfigInfo(const RouteKey&) {}
     };
     CASK_VALUE_MAP(rpfConfigInfo, RpfConfigInfo, RouteKey, RpfConfigInfo)
+    // Room for `n` routes, so that growing to that many never rehashes.
+    void routeCapacityIs(std::size_t n) { rpfConfigInfo_.reserve(n); }
 
 private:
     Cask::ValueMap<RouteKey, RpfConfigInfo> rpfConfigInfo_;

@@ -78,11 +78,14 @@ void ContainerSm::handleInitialized() {
         mfibTidal_ = Cask::make<::Tidal::Multicast::Fib::Status>();
         db.mfibTableIs(vrf_, mfibTidal_);
     }
+    mfibTidal_->routeCapacityIs(pc_.maxRoutes);
 
     // RPF inputs; the VRF's group and fast-failover filters.
     rpfConfig_ = Cask::make<Routing::Pim::RpfConfig>();
     rpfStatus_ = Cask::make<Routing::Pim::RpfStatus>();
     rpfResolver_ = std::make_unique<Routing::Pim::RpfResolver>(rpfConfig_, rpfStatus_);
+    rpfConfig_->routeCapacityIs(pc_.maxRoutes);
+    rpfResolver_->routeCapacityIs(pc_.maxRoutes);
     unicastRoutingStatus_ = unicastRoutingStatusFactory(pc_.family);
     mribWatcher_ =
         std::make_unique<MribWatcher>(db.mribVrfStatus(vrf_).get(), *unicastRoutingStatus_);
@@ -100,6 +103,7 @@ void ContainerSm::handleInitialized() {
 
     // LocalStatus, linked to the route status and the two filters.
     localStatus_ = localStatusFactory(pc_.family);
+    localStatus_->routeCapacityIs(pc_.maxRoutes);
     status_->contextLocalStatusIs(localStatus_.get());
     localStatus_->groupFilterStatusIs(groupFilterStatus_);
     localStatus_->frrFilterStatusIs(frrFilterStatus_);
@@ -178,6 +182,7 @@ void ContainerSm::handleInitialized() {
     ctx_.vrfName = vrf_;
     ctx_.family = pc_.family;
     ctx_.loop = &pc_.loop;
+    ctx_.routeCapacity = pc_.maxRoutes;
     config_ = db.config(vrf_);
     clearConfig_ = db.clearConfig(vrf_);
     ssmConvertConfig_ = db.ssmConvertConfig(vrf_);

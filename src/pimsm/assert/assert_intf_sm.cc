@@ -2,10 +2,10 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 #include "pimsm/route/local_status.h"
 #include "pimsm/route/route.h"
 #include "platform/pim_status.h"
-#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -102,7 +102,8 @@ void AssertPeriodicTimerSm::handlePeriodicTimerExpiry() {
 AssertIntfSm::AssertIntfSm(const VrfContext& ctx, Routing::Pim::IntfStatus& intfStatus,
                            Cask::Seconds loopQuantum, std::function<void(Wirl::IntfId)> idle)
     : Routing::Pim::IntfStatus::Notifiee(&intfStatus),
-      ctx_(requireInputs(ctx, "AssertIntfSm", &VrfContext::assertStatus, &VrfContext::txMessageInfo, &VrfContext::pimStatus, &VrfContext::localStatus)),
+      ctx_(requireInputs(ctx, "AssertIntfSm", &VrfContext::assertStatus, &VrfContext::txMessageInfo,
+                         &VrfContext::pimStatus, &VrfContext::localStatus)),
       intfStatus_(intfStatus),
       loopQuantum_(loopQuantum),
       idle_(std::move(idle)) {

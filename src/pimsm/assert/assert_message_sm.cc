@@ -29,7 +29,8 @@ private:
 };
 
 AssertMessageSm::AssertMessageSm(const VrfContext& ctx)
-    : ctx_(requireInputs(ctx, "AssertMessageSm", &VrfContext::loop, &VrfContext::pimStatus, &VrfContext::assertStatus, &VrfContext::rxAssertMessageInfo)),
+    : ctx_(requireInputs(ctx, "AssertMessageSm", &VrfContext::loop, &VrfContext::pimStatus,
+                         &VrfContext::assertStatus, &VrfContext::rxAssertMessageInfo)),
       idleTimer_(*ctx.loop, [this] { handleIdleTimerExpiry(); }) {
     pimWatcher_ = std::make_unique<PimWatcher>(*this, *ctx.pimStatus);
     assertWatcher_ = std::make_unique<AssertWatcher>(*this, *ctx.assertStatus);

@@ -8,8 +8,7 @@ namespace Routing::Pim::SparseMode {
 
 AssertMrtSm::AssertMrtSm(const VrfContext& ctx)
     : Routing::Pim::MrtUpcallStatus::Notifiee(ctx.mrtUpcall),
-      ctx_(requireInputs(ctx, "AssertMrtSm", &VrfContext::mrtMessageInfo)) {
-}
+      ctx_(requireInputs(ctx, "AssertMrtSm", &VrfContext::mrtMessageInfo)) {}
 
 void AssertMrtSm::handleWrongVifMessage() {
     const auto& u = notifier()->lastWrongVif();

@@ -250,6 +250,7 @@ AssertSm::AssertSm(const VrfContext& in, bool wc, const char* name)
                         &VrfContext::pimStatus, &VrfContext::assertStatus)),
       wc_(wc),
       name_(name) {
+    route_.reserve(in_.routeCapacity);
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
     pimWatcher_.notifierIs(in_.pimStatus);
     for (const auto& [intf, pim] : in_.pimStatus->intf()) doWatchPimIntf(intf);

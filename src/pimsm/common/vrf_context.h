@@ -6,11 +6,12 @@
 // reference and reads what it needs. The records belong to the container
 // and outlive every machine, so the context holds plain pointers. A pointer
 // is null only where the VRF has no such input (noted per field); a machine
-// that requires an input says so with CASK_ASSERT in its constructor.
+// that requires an input says so with `requireInputs` in its constructor.
 //
 // Tests build a context through the real container (see the test VRF
 // builder), so a machine under test sees exactly what it sees in the agent.
 
+#include <cstddef>
 #include <functional>
 
 #include "cask/event_loop.h"
@@ -82,6 +83,10 @@ struct VrfContext {
     L3::VrfName vrfName;
     Wirl::AddressFamily family = Wirl::AddressFamily::ipunknown;
     Cask::EventLoop* loop = nullptr;
+    // The most routes the VRF may hold (the agent's "maxRoutes"; 0: no
+    // limit). Route indexes are sized for it when they are made, so that
+    // growing to the limit never rehashes one in a single long step.
+    std::size_t routeCapacity = 0;
 
     // Configuration.
     Config* config = nullptr;

@@ -190,7 +190,9 @@ DownstreamSgRptSm::DownstreamSgRptSm(const VrfContext& in)
     : in_(requireInputs(in, "DownstreamSgRptSm", &VrfContext::loop, &VrfContext::config,
                         &VrfContext::status, &VrfContext::localStatus, &VrfContext::ssmGroupInfo,
                         &VrfContext::groupFilterStatus, &VrfContext::pimStatus)),
-      releaseTimer_(*in.loop, [this] { doReleaseIdle(); }) {}
+      releaseTimer_(*in.loop, [this] { doReleaseIdle(); }) {
+    route_.reserve(in_.routeCapacity);
+}
 
 DownstreamSgRptSm::~DownstreamSgRptSm() {
     rxWatcher_.watch(nullptr);

@@ -20,6 +20,8 @@ MfibSm::MfibSm(const VrfContext& ctx)
       mfibConfig_(ctx.mfibConfig),
       loop_(ctx.loop) {
     requireInputs(ctx, "MfibSm", &VrfContext::mfibTidal, &VrfContext::localStatus);
+    sgRho_.reserve(ctx.routeCapacity);
+    wcRho_.reserve(ctx.routeCapacity);
     notifierIs(mfibConfig_.get());
 }
 
@@ -531,6 +533,17 @@ void MfibSm::doMarkDirty(const Routing::Pim::RouteKey& key) {
 void MfibSm::doBuildDirty() {
     buildScheduled_ = false;
     while (!dirty_.empty()) {
+        // A turn that already ran for a quantum (a review slice that made
+        // many routes) leaves the rest to the next turn, so that no turn runs
+        // much past the quantum. On a virtual clock the turn takes no time:
+        // everything is built here.
+        if (loop_->now() - loop_->turnStart() >= buildQuantum) {
+            buildScheduled_ = true;
+            loop_->post([weak = std::weak_ptr<MfibSm*>(self_)] {
+                if (auto self = weak.lock()) (*self)->doBuildDirty();
+            });
+            return;
+        }
         const Routing::Pim::RouteKey key = *dirty_.begin();
         dirty_.erase(dirty_.begin());
         if (RhoRoute* r = rho(key)) r->doBuildRecord();

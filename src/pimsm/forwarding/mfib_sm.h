@@ -21,7 +21,9 @@
 // and go. Dirty routes are built once each when the event loop's current
 // handler chain has settled (`atEndOfTurn`), so a burst of changes to a
 // route in one turn costs one build and commits no transient record.
-// Without a loop (unit tests of the build) every mark builds at once.
+// Without a loop (unit tests of the build) every mark builds at once. A turn
+// that has already run for `buildQuantum` (measured from the turn's start)
+// builds no more: the rest is built on the next turns, a quantum at a time.
 // Records left in the table by an earlier run are kept when the agent still
 // holds their route (so forwarding continues across a restart) and removed
 // otherwise.
@@ -144,6 +146,9 @@ public:
     // (the routes the agent holds, for the restart check), mfibConfig (clear
     // requests) and loop (without one, records are built at once) may be
     // absent.
+    // The longest a turn runs before dirty routes wait for the next one.
+    static constexpr Cask::Seconds buildQuantum = 0.1;
+
     explicit MfibSm(const VrfContext& ctx);
     ~MfibSm() override;
 

@@ -6,6 +6,7 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
+#include "pimsm/common/vrf_inputs.h"
 #include "pimsm/forwarding/spt_threshold_sm.h"
 #include "pimsm/upstream/rpf_table.h"
 #include "platform/group_ranges.h"
@@ -13,7 +14,6 @@
 #include "platform/pim_status.h"
 #include "platform/rp_local.h"
 #include "platform/vxlan_status.h"
-#include "pimsm/common/vrf_inputs.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -76,11 +76,14 @@ private:
 };
 
 SgRouteSm::SgRouteSm(const VrfContext& ctx)
-    : ctx_(requireInputs(ctx, "SgRouteSm", &VrfContext::loop, &VrfContext::status, &VrfContext::localStatus, &VrfContext::pimStatus, &VrfContext::registerConfig)),
+    : ctx_(requireInputs(ctx, "SgRouteSm", &VrfContext::loop, &VrfContext::status,
+                         &VrfContext::localStatus, &VrfContext::pimStatus,
+                         &VrfContext::registerConfig)),
       inactivityTimer_(*ctx.loop, [this] {
           CASK_VRF_TRACE(7, ctx_.vrfName, "SgRouteSm::handleInactivityTimer()");
           review_->request();
       }) {
+    routes_.reserve(ctx_.routeCapacity);
     doCreateReview();
 }
 

@@ -51,7 +51,8 @@ void aclToPrefix(const Acl::AclConfig* aclConfig, DrSwitchAcl& acl, const L3::Vr
 }
 
 SptThresholdSm::SptThresholdSm(const VrfContext& ctx)
-    : ctx_(requireInputs(ctx, "SptThresholdSm", &VrfContext::config, &VrfContext::aclConfig, &VrfContext::sptThresholdInfo)) {
+    : ctx_(requireInputs(ctx, "SptThresholdSm", &VrfContext::config, &VrfContext::aclConfig,
+                         &VrfContext::sptThresholdInfo)) {
     notifierIs(ctx.config);
     aclWatcher_.notifierIs(ctx.aclConfig);
 }

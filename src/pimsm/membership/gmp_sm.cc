@@ -4,8 +4,8 @@
 
 #include "cask/assert.h"
 #include "cask/trace.h"
-#include "wirl/ip_gen_prefix.h"
 #include "pimsm/common/vrf_inputs.h"
+#include "wirl/ip_gen_prefix.h"
 
 namespace Routing::Pim::SparseMode {
 
@@ -76,7 +76,12 @@ void GmpSm::RhoRoute::handleInitialized() {
 // --- GmpSm -------------------------------------------------------------------
 
 GmpSm::GmpSm(const VrfContext& ctx)
-    : in_(requireInputs(ctx, "GmpSm", &VrfContext::loop, &VrfContext::config, &VrfContext::status, &VrfContext::membership, &VrfContext::localStatus, &VrfContext::ssmGroupInfo, &VrfContext::groupFilterStatus)) {}
+    : in_(requireInputs(ctx, "GmpSm", &VrfContext::loop, &VrfContext::config, &VrfContext::status,
+                        &VrfContext::membership, &VrfContext::localStatus,
+                        &VrfContext::ssmGroupInfo, &VrfContext::groupFilterStatus)) {
+    sgRoute_.reserve(in_.routeCapacity);
+    wcRoute_.reserve(in_.routeCapacity);
+}
 
 GmpSm::~GmpSm() {
     // The child and the watchers call back into this machine: stop them

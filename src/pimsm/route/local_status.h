@@ -71,6 +71,13 @@ public:
     FrrFilterStatus* frrFilterStatus() const { return frrFilterStatus_.get(); }
     void frrFilterStatusIs(Cask::Ptr<FrrFilterStatus> p) { frrFilterStatus_ = std::move(p); }
 
+    // Room for `n` routes of each kind, so that growing to the VRF's route
+    // limit never rehashes a route collection.
+    void routeCapacityIs(std::size_t n) {
+        sgRoute_.reserve(n);
+        wcRoute_.reserve(n);
+    }
+
     // The route of a key from whichever collection holds it.
     Route* route(const Routing::Pim::RouteKey& k) const {
         return k.isWc() ? wcRoute_.raw(k) : sgRoute_.raw(k);

@@ -170,7 +170,11 @@ private:
 // --- life cycle --------------------------------------------------------------
 
 RouteReviewSm::RouteReviewSm(const VrfContext& ctx)
-    : in_(requireInputs(ctx, "RouteReviewSm", &VrfContext::loop, &VrfContext::config, &VrfContext::status, &VrfContext::localStatus, &VrfContext::rpfConfig, &VrfContext::rpfStatus, &VrfContext::pimStatus)) {}
+    : in_(requireInputs(ctx, "RouteReviewSm", &VrfContext::loop, &VrfContext::config,
+                        &VrfContext::status, &VrfContext::localStatus, &VrfContext::rpfConfig,
+                        &VrfContext::rpfStatus, &VrfContext::pimStatus)) {
+    routeSm_.reserve(in_.routeCapacity);
+}
 
 RouteReviewSm::~RouteReviewSm() {
     // Reactors refer to this machine: they go first.

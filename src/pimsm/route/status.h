@@ -62,9 +62,11 @@ public:
     // Links the VRF's LocalStatus, which is created after this record; set
     // before any route exists.
     void contextLocalStatusIs(const LocalStatus* ls) { context_.localStatus = ls; }
+    // With a route limit, the per-group index is sized for it at once.
     void contextLimitsIs(std::uint32_t maxRoutes, std::uint32_t maxRouteIntfs) {
         context_.maxRoutes = maxRoutes;
         context_.maxRouteIntfs = maxRouteIntfs;
+        group_.reserve(maxRoutes);
     }
 
     CASK_COLLECTION_COMMON(route, Route, Routing::Pim::RouteKey)

@@ -25,6 +25,7 @@ UpstreamSgRptSm::UpstreamSgRptSm(const VrfContext& in)
                         &VrfContext::pimStatus, &VrfContext::joinPruneStatus)),
       writer_(*in.joinPruneStatus, in.vrfName),
       forwardBits_("UpstreamSgRptSm", in_.vrfName, true) {
+    route_.reserve(in_.routeCapacity);
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
     rxWatcher_.watch(in_.joinPruneRxStatus);
 }

@@ -59,6 +59,7 @@ UpstreamSgSm::UpstreamSgSm(const VrfContext& in)
                         &VrfContext::pimStatus, &VrfContext::joinPruneStatus)),
       writer_(*in.joinPruneStatus, in.vrfName),
       forwardBits_("UpstreamSgSm", in_.vrfName) {
+    route_.reserve(in_.routeCapacity);
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
     rxWatcher_.watch(in_.joinPruneRxStatus);
 }

@@ -33,6 +33,7 @@ UpstreamWcSm::UpstreamWcSm(const VrfContext& in)
                         &VrfContext::joinPruneStatus)),
       writer_(*in.joinPruneStatus, in.vrfName),
       forwardBits_("UpstreamWcSm", in_.vrfName, true) {
+    route_.reserve(in_.routeCapacity);
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
     rxWatcher_.watch(in_.joinPruneRxStatus);
 }
