@@ -14,6 +14,12 @@
 // Options (text values in StateDb::option, read at each switch to active):
 //   maxRoutes      most routes one VRF may hold; a route beyond it is
 //                  refused with a trace and counted. 0 or absent: no limit.
+//                  With a limit, every per-route index (route collections,
+//                  machines' reactor maps, RPF requests, the forwarding
+//                  table) is sized for it when the VRF starts, so that no
+//                  index rehashes, in one long step, on the way to the limit.
+//                  The cost up front is about one control byte per slot
+//                  and index (slots are touched only when used).
 //   maxRouteIntfs  most interfaces one route may have; likewise.
 
 #include <cstdint>

@@ -5,12 +5,20 @@
 
 #include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "cask/clock.h"
 #include "cask/event_loop.h"
 #include "cask/trace.h"
 #include "pimsm/agent/agent.h"
 #include "pimsm/agent/root_sm.h"
+#include "pimsm/downstream/downstream_wc_sg_sm.h"
+#include "pimsm/forwarding/mfib_sm.h"
+#include "pimsm/membership/gmp_sm.h"
+#include "pimsm/route/route_review_sm.h"
+#include "pimsm/upstream/upstream_sg_sm.h"
+#include "pimsm/upstream/upstream_wc_sm.h"
 
 namespace {
 
@@ -223,6 +231,42 @@ TEST_F(AgentTest, RouteAndInterfaceLimitsRefuseWhatIsBeyondThem) {
                   ->routeIntfSize(),
               1u);
     EXPECT_TRUE(Cask::trace().contains("route refused, the VRF has 2 routes (maxRoutes)"));
+}
+
+// With a route limit, every per-route index is sized when the VRF starts: filling the VRF up to
+// the limit never grows one (a growth step rehashes the whole index in one turn).
+TEST_F(AgentTest, RouteIndexesAreSizedForTheRouteLimit) {
+    constexpr int limit = 200;
+    db.optionIs("maxRoutes", std::to_string(limit));
+    publishVrf(db, red, "ns-red");
+    start();
+    ContainerSm& c = *root().containerSm(red);
+    const std::vector<std::pair<const char*, std::function<std::size_t()>>> indexes = {
+        {"route reactors", [&] { return c.routeReviewSm()->routeSmMap().indexFootprint(); }},
+        {"membership", [&] { return c.gmpSm()->wcRouteMap().indexFootprint(); }},
+        {"upstream (*,G)", [&] { return c.upstreamWcSm()->routeMap().indexFootprint(); }},
+        {"downstream", [&] { return c.downstreamWcSgSm()->routeMap().indexFootprint(); }},
+        {"forwarding", [&] { return c.mfibSm()->wcRhoMap().indexFootprint(); }},
+        {"upstream (S,G)", [&] { return c.upstreamSgSm()->routeMap().indexFootprint(); }},
+    };
+    std::vector<std::size_t> before;
+    for (const auto& [name, footprint] : indexes) {
+        before.push_back(footprint());
+        EXPECT_GT(before.back(), 0u) << name << " index not sized at start";
+    }
+    auto table = db.membershipTable(red);
+    for (int i = 0; i < limit; ++i) {
+        Routing::Gmp::Tidal::RouteIntfKey key{
+            Routing::Pim::RouteKey::wc(Wirl::IpGenAddr::v4((239u << 24) + 1 + std::uint32_t(i))),
+            Wirl::IntfId("e1")};
+        table->membershipIs(key, {key, Routing::Gmp::Tidal::FilterMode::include});
+    }
+    loop.runUntil(2);
+    ASSERT_EQ(c.status()->routeSize(), std::size_t(limit));
+    ASSERT_EQ(c.routeReviewSm()->routeSmMap().size(), std::size_t(limit));
+    for (std::size_t k = 0; k < indexes.size(); ++k) {
+        EXPECT_EQ(indexes[k].second(), before[k]) << indexes[k].first << " index grew";
+    }
 }
 
 TEST_F(AgentTest, StaticRpCandidatesKeepValidMappingsOnly) {

@@ -550,5 +550,30 @@ TEST(MfibSm, ChangesOfOneTurnBuildTheRecordOnce) {
     f.expectConsistent();
 }
 
+// A turn that already ran for the build quantum (a long review slice) leaves its dirty routes to
+// the next turn instead of running further; they are built then, once each.
+TEST(MfibSm, ALongTurnLeavesItsBuildsToTheNextTurn) {
+    MfibVrf f;
+    f.pimIntfOf("d1");
+    for (unsigned n = 1; n <= 3; ++n) f.rpTowardIs(f.group(n), "up1");
+    f.flush();
+    const std::uint64_t builds = f.sm->builds();
+    f.loop.post([&] {
+        for (unsigned n = 1; n <= 3; ++n) {
+            f.route(f.wcKey(n)).routeIntfIs(IntfId("d1"))->localReceiverIncludeIs(true);
+        }
+        f.clock.advanceBy(MfibSm::buildQuantum);  // the turn's work took the whole quantum
+    });
+    f.loop.runOnce();
+    EXPECT_EQ(f.sm->builds(), builds);
+    EXPECT_EQ(f.sm->dirtyRoutes(), 3u);
+    EXPECT_EQ(f.record(f.wcKey(1)), nullptr);
+    f.loop.runOnce();
+    EXPECT_EQ(f.sm->builds() - builds, 3u);
+    EXPECT_EQ(f.sm->dirtyRoutes(), 0u);
+    for (unsigned n = 1; n <= 3; ++n) EXPECT_TRUE(f.hasOif(f.wcKey(n), "d1")) << n;
+    f.expectConsistent();
+}
+
 }  // namespace
 }  // namespace Routing::Pim::SparseMode::Testing
