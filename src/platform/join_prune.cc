@@ -66,8 +66,6 @@ std::vector<const JoinPruneGroupData*> JoinPruneData::groupsInOrder() const {
     std::vector<const JoinPruneGroupData*> out;
     out.reserve(joinPruneGroupData_.size());
     for (const auto& [group, gd] : joinPruneGroupData_) out.push_back(gd.get());
-    std::sort(out.begin(), out.end(),
-              [](const auto* a, const auto* b) { return a->group() < b->group(); });
     return out;
 }
 

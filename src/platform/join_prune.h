@@ -25,6 +25,7 @@
 #include <map>
 #include <vector>
 
+#include <absl/container/btree_map.h>
 #include <boost/container/flat_map.hpp>
 #include <boost/container/small_vector.hpp>
 
@@ -131,9 +132,12 @@ public:
     std::vector<const JoinPruneGroupData*> groupsInOrder() const;
 
 private:
-    // Hashed: every route's join looks its group up several times. Readers that
-    // show or send the groups in order sort them (`groupsInOrder`).
-    Cask::RecordMap<Wirl::IpGenAddr, JoinPruneGroupData> joinPruneGroupData_;
+    // A B-tree: one neighbour's record may hold every group of the VRF, and a
+    // hashed map that size would rehash all of them in one step as it grows.
+    // It also keeps the groups in the order readers show and send them.
+    Cask::RecordMapOf<Wirl::IpGenAddr, JoinPruneGroupData,
+                      absl::btree_map<Wirl::IpGenAddr, Cask::Ptr<JoinPruneGroupData>>>
+        joinPruneGroupData_;
 };
 
 // Everything to send to one upstream neighbour.
