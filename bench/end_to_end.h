@@ -60,11 +60,12 @@ struct EndToEndResult {
     double heapAgentPerRoute = 0;
     // The agent's share split by kind: records built alone, then what remains (the machines).
     std::vector<HeapShare> heapBreakdown;
-    double longestTurnSeconds = 0;  // wall time of the longest EventLoop::runOnce()
-    std::uint64_t turns = 0;        // runOnce() calls that did something
-    double virtualSeconds = 0;      // loop time the run took
-    double floorSeconds = 0;        // writing the same N records into a fresh table
-    double floorRatio = 0;          // agentSeconds / floorSeconds
+    double longestTurnSeconds = 0;      // wall time of the longest EventLoop::runOnce()
+    std::uint64_t turns = 0;            // runOnce() calls that did something
+    std::uint64_t turnsOverBudget = 0;  // of those, the ones past the quantum + 5 ms
+    double virtualSeconds = 0;          // loop time the run took
+    double floorSeconds = 0;            // writing the same N records into a fresh table
+    double floorRatio = 0;              // agentSeconds / floorSeconds
     // Downstream joins only: the neighbour restarts and sends every Join again. Wall time until
     // no work is due within a second of loop time, and the longest turn meanwhile.
     double resendSeconds = 0;
