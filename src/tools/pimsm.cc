@@ -39,7 +39,11 @@ int run(const std::string& file, bool json, int traceLevel, double until, std::u
     const Driver::Scenario scenario =
         file.empty() ? Driver::parseScenario(Driver::embeddedScenario, Driver::embeddedScenarioName)
                      : Driver::loadScenario(file);
-    Driver::Runner runner(scenario, {traceLevel, seed, until});
+    Driver::RunOptions options;
+    options.traceLevel = traceLevel;
+    options.seed = seed;
+    options.until = until;
+    Driver::Runner runner(scenario, options);
     int failed = 0;
     if (json) {
         Driver::JsonReport report;
