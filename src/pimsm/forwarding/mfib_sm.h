@@ -23,7 +23,8 @@
 // route in one turn costs one build and commits no transient record.
 // Without a loop (unit tests of the build) every mark builds at once. A turn
 // that has already run for `buildQuantum` (measured from the turn's start)
-// builds no more: the rest is built on the next turns, a quantum at a time.
+// builds no more than one route: the rest is built on the next turns, a
+// quantum at a time.
 // Records left in the table by an earlier run are kept when the agent still
 // holds their route (so forwarding continues across a restart) and removed
 // otherwise.

@@ -550,8 +550,10 @@ TEST(MfibSm, ChangesOfOneTurnBuildTheRecordOnce) {
     f.expectConsistent();
 }
 
-// A turn that already ran for the build quantum (a long review slice) leaves its dirty routes to
-// the next turn instead of running further; they are built then, once each.
+// A turn that already ran for the build quantum (a long review slice) builds one of its dirty
+// routes and leaves the others to the next turns instead of running further. (Moving the clock
+// makes the machines' own timers due in that turn too, and they may mark routes again, so the
+// builds are counted for the long turn only.)
 TEST(MfibSm, ALongTurnLeavesItsBuildsToTheNextTurn) {
     MfibVrf f;
     f.pimIntfOf("d1");
@@ -565,11 +567,10 @@ TEST(MfibSm, ALongTurnLeavesItsBuildsToTheNextTurn) {
         f.clock.advanceBy(MfibSm::buildQuantum);  // the turn's work took the whole quantum
     });
     f.loop.runOnce();
-    EXPECT_EQ(f.sm->builds(), builds);
-    EXPECT_EQ(f.sm->dirtyRoutes(), 3u);
-    EXPECT_EQ(f.record(f.wcKey(1)), nullptr);
-    f.loop.runOnce();
-    EXPECT_EQ(f.sm->builds() - builds, 3u);
+    EXPECT_EQ(f.sm->builds() - builds, 1u);
+    EXPECT_GE(f.sm->dirtyRoutes(), 2u);
+    EXPECT_EQ(f.record(f.wcKey(3)), nullptr);
+    f.flush();
     EXPECT_EQ(f.sm->dirtyRoutes(), 0u);
     for (unsigned n = 1; n <= 3; ++n) EXPECT_TRUE(f.hasOif(f.wcKey(n), "d1")) << n;
     f.expectConsistent();

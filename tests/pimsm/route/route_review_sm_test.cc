@@ -59,12 +59,16 @@ TEST(RouteReviewSm, ReviewIsCutIntoQuantumSlicesOnePerLoopTurn) {
     } while (!f.routeReviewSm().reviewBookmark().isNull());
     // Every route costs the same clock reads (how many depends on the machines
     // that react to its flags; the runner's own boundary is tested with the
-    // runner), so every slice but the last holds the same number of routes,
-    // and each route is reviewed once.
+    // runner). The first slice has its turn to itself; a later one shares its
+    // turn's budget with the forwarding builds the slice before it left over,
+    // so it is never larger. Each route is reviewed once.
     EXPECT_EQ(before, std::size_t(routes));
     ASSERT_GE(slices.size(), 3u);
-    for (std::size_t i = 1; i + 1 < slices.size(); ++i) EXPECT_EQ(slices[i], slices[0]) << i;
-    EXPECT_LE(slices.back(), slices[0]);
+    EXPECT_GE(slices[0], 2u);
+    for (std::size_t i = 1; i < slices.size(); ++i) {
+        EXPECT_LE(slices[i], slices[0]) << i;
+        EXPECT_GE(slices[i], 1u) << i;
+    }
     EXPECT_EQ(traced("<Vrf:red>RouteReviewSm: Starting new review"), 1u);
     EXPECT_EQ(traced("<Vrf:red>RouteReviewSm: Suspending review at: "), slices.size() - 1);
     EXPECT_EQ(traced("<Vrf:red>RouteReviewSm: Resuming review at: "), slices.size() - 1);
