@@ -33,12 +33,13 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <set>
+#include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
-#include <set>
-#include <string>
+#include <absl/container/btree_set.h>
 
 #include "cask/event_loop.h"
 #include "cask/reactor_map.h"
@@ -250,10 +251,12 @@ private:
     RhoLocalStatus rhoLocalStatus_{*this};
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoSgRoute> sgRho_;
     // The (S,G) keys ordered by group then source, so that a group's (S,G)
-    // routes are adjacent.
-    std::set<Routing::Pim::RouteKey> sgKeys_;
+    // routes are adjacent. B-trees here and below hold keys without a node
+    // allocation each.
+    absl::btree_set<Routing::Pim::RouteKey> sgKeys_;
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoWcRoute> wcRho_;
-    std::set<Routing::Pim::RouteKey> dirty_;
+    // Built in key order.
+    absl::btree_set<Routing::Pim::RouteKey> dirty_;
     bool buildScheduled_ = false;
     std::uint64_t builds_ = 0;
     // Lets a scheduled build see that the machine is gone.
