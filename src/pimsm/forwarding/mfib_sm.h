@@ -144,13 +144,13 @@ public:
         MfibSm& sm_;
     };
 
+    // The longest a turn runs before dirty routes wait for the next one.
+    static constexpr Cask::Seconds buildQuantum = 0.1;
+
     // Reads from the context: mfibTidal and localStatus (required); status
     // (the routes the agent holds, for the restart check), mfibConfig (clear
     // requests) and loop (without one, records are built at once) may be
     // absent.
-    // The longest a turn runs before dirty routes wait for the next one.
-    static constexpr Cask::Seconds buildQuantum = 0.1;
-
     explicit MfibSm(const VrfContext& ctx);
     ~MfibSm() override;
 
