@@ -16,7 +16,7 @@ RpfResolver::RpfResolver(Cask::Ptr<RpfConfig> config, Cask::Ptr<RpfStatus> statu
     std::vector<RouteKey> keys;
     keys.reserve(config_->rpfConfigInfoSize());
     for (const auto& [key, info] : config_->rpfConfigInfo()) keys.push_back(key);
-    for (const auto& key : keys) doUpdateRoute(key);
+    for (const auto& key : keys) doUpdateRoute(key, Addrs{});
 }
 
 void RpfResolver::tableIs(Cask::Ptr<Routing::Unicast::RouteTable> table) {
@@ -39,16 +39,8 @@ bool RpfResolver::hasUser(const Wirl::IpGenAddr& addr) const {
     return it != users_.end() && it->first == addr;
 }
 
-void RpfResolver::doUpdateRoute(const RouteKey& key) {
-    auto req = requested_.find(key);
-    const Addrs before = req != requested_.end() ? req->second : Addrs{};
-    const bool present = config_->rpfConfigInfoHas(key);
-    const Addrs now = present ? config_->rpfConfigInfo(key).addresses() : Addrs{};
-    if (present) {
-        requested_[key] = now;
-    } else if (req != requested_.end()) {
-        requested_.erase(req);
-    }
+void RpfResolver::doUpdateRoute(const RouteKey& key, const Addrs& before) {
+    const Addrs now = config_->rpfConfigInfo(key).addresses();
 
     // Bring the indexes up to date first and publish afterwards, so that a
     // watcher reacting to the status may change the configuration again.
@@ -104,12 +96,13 @@ void RpfResolver::doReResolve(const Wirl::IpGenAddr& first, const Wirl::IpGenAdd
 }
 
 void RpfResolver::doUpdateUnresolved(const RouteKey& key) {
-    auto req = requested_.find(key);
-    if (req == requested_.end()) {
+    const auto& requests = config_->rpfConfigInfo();
+    auto req = requests.find(key);
+    if (req == requests.end()) {
         status_->unresolvedRouteDel(key);
         return;
     }
-    auto it = resolved_.find(req->second[0]);
+    auto it = resolved_.find(req->second.target);
     if (it != resolved_.end() && it->second.resolved()) {
         status_->unresolvedRouteDel(key);
     } else {

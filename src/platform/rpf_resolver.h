@@ -38,9 +38,6 @@ public:
     void tableIs(Cask::Ptr<Routing::Unicast::RouteTable> table);
     Routing::Unicast::RouteTable* table() const { return table_.get(); }
     std::size_t trackedAddresses() const { return resolved_.size(); }
-    // Room for `n` routes' requests, so that growing to that many never
-    // rehashes.
-    void routeCapacityIs(std::size_t n) { requested_.reserve(n); }
 
 private:
     using Addrs = std::array<Wirl::IpGenAddr, 3>;
@@ -48,7 +45,9 @@ private:
     class ConfigWatcher : public RpfConfig::Notifiee {
     public:
         explicit ConfigWatcher(RpfResolver& owner) : owner_(owner) {}
-        void handleRpfConfigInfo(const RouteKey& key) override { owner_.doUpdateRoute(key); }
+        void handleRpfConfigInfo(const RouteKey& key) override {
+            owner_.doUpdateRoute(key, owner_.config_->rpfConfigInfoBefore().addresses());
+        }
 
     private:
         RpfResolver& owner_;
@@ -69,7 +68,8 @@ private:
     }
     Rpf resolve(const Wirl::IpGenAddr& addr) const;
     bool hasUser(const Wirl::IpGenAddr& addr) const;
-    void doUpdateRoute(const RouteKey& key);
+    // Follows a route's request from the addresses it asked for before.
+    void doUpdateRoute(const RouteKey& key, const Addrs& before);
     // Re-resolves the tracked addresses in [first, last].
     void doReResolve(const Wirl::IpGenAddr& first, const Wirl::IpGenAddr& last);
     void doUpdateUnresolved(const RouteKey& key);
@@ -77,9 +77,6 @@ private:
     Cask::Ptr<RpfConfig> config_;
     Cask::Ptr<RpfStatus> status_;
     Cask::Ptr<Routing::Unicast::RouteTable> table_;
-    // What each route asked for, as last seen (the config no longer has it
-    // once the entry is removed).
-    Cask::HashMap<RouteKey, Addrs> requested_;
     // (address, route using it): the routes to report when an address moves.
     // A B-tree: every (*,G) route of an RP is one entry here, and B-tree nodes
     // hold entries without a node allocation each.

@@ -42,12 +42,28 @@ public:
         using NotifieeOf::NotifieeOf;
         virtual void handleRpfConfigInfo(const RouteKey&) {}
     };
-    CASK_VALUE_MAP(rpfConfigInfo, RpfConfigInfo, RouteKey, RpfConfigInfo)
+    const auto& rpfConfigInfo() const { return rpfConfigInfo_; }
+    RpfConfigInfo rpfConfigInfo(const RouteKey& k) const { return rpfConfigInfo_.get(k); }
+    bool rpfConfigInfoHas(const RouteKey& k) const { return rpfConfigInfo_.has(k); }
+    std::size_t rpfConfigInfoSize() const { return rpfConfigInfo_.size(); }
+    void rpfConfigInfoIs(const RouteKey& k, RpfConfigInfo v);
+    void rpfConfigInfoDel(const RouteKey& k);
+    // While a change of an entry is being delivered: the entry as it was
+    // before the change (no addresses when it was absent). A reader that
+    // follows the entries needs no copy of them to know what a route no
+    // longer asks for. A change made during the delivery of another is
+    // delivered with its own previous value, and the outer one's is back
+    // once it returns.
+    const RpfConfigInfo& rpfConfigInfoBefore() const { return before_; }
     // Room for `n` routes, so that growing to that many never rehashes.
     void routeCapacityIs(std::size_t n) { rpfConfigInfo_.reserve(n); }
 
 private:
+    template <class Change>
+    void deliver(const RouteKey& k, Change&& change);
+
     Cask::ValueMap<RouteKey, RpfConfigInfo> rpfConfigInfo_;
+    RpfConfigInfo before_;
 };
 
 class RpfStatus : public Cask::Record<RpfStatus> {

@@ -2,7 +2,9 @@
 // batches that name exactly the routes a unicast change affects.
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "platform/rpf_resolver.h"
@@ -119,6 +121,55 @@ TEST_F(Resolver, SharedAddressesAreTrackedOnceAndDroppedWithTheirLastRoute) {
     EXPECT_EQ(resolver.trackedAddresses(), 0u);
     EXPECT_FALSE(status->rpfHas(ip("10.9.0.2")));
     EXPECT_TRUE(unresolved().empty());
+}
+
+// The resolver keeps no copy of the requests: what a route stops asking for
+// comes from the value the configuration had before the change, including
+// when a watcher changes the same route again while the first change is
+// being delivered (before the resolver is told, or after).
+TEST_F(Resolver, AddressesARouteStopsAskingForAreReleased) {
+    resolver.tableIs(table);
+    const auto k = key("10.1.0.1");
+    request(k, ip("10.1.0.1"), ip("10.9.0.2"));
+    request(k, ip("10.1.0.1"), ip("10.9.0.3"));  // RPF neighbour moved
+    EXPECT_EQ(resolver.trackedAddresses(), 2u);
+    request(k, ip("10.2.0.1"));
+    EXPECT_EQ(resolver.trackedAddresses(), 1u);
+
+    // Rewrites the route's request once, from inside the delivery of a change.
+    struct Rewriter : RpfConfig::Notifiee {
+        RouteKey key;
+        RpfConfigInfo then;
+        std::vector<RpfConfigInfo> before;
+        void handleRpfConfigInfo(const RouteKey& k) override {
+            before.push_back(notifier()->rpfConfigInfoBefore());
+            if (k != key || then.target.family() == Wirl::AddressFamily::ipunknown) return;
+            notifier()->rpfConfigInfoIs(k, std::exchange(then, {}));
+        }
+    };
+    for (bool rewriterFirst : {false, true}) {
+        SCOPED_TRACE(rewriterFirst ? "rewriter told first" : "resolver told first");
+        auto cfg = Cask::make<RpfConfig>();
+        Rewriter rewriter;
+        std::optional<RpfResolver> r;
+        if (!rewriterFirst) r.emplace(cfg, status);
+        rewriter.notifierIs(cfg.get());
+        if (rewriterFirst) r.emplace(cfg, status);
+        r->tableIs(table);
+        cfg->rpfConfigInfoIs(k, {ip("10.1.0.1"), ip("10.9.0.2"), {}});
+        rewriter.key = k;
+        rewriter.then = {ip("10.3.0.1"), {}, {}};
+        rewriter.before.clear();
+        cfg->rpfConfigInfoIs(k, {ip("10.2.0.1"), ip("10.9.0.2"), {}});
+        EXPECT_EQ(cfg->rpfConfigInfo(k).target, ip("10.3.0.1"));
+        EXPECT_EQ(r->trackedAddresses(), 1u);  // only 10.3.0.1 is still asked for
+        ASSERT_EQ(rewriter.before.size(), 2u);
+        EXPECT_EQ(rewriter.before[0].target, ip("10.1.0.1"));  // the first change
+        EXPECT_EQ(rewriter.before[1].target, ip("10.2.0.1"));  // the rewrite
+        EXPECT_EQ(cfg->rpfConfigInfoBefore(), RpfConfigInfo{});
+        cfg->rpfConfigInfoDel(k);
+        EXPECT_EQ(r->trackedAddresses(), 0u);
+    }
 }
 
 }  // namespace

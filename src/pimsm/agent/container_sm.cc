@@ -85,7 +85,6 @@ void ContainerSm::handleInitialized() {
     rpfStatus_ = Cask::make<Routing::Pim::RpfStatus>();
     rpfResolver_ = std::make_unique<Routing::Pim::RpfResolver>(rpfConfig_, rpfStatus_);
     rpfConfig_->routeCapacityIs(pc_.maxRoutes);
-    rpfResolver_->routeCapacityIs(pc_.maxRoutes);
     unicastRoutingStatus_ = unicastRoutingStatusFactory(pc_.family);
     mribWatcher_ =
         std::make_unique<MribWatcher>(db.mribVrfStatus(vrf_).get(), *unicastRoutingStatus_);
