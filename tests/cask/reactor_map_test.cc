@@ -5,8 +5,10 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace Cask {
 namespace {
@@ -148,6 +150,49 @@ TEST(ReactorMapTest, PoolReusesBlocks) {
         EXPECT_EQ(pool.inUse(), before + 1);
     }
     EXPECT_EQ(pool.inUse(), before);
+}
+
+// A large hash index grows by moving reactors a few at a time into a bigger
+// table. Meanwhile every key stays findable in one of the two tables,
+// removals reach whichever table holds the reactor (the next one to move
+// included), and a visit sees each reactor once.
+TEST(ReactorMapTest, ALargeIndexGrowsWithoutLosingOrRepeatingAReactor) {
+    struct Plain {
+        Plain(Rec& r) : rec(&r) {}
+        int reactorKey() const { return rec->key; }
+        const Rec* reactorRecord() const { return rec; }
+        Rec* rec;
+    };
+    constexpr int n = 40000;  // several doublings past the incremental threshold
+    std::vector<Rec> recs(n);
+    ReactorMap<int, Plain, HashIndex> map;
+    std::set<int> live;
+    for (int i = 0; i < n; ++i) {
+        recs[i].key = i;
+        map.update(i, &recs[i]);
+        live.insert(i);
+        // Remove some older keys as the map grows: every seventh, and now
+        // and then the reactor the growing index would move next.
+        if (i % 7 == 0 && i > 0) {
+            map.del(i / 2);
+            live.erase(i / 2);
+        }
+        if (i % 1000 == 999) {
+            int first = -1;
+            map.forEach([&](Plain* p) {
+                if (first < 0) first = p->reactorKey();
+            });
+            map.del(first);
+            live.erase(first);
+            EXPECT_FALSE(map.has(first));
+        }
+        ASSERT_EQ(map.size(), live.size()) << "after key " << i;
+    }
+    EXPECT_EQ(map.size(), live.size());
+    for (int i = 0; i < n; ++i) EXPECT_EQ(map.has(i), live.contains(i)) << i;
+    std::multiset<int> seen;
+    map.forEach([&](Plain* p) { seen.insert(p->reactorKey()); });
+    EXPECT_EQ(seen, std::multiset<int>(live.begin(), live.end()));
 }
 
 }  // namespace
