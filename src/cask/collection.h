@@ -35,6 +35,7 @@
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 
+#include "cask/growing_table.h"
 #include "cask/record.h"
 
 namespace Cask {
@@ -139,12 +140,13 @@ protected:
 
 // Hashed collections are open-addressing maps: a lookup touches one group of
 // slots, and growing moves slots instead of relinking a node per entry. An
-// insert may move every entry, so no one keeps a reference or iterator into
-// one across an insert (records themselves stay put: entries hold pointers).
+// insert may move entries, so no one keeps a reference or iterator into one
+// across an insert (records themselves stay put: entries hold pointers).
+// Large ones grow a few entries per insert instead of in one rehash.
 template <class K, class V>
-using HashMap = absl::flat_hash_map<K, V, FlatKeyHash>;
+using HashMap = GrowingTable<absl::flat_hash_map<K, V, FlatKeyHash>>;
 template <class K>
-using HashSet = absl::flat_hash_set<K, FlatKeyHash>;
+using HashSet = GrowingTable<absl::flat_hash_set<K, FlatKeyHash>>;
 
 // Key -> shared record. Null records are refused.
 template <class K, class V, class Map = HashMap<K, Ptr<V>>>

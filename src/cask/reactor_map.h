@@ -47,6 +47,7 @@
 #include <absl/container/flat_hash_set.h>
 
 #include "cask/collection.h"
+#include "cask/growing_table.h"
 
 namespace Cask {
 
@@ -104,17 +105,11 @@ private:
     std::vector<void*> chunks_;
 };
 
-// The hash index: reactor pointers hashed and compared by their key.
-//
-// A large index grows without a long step: when the table is full, a new
-// table takes the new reactors, and each insert moves two reactors over
-// from the old one, which is freed once empty. Rehashing a million reactors
-// at once would take a whole loop turn (each hash reads the key through the
-// reactor's record), and every machine's index of a route fills up in the
-// same turn. A removal may leave a tombstone that uses room as an entry
-// does, so removals count toward "full" too: under churn the table is
-// rebuilt the same way, at about its size. Small tables grow the ordinary
-// way.
+// The hash index: reactor pointers hashed and compared by their key. A
+// large index grows a few reactors at a time (see GrowingTable): rehashing a
+// million reactors at once would take a whole loop turn, each hash reading
+// the key through the reactor's record, and every machine's index of a
+// route fills up in the same turn.
 template <class R, class Key>
 class HashIndex {
     struct Hash {
@@ -128,98 +123,28 @@ class HashIndex {
         bool operator()(const R* a, const Key& k) const { return a->reactorKey() == k; }
         bool operator()(const Key& k, const R* a) const { return a->reactorKey() == k; }
     };
-    using Set = absl::flat_hash_set<R*, Hash, Eq>;
-    static constexpr std::size_t incrementalFrom = 4095;  // capacity
-    static constexpr std::size_t movesPerInsert = 2;
-
-    Set set_;
-    // While growing: the reactors still in the previous table, and the next
-    // one to move. The new table has room for all of them plus the inserts
-    // made until the last one has moved.
-    Set old_;
-    typename Set::iterator next_;
-    // Removals from `set_` since it was made: at most this many tombstones.
-    std::size_t erased_ = 0;
-
-    // Whether the next insert could make the table rehash (abseil's tables
-    // hold entries and tombstones up to 7/8 of their capacity).
-    bool fullForNext() const {
-        const std::size_t c = set_.capacity();
-        return c >= incrementalFrom && set_.size() + erased_ + 1 > c - c / 8;
-    }
-    void startGrowing() {
-        old_ = std::move(set_);
-        set_ = Set();
-        // Room for everything to move, the inserts made until it has (one
-        // for every `movesPerInsert` moved) and some removals' tombstones.
-        set_.reserve(old_.size() * 7 / 4);
-        erased_ = 0;
-        next_ = old_.begin();
-    }
-    void moveSome(std::size_t n) {
-        for (; n > 0 && next_ != old_.end(); --n) {
-            R* r = *next_;
-            old_.erase(next_++);
-            set_.insert(r);
-        }
-        if (next_ == old_.end()) doneMoving();
-    }
-    void doneMoving() {
-        old_ = Set();
-        next_ = old_.end();
-    }
-    bool growing() const { return old_.capacity() != 0; }
+    GrowingTable<absl::flat_hash_set<R*, Hash, Eq>> set_;
 
 public:
-    HashIndex() : next_(old_.end()) {}
+    HashIndex() = default;
     HashIndex(const HashIndex&) = delete;
     HashIndex& operator=(const HashIndex&) = delete;
 
     R* find(const Key& k) const {
-        if (auto it = set_.find(k); it != set_.end()) return *it;
-        if (!growing()) return nullptr;
-        auto it = old_.find(k);
-        return it == old_.end() ? nullptr : *it;
+        auto it = set_.find(k);
+        return it == set_.end() ? nullptr : *it;
     }
-    void insert(R* r) {
-        if (!growing() && fullForNext()) startGrowing();
-        set_.insert(r);
-        if (growing()) moveSome(movesPerInsert);
-    }
-    void erase(R* r) {
-        if (set_.erase(r)) {
-            ++erased_;
-            return;
-        }
-        if (!growing()) return;
-        auto it = old_.find(r);
-        if (it == old_.end()) return;
-        if (it == next_) ++next_;
-        old_.erase(it);
-        if (next_ == old_.end()) doneMoving();
-    }
-    void reserve(std::size_t n) {
-        if (growing()) moveSome(old_.size());
-        set_.reserve(n);
-    }
-    void reset() {
-        set_.clear();
-        erased_ = 0;
-        doneMoving();
-    }
-    std::size_t size() const { return set_.size() + old_.size(); }
+    void insert(R* r) { set_.insert(r); }
+    void erase(R* r) { set_.erase(r); }
+    void reserve(std::size_t n) { set_.reserve(n); }
+    void reset() { set_.clear(); }
+    std::size_t size() const { return set_.size(); }
     // Heap bytes the index holds (slots and control bytes).
-    std::size_t footprint() const {
-        auto bytes = [](const Set& s) {
-            return s.capacity() ? s.capacity() * (sizeof(R*) + 1) + 16 : 0;
-        };
-        return bytes(set_) + bytes(old_);
-    }
+    std::size_t footprint() const { return set_.capacity() * (sizeof(R*) + 1); }
     // The reactors still to move come first, the next one to move first of
     // all.
     template <class F>
     void forEach(F&& f) const {
-        for (R* r : old_) f(r);
         for (R* r : set_) f(r);
     }
     std::vector<R*> all() const {

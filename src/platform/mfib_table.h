@@ -226,7 +226,7 @@ private:
     // Records stay where they are while others are written: `route(key)`
     // hands out pointers, and a record is too large to move on every growth.
     Cask::ValueMap<IpGenRouteKey, Route,
-                   absl::node_hash_map<IpGenRouteKey, Route, Cask::FlatKeyHash>>
+                   Cask::GrowingTable<absl::node_hash_map<IpGenRouteKey, Route, Cask::FlatKeyHash>>>
         route_;
     Cask::ValueMap<OifIndex, OifIndexIntf> oifIndexIntf_;
     std::uint64_t routeWriteCount_ = 0;

@@ -44,7 +44,7 @@ std::optional<UnicastRoute> RouteTable::lookup(const Wirl::IpGenAddr& addr) cons
             break;
         }
     }
-    lookupMemo_.emplace(addr, found);
+    lookupMemo_.try_emplace(addr, found);
     return found;
 }
 

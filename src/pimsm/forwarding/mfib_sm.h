@@ -36,7 +36,6 @@
 #include <set>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include <absl/container/btree_set.h>
@@ -268,7 +267,7 @@ private:
     bool oifIndexFreePoolInitialized_ = false;
     std::vector<TMF::OifIndex> freshIndexes_;
     std::deque<Routing::Pim::RouteKey> routeWaitlist_;
-    std::unordered_set<Routing::Pim::RouteKey, Cask::KeyHash> waiting_;
+    Cask::HashSet<Routing::Pim::RouteKey> waiting_;
     bool reviewingWaitlist_ = false;
     bool initialized_ = false;
 };

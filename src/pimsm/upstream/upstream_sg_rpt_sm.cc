@@ -208,7 +208,7 @@ void UpstreamSgRptSm::doMaybeUpdatePeriodicSgRptPrune(Route& route) {
         "RP neighbor {} on {}",
         key, rpfWc.neighbor, rpfWc.intf);
     writer_.entryIs(nbr, JoinPruneSet::periodic, prune);
-    prevRp_[key] = target;
+    prevRp_.try_emplace(key).first->second = target;
 }
 
 void UpstreamSgRptSm::doPeriodicPruneDel(const RouteKey& key) {

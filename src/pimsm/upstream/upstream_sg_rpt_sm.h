@@ -27,8 +27,6 @@
 // (*,G) Join, and the override set after its override delay (deleting the
 // entry cancels it, which stands for RFC 7761's Override Timer).
 
-#include <absl/container/flat_hash_map.h>
-
 #include "cask/collection.h"
 #include "cask/reactor_map.h"
 #include "pimsm/common/join_prune_rx_watcher.h"
@@ -133,10 +131,6 @@ public:
     bool ignoreRxJoinPrune(const Routing::Pim::JoinPruneMessageInfo& m) const;
 
 private:
-    struct KeyHash {
-        std::size_t operator()(const Routing::Pim::RouteKey& k) const { return k.hash(); }
-    };
-
     bool sharedTree(const Route& route) const;
     void changeState(Route& route, UpRptState to);
     // Writes one (S,G,rpt) entry into a set of the neighbour of `rpf`;
@@ -154,9 +148,8 @@ private:
     JoinPruneRxWatcher<UpstreamSgRptSm> rxWatcher_{
         *this, {.join = &UpstreamSgRptSm::handleRxJoin, .prune = &UpstreamSgRptSm::handleRxPrune}};
     // prevRpNeighbor / prevRpIntf: only sources whose periodic Prune is
-    // written have an entry. Open addressing: no node per entry, and a
-    // rehash moves the entries without allocating each again.
-    absl::flat_hash_map<Routing::Pim::RouteKey, Routing::Pim::NeighborKey, KeyHash> prevRp_;
+    // written have an entry.
+    Cask::HashMap<Routing::Pim::RouteKey, Routing::Pim::NeighborKey> prevRp_;
     Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute> route_;
     WcFanOut<UpstreamSgRptSm, RhoRoute> wcFanOut_{
         *this,
