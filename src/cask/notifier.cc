@@ -16,31 +16,43 @@ void NotifieeBase::notifierBaseIs(Notifier* n) {
 }
 
 Notifier::~Notifier() {
-    for (NotifieeBase* n : notifiees_) {
-        if (n) n->notifier_ = nullptr;
+    for (std::uint32_t i = 0; i < size_; ++i) {
+        if (notifiees_[i]) notifiees_[i]->notifier_ = nullptr;
     }
     for (Delivery* d = delivery_; d; d = d->outer) d->recordDestroyed = true;
+    delete[] notifiees_;
 }
 
 void Notifier::attach(NotifieeBase* n) {
-    notifiees_.push_back(n);
+    if (size_ == capacity_) {
+        const std::uint32_t grown = capacity_ ? 2 * capacity_ + 1 : 3;
+        auto* moved = new NotifieeBase*[grown];
+        std::copy(notifiees_, notifiees_ + size_, moved);
+        delete[] notifiees_;
+        notifiees_ = moved;
+        capacity_ = grown;
+    }
+    notifiees_[size_++] = n;
 }
 
 void Notifier::detach(NotifieeBase* n) {
-    auto it = std::find(notifiees_.begin(), notifiees_.end(), n);
-    if (it == notifiees_.end()) return;
+    NotifieeBase** end = notifiees_ + size_;
+    NotifieeBase** it = std::find(notifiees_, end, n);
+    if (it == end) return;
     if (delivery_) {
         // A delivery is walking the list by index: leave a hole and compact
         // when the outermost delivery ends.
         *it = nullptr;
         ++tombstones_;
     } else {
-        notifiees_.erase(it);
+        std::copy(it + 1, end, it);
+        --size_;
     }
 }
 
 void Notifier::compact() {
-    std::erase(notifiees_, nullptr);
+    size_ = static_cast<std::uint32_t>(std::remove(notifiees_, notifiees_ + size_, nullptr) -
+                                       notifiees_);
     tombstones_ = 0;
 }
 

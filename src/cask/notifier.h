@@ -24,7 +24,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <utility>
-#include <vector>
 
 namespace Cask {
 
@@ -59,7 +58,7 @@ public:
     Notifier& operator=(const Notifier&) = delete;
     ~Notifier();
 
-    std::size_t notifieeCount() const { return notifiees_.size() - tombstones_; }
+    std::size_t notifieeCount() const { return size_ - tombstones_; }
 
 protected:
     // Calls `handler(args...)` on every watcher attached when the delivery
@@ -98,7 +97,13 @@ private:
     void detach(NotifieeBase* n);
     void compact();
 
-    std::vector<NotifieeBase*> notifiees_;
+    // The watchers in attachment order: a bare array with 32-bit size and
+    // capacity, since every route and interface record carries one. Its
+    // capacities are odd (3, 7, 15, ...) so that the allocation fills the
+    // allocator's block exactly.
+    NotifieeBase** notifiees_ = nullptr;
+    std::uint32_t size_ = 0;
+    std::uint32_t capacity_ = 0;
     Delivery* delivery_ = nullptr;
     std::uint32_t tombstones_ = 0;
 };
@@ -117,12 +122,13 @@ public:
 
 template <class N, class... P, class... A>
 bool Notifier::notify(void (N::*handler)(P...), A&&... args) {
-    if (notifiees_.empty()) return true;
+    if (size_ == 0) return true;
     Delivery frame{delivery_, false};
     delivery_ = &frame;
     // Watchers attached during the delivery land past `end` and are skipped.
-    const std::size_t end = notifiees_.size();
-    for (std::size_t i = 0; i < end; ++i) {
+    // The array may move as they do: it is indexed afresh for each watcher.
+    const std::uint32_t end = size_;
+    for (std::uint32_t i = 0; i < end; ++i) {
         NotifieeBase* n = notifiees_[i];
         if (!n) continue;  // detached during this delivery
         (static_cast<N*>(n)->*handler)(args...);

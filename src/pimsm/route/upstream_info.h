@@ -87,17 +87,19 @@ private:
     // record as `umh` or `umhFrr`) the route's through `handleUmhAttr`.
     void notifyWithRoute(void (Notifiee::*handler)(), UmhAttr attr);
 
+    // Word-aligned members first, then the byte-aligned addresses and
+    // flags, so that the record packs without holes (one per route).
     Route* route_;
+    Routing::Pim::Rpf rpf_;
+    Routing::Pim::Rpf prevRpf_;
+    Wirl::IntfId mbrIif_;
+    Wirl::IntfId formerRpfIntf_;
+    Wirl::IpGenAddr rp_;
+    Wirl::IpGenAddr formerRpfNeighbor_;
     bool frr_;
     bool rpfAttached_ = false;
     UpRptState upRptState_ = UpRptState::upRptNotJoined;
     UpRptState prevRptState_ = UpRptState::upRptNotJoined;
-    Routing::Pim::Rpf rpf_;
-    Routing::Pim::Rpf prevRpf_;
-    Wirl::IntfId mbrIif_;
-    Wirl::IpGenAddr rp_;
-    Wirl::IntfId formerRpfIntf_;
-    Wirl::IpGenAddr formerRpfNeighbor_;
 };
 
 }  // namespace Routing::Pim::SparseMode
