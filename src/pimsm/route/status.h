@@ -13,11 +13,12 @@
 // number of (*,G) and (S,G) routes.
 
 #include <cstdint>
-
 #include <functional>
 #include <vector>
-#include "cask/clock.h"
 
+#include <absl/container/btree_map.h>
+
+#include "cask/clock.h"
 #include "cask/collection.h"
 #include "pimsm/route/route.h"
 #include "platform/route_key.h"
@@ -110,7 +111,12 @@ public:
 private:
     const Cask::Clock& clock_;
     RouteContext context_;
-    Cask::OrderedRecordMap<Routing::Pim::RouteKey, Route> route_;
+    // In key order, so that a group's routes are one range. A B-tree holds
+    // the entries in its nodes, without a tree node of its own per route;
+    // entries move as others are inserted (the routes themselves do not).
+    Cask::RecordMapOf<Routing::Pim::RouteKey, Route,
+                      absl::btree_map<Routing::Pim::RouteKey, Cask::Ptr<Route>>>
+        route_;
     bool initialized_ = false;
     Cask::ValueMap<Wirl::IpGenAddr, std::uint32_t> group_;
     Cask::RecordMap<Wirl::IpGenAddr, AddrSet> source_;
