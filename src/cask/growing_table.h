@@ -121,23 +121,11 @@ public:
 
     template <class K>
     iterator find(const K& k) {
-        if (auto it = set_.find(k); it != set_.end()) return iterator(this, it, false);
-        if (growth_) {
-            if (auto it = growth_->old.find(k); it != growth_->old.end()) {
-                return iterator(this, it, true);
-            }
-        }
-        return end();
+        return findIn(*this, k);
     }
     template <class K>
     const_iterator find(const K& k) const {
-        if (auto it = set_.find(k); it != set_.end()) return const_iterator(this, it, false);
-        if (growth_) {
-            if (auto it = growth_->old.find(k); it != growth_->old.end()) {
-                return const_iterator(this, it, true);
-            }
-        }
-        return end();
+        return findIn(*this, k);
     }
     template <class K>
     bool contains(const K& k) const {
@@ -195,6 +183,18 @@ private:
         Table old;
         typename Table::iterator next;
     };
+
+    // Both tables' lookup, for the const and the mutable `find`.
+    template <class Self, class K>
+    static auto findIn(Self& self, const K& k) {
+        using It = Iter<std::is_const_v<Self>>;
+        if (auto it = self.set_.find(k); it != self.set_.end()) return It(&self, it, false);
+        if (self.growth_) {
+            auto& old = self.growth_->old;
+            if (auto it = old.find(k); it != old.end()) return It(&self, it, true);
+        }
+        return self.end();
+    }
 
     template <class V>
     static const key_type& keyOfValue(const V& v) {
