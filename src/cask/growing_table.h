@@ -150,7 +150,9 @@ public:
     void erase(const_iterator pos) {
         if (!pos.inOld_) {
             set_.erase(pos.it_);
-            ++erased_;
+            // A smaller table rehashes itself as it grows, which drops its
+            // tombstones: only count those of a table this one grows.
+            if (set_.capacity() >= incrementalFrom) ++erased_;
             return;
         }
         Growth& g = *growth_;
