@@ -20,9 +20,27 @@ bool JoinPruneGroupData::wcSuppressedIs(const Wirl::IpGenAddr& rp, bool suppress
     return true;
 }
 
+bool JoinPruneGroupData::Sources::empty() const {
+    return joinedSource_.empty() && prunedSource_.empty() && joinedRptSource_.empty() &&
+           prunedRptSource_.empty() && joinSuppressSource_.empty();
+}
+
+const JoinPruneGroupData::Sources& JoinPruneGroupData::noSources() {
+    static const Sources none;
+    return none;
+}
+
+JoinPruneGroupData::Sources& JoinPruneGroupData::sourcesIs() {
+    if (!sources_) sources_ = std::make_unique<Sources>();
+    return *sources_;
+}
+
+void JoinPruneGroupData::sourcesDelIfEmpty() {
+    if (sources_ && sources_->empty()) sources_.reset();
+}
+
 bool JoinPruneGroupData::empty() const {
-    return wcSourceData_.empty() && joinedSource_.empty() && prunedSource_.empty() &&
-           joinedRptSource_.empty() && prunedRptSource_.empty() && joinSuppressSource_.empty();
+    return wcSourceData_.empty() && (!sources_ || sources_->empty());
 }
 
 JoinPruneGroupData& JoinPruneData::joinPruneGroupDataIs(const Wirl::IpGenAddr& group) {
@@ -44,11 +62,7 @@ Cask::Ptr<JoinPruneGroupData> JoinPruneGroupData::clone() const {
     for (const auto& [rp, d] : wcSourceData_) {
         copy->wcSourceData_.is(*copy, rp, d, &Notifiee::handleWcSourceData);
     }
-    for (const auto& s : joinedSource_) copy->joinedSourceIs(s);
-    for (const auto& s : prunedSource_) copy->prunedSourceIs(s);
-    for (const auto& s : joinedRptSource_) copy->joinedRptSourceIs(s);
-    for (const auto& s : prunedRptSource_) copy->prunedRptSourceIs(s);
-    for (const auto& s : joinSuppressSource_) copy->joinSuppressSourceIs(s);
+    if (sources_) copy->sources_ = std::make_unique<Sources>(*sources_);
     copy->periodicPrunedRptGroupData_ = periodicPrunedRptGroupData_;
     return copy;
 }

@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include <absl/container/btree_map.h>
@@ -77,12 +78,40 @@ public:
     bool wcSuppressedIs(const Wirl::IpGenAddr& rp, bool suppressed);
 
     // (S,G) joins and prunes, (S,G,rpt) joins and prunes, suppressed (S,G)
-    // joins.
-    CASK_KEY_SET(joinedSource, JoinedSource, Wirl::IpGenAddr)
-    CASK_KEY_SET(prunedSource, PrunedSource, Wirl::IpGenAddr)
-    CASK_KEY_SET(joinedRptSource, JoinedRptSource, Wirl::IpGenAddr)
-    CASK_KEY_SET(prunedRptSource, PrunedRptSource, Wirl::IpGenAddr)
-    CASK_KEY_SET(joinSuppressSource, JoinSuppressSource, Wirl::IpGenAddr)
+    // joins. The same accessors as a record's key sets; the five sets live in
+    // one block allocated with the group's first source and freed with its
+    // last, so a group record holding only a (*,G) entry pays one pointer.
+#define JOIN_PRUNE_SOURCE_SET(name, Name)                                     \
+    const SourceSet& name() const {                                           \
+        return sources_ ? sources_->name##_ : noSources().name##_;            \
+    }                                                                         \
+    bool name##Has(const Wirl::IpGenAddr& s) const {                          \
+        return name().has(s);                                                 \
+    }                                                                         \
+    std::size_t name##Size() const {                                          \
+        return name().size();                                                 \
+    }                                                                         \
+    void name##Is(const Wirl::IpGenAddr& s) {                                 \
+        sourcesIs().name##_.is(*this, s, &Notifiee::handle##Name);            \
+    }                                                                         \
+    void name##Del(const Wirl::IpGenAddr& s) {                                \
+        if (!sources_) return;                                                \
+        sources_->name##_.del(*this, s, &Notifiee::handle##Name);             \
+        sourcesDelIfEmpty();                                                  \
+    }                                                                         \
+    void name##DelAll() {                                                     \
+        const std::vector<Wirl::IpGenAddr> all(name().begin(), name().end()); \
+        for (const auto& s : all) name##Del(s);                               \
+    }                                                                         \
+    void name##Notify(const Wirl::IpGenAddr& s) {                             \
+        notify(&Notifiee::handle##Name, s);                                   \
+    }
+    JOIN_PRUNE_SOURCE_SET(joinedSource, JoinedSource)
+    JOIN_PRUNE_SOURCE_SET(prunedSource, PrunedSource)
+    JOIN_PRUNE_SOURCE_SET(joinedRptSource, JoinedRptSource)
+    JOIN_PRUNE_SOURCE_SET(prunedRptSource, PrunedRptSource)
+    JOIN_PRUNE_SOURCE_SET(joinSuppressSource, JoinSuppressSource)
+#undef JOIN_PRUNE_SOURCE_SET
 
     // In a triggered or override set: the periodic set's record of the same
     // group, whose (S,G,rpt) prunes go out with this record's (*,G) Join
@@ -102,11 +131,19 @@ private:
     Cask::ValueMap<Wirl::IpGenAddr, WcSourceData,
                    boost::container::small_flat_map<Wirl::IpGenAddr, WcSourceData, 1>>
         wcSourceData_;
-    SourceSet joinedSource_;
-    SourceSet prunedSource_;
-    SourceSet joinedRptSource_;
-    SourceSet prunedRptSource_;
-    SourceSet joinSuppressSource_;
+    struct Sources {
+        SourceSet joinedSource_;
+        SourceSet prunedSource_;
+        SourceSet joinedRptSource_;
+        SourceSet prunedRptSource_;
+        SourceSet joinSuppressSource_;
+        bool empty() const;
+    };
+    static const Sources& noSources();
+    Sources& sourcesIs();
+    void sourcesDelIfEmpty();
+
+    std::unique_ptr<Sources> sources_;
     Cask::Ptr<JoinPruneGroupData> periodicPrunedRptGroupData_;
 };
 
