@@ -15,7 +15,7 @@ RpfResolver::RpfResolver(Cask::Ptr<RpfConfig> config, Cask::Ptr<RpfStatus> statu
     configWatcher_.notifierIs(config_.get());
     std::vector<RouteKey> keys;
     keys.reserve(config_->rpfConfigInfoSize());
-    for (const auto& [key, info] : config_->rpfConfigInfo()) keys.push_back(key);
+    config_->forEachRoute([&](const RouteKey& key, const RpfConfigInfo&) { keys.push_back(key); });
     for (const auto& key : keys) doUpdateRoute(key, Addrs{});
 }
 
@@ -34,11 +34,6 @@ Rpf RpfResolver::resolve(const Wirl::IpGenAddr& addr) const {
     return Rpf{r->intf, r->nextHop, r->preference, r->metric};
 }
 
-bool RpfResolver::hasUser(const Wirl::IpGenAddr& addr) const {
-    auto it = users_.lower_bound({addr, RouteKey{}});
-    return it != users_.end() && it->first == addr;
-}
-
 void RpfResolver::doUpdateRoute(const RouteKey& key, const Addrs& before) {
     const Addrs now = config_->rpfConfigInfo(key).addresses();
 
@@ -47,12 +42,10 @@ void RpfResolver::doUpdateRoute(const RouteKey& key, const Addrs& before) {
     std::vector<Wirl::IpGenAddr> dropped, added;
     for (const auto& a : before) {
         if (!tracked(a) || holds(now, a)) continue;
-        users_.erase({a, key});
-        if (!hasUser(a) && resolved_.erase(a)) dropped.push_back(a);
+        if (!config_->addressUsed(a) && resolved_.erase(a)) dropped.push_back(a);
     }
     for (const auto& a : now) {
         if (!tracked(a) || holds(before, a)) continue;
-        users_.insert({a, key});
         if (resolved_.contains(a)) continue;
         const Rpf rpf = resolve(a);
         resolved_.emplace(a, rpf);
@@ -76,10 +69,7 @@ void RpfResolver::doReResolve(const Wirl::IpGenAddr& first, const Wirl::IpGenAdd
         if (rpf == it->second) continue;
         it->second = rpf;
         moved.emplace_back(it->first, rpf);
-        for (auto u = users_.lower_bound({it->first, RouteKey{}});
-             u != users_.end() && u->first == it->first; ++u) {
-            routes.push_back(u->second);
-        }
+        config_->forEachRouteUsing(it->first, [&](const RouteKey& key) { routes.push_back(key); });
     }
     if (moved.empty()) return;
     for (const auto& [a, rpf] : moved) {
@@ -96,13 +86,11 @@ void RpfResolver::doReResolve(const Wirl::IpGenAddr& first, const Wirl::IpGenAdd
 }
 
 void RpfResolver::doUpdateUnresolved(const RouteKey& key) {
-    const auto& requests = config_->rpfConfigInfo();
-    auto req = requests.find(key);
-    if (req == requests.end()) {
+    if (!config_->rpfConfigInfoHas(key)) {
         status_->unresolvedRouteDel(key);
         return;
     }
-    auto it = resolved_.find(req->second.target);
+    auto it = resolved_.find(config_->rpfConfigInfo(key).target);
     if (it != resolved_.end() && it->second.resolved()) {
         status_->unresolvedRouteDel(key);
     } else {

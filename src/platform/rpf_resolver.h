@@ -20,8 +20,6 @@
 #include <utility>
 #include <vector>
 
-#include <absl/container/btree_set.h>
-
 #include "cask/collection.h"
 #include "platform/rpf_status.h"
 #include "platform/unicast_route_table.h"
@@ -67,7 +65,6 @@ private:
         return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
     }
     Rpf resolve(const Wirl::IpGenAddr& addr) const;
-    bool hasUser(const Wirl::IpGenAddr& addr) const;
     // Follows a route's request from the addresses it asked for before.
     void doUpdateRoute(const RouteKey& key, const Addrs& before);
     // Re-resolves the tracked addresses in [first, last].
@@ -77,10 +74,6 @@ private:
     Cask::Ptr<RpfConfig> config_;
     Cask::Ptr<RpfStatus> status_;
     Cask::Ptr<Routing::Unicast::RouteTable> table_;
-    // (address, route using it): the routes to report when an address moves.
-    // A B-tree: every (*,G) route of an RP is one entry here, and B-tree nodes
-    // hold entries without a node allocation each.
-    absl::btree_set<std::pair<Wirl::IpGenAddr, RouteKey>> users_;
     // Every tracked address with its current result, in address order so a
     // prefix's addresses are one range.
     std::map<Wirl::IpGenAddr, Rpf> resolved_;

@@ -4,22 +4,88 @@
 
 namespace Routing::Pim {
 
+namespace {
+bool tracked(const Wirl::IpGenAddr& a) {
+    return a.family() != Wirl::AddressFamily::ipunknown;
+}
+}  // namespace
+
+RpfConfigInfo RpfConfig::rpfConfigInfo(const RouteKey& k) const {
+    auto it = route_.find(k);
+    return it == route_.end() ? RpfConfigInfo{} : request_[it->second].info;
+}
+
+bool RpfConfig::addressUsed(const Wirl::IpGenAddr& a) const {
+    auto it = addressRequest_.lower_bound({a, 0});
+    return it != addressRequest_.end() && it->first == a;
+}
+
 template <class Change>
 void RpfConfig::deliver(const RouteKey& k, Change&& change) {
     // A watcher may drop the last reference to the record while it is told;
     // keep it alive until the previous value is put back.
     const Cask::Ptr<RpfConfig> self(this);
-    RpfConfigInfo outer = std::exchange(before_, rpfConfigInfo_.get(k));
+    RpfConfigInfo outer = std::exchange(before_, rpfConfigInfo(k));
     change();
     before_ = std::move(outer);
 }
 
+RpfConfig::RequestId RpfConfig::requestIs(const RpfConfigInfo& info) {
+    if (auto it = requestId_.find(info); it != requestId_.end()) return it->second;
+    RequestId id;
+    if (!freeRequest_.empty()) {
+        id = freeRequest_.back();
+        freeRequest_.pop_back();
+        request_[id].info = info;
+    } else {
+        id = static_cast<RequestId>(request_.size());
+        request_.push_back({info, {}});
+    }
+    requestId_.try_emplace(info, id);
+    const auto addrs = info.addresses();
+    for (std::size_t i = 0; i < addrs.size(); ++i) {
+        if (tracked(addrs[i])) addressRequest_.insert({addrs[i], id});
+    }
+    return id;
+}
+
+void RpfConfig::requestRouteDel(RequestId id, const RouteKey& k) {
+    Request& r = request_[id];
+    r.routes.erase(k);
+    if (!r.routes.empty()) return;
+    for (const auto& a : r.info.addresses()) {
+        if (tracked(a)) addressRequest_.erase({a, id});
+    }
+    requestId_.erase(r.info);
+    r.info = RpfConfigInfo{};
+    freeRequest_.push_back(id);
+}
+
 void RpfConfig::rpfConfigInfoIs(const RouteKey& k, RpfConfigInfo v) {
-    deliver(k, [&] { rpfConfigInfo_.is(*this, k, std::move(v), &Notifiee::handleRpfConfigInfo); });
+    auto it = route_.find(k);
+    if (it != route_.end() && request_[it->second].info == v) return;
+    deliver(k, [&] {
+        const RequestId id = requestIs(v);
+        request_[id].routes.insert(k);
+        if (it == route_.end()) {
+            route_.try_emplace(k, id);
+        } else {
+            const RequestId old = std::exchange(it->second, id);
+            requestRouteDel(old, k);
+        }
+        notify(&Notifiee::handleRpfConfigInfo, k);
+    });
 }
 
 void RpfConfig::rpfConfigInfoDel(const RouteKey& k) {
-    deliver(k, [&] { rpfConfigInfo_.del(*this, k, &Notifiee::handleRpfConfigInfo); });
+    auto it = route_.find(k);
+    if (it == route_.end()) return;
+    deliver(k, [&] {
+        const RequestId id = it->second;
+        route_.erase(it);
+        requestRouteDel(id, k);
+        notify(&Notifiee::handleRpfConfigInfo, k);
+    });
 }
 
 void RpfStatus::rpfRouteChangedIs(std::vector<RouteKey> routes) {

@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <vector>
 
+#include <absl/container/btree_set.h>
+
 #include "cask/collection.h"
 #include "platform/route_key.h"
 #include "platform/rpf.h"
@@ -33,8 +35,16 @@ struct RpfConfigInfo {
         return {target, rpfNeighbor, prevRpfNeighbor};
     }
     bool operator==(const RpfConfigInfo&) const = default;
+    std::size_t hash() const {
+        return target.hash() ^ (rpfNeighbor.hash() * 31) ^ (prevRpfNeighbor.hash() * 961);
+    }
 };
 
+// Routes share their requests: every (*,G) route of one RP asks for the same
+// RP and upstream neighbour. Each distinct request is kept once, with the
+// routes making it, so a route costs a key and a request number here, and a
+// reader finds the routes asking for an address (`forEachRouteUsing`)
+// through the few requests naming it, with no index of its own.
 class RpfConfig : public Cask::Record<RpfConfig> {
 public:
     class Notifiee : public Cask::NotifieeOf<RpfConfig> {
@@ -42,10 +52,10 @@ public:
         using NotifieeOf::NotifieeOf;
         virtual void handleRpfConfigInfo(const RouteKey&) {}
     };
-    const auto& rpfConfigInfo() const { return rpfConfigInfo_; }
-    RpfConfigInfo rpfConfigInfo(const RouteKey& k) const { return rpfConfigInfo_.get(k); }
-    bool rpfConfigInfoHas(const RouteKey& k) const { return rpfConfigInfo_.has(k); }
-    std::size_t rpfConfigInfoSize() const { return rpfConfigInfo_.size(); }
+    // The route's request; no addresses when it has none.
+    RpfConfigInfo rpfConfigInfo(const RouteKey& k) const;
+    bool rpfConfigInfoHas(const RouteKey& k) const { return route_.find(k) != route_.end(); }
+    std::size_t rpfConfigInfoSize() const { return route_.size(); }
     void rpfConfigInfoIs(const RouteKey& k, RpfConfigInfo v);
     void rpfConfigInfoDel(const RouteKey& k);
     // While a change of an entry is being delivered: the entry as it was
@@ -56,13 +66,48 @@ public:
     // once it returns.
     const RpfConfigInfo& rpfConfigInfoBefore() const { return before_; }
     // Room for `n` routes, so that growing to that many never rehashes.
-    void routeCapacityIs(std::size_t n) { rpfConfigInfo_.reserve(n); }
+    void routeCapacityIs(std::size_t n) { route_.reserve(n); }
+
+    // Every route with its request, in no particular order. `f` must not
+    // change the configuration.
+    template <class F>
+    void forEachRoute(F&& f) const {
+        for (const auto& [key, id] : route_) f(key, request_[id].info);
+    }
+    // Whether some route asks for `a` (as its target or a neighbour).
+    bool addressUsed(const Wirl::IpGenAddr& a) const;
+    // Every route asking for `a`, each once. `f` must not change the
+    // configuration.
+    template <class F>
+    void forEachRouteUsing(const Wirl::IpGenAddr& a, F&& f) const {
+        for (auto it = addressRequest_.lower_bound({a, 0});
+             it != addressRequest_.end() && it->first == a; ++it) {
+            for (const auto& key : request_[it->second].routes) f(key);
+        }
+    }
+    // How many distinct requests the routes make.
+    std::size_t requestCount() const { return requestId_.size(); }
 
 private:
+    using RequestId = std::uint32_t;
+    struct Request {
+        RpfConfigInfo info;
+        absl::btree_set<RouteKey> routes;
+    };
+
     template <class Change>
     void deliver(const RouteKey& k, Change&& change);
+    RequestId requestIs(const RpfConfigInfo& info);
+    // Takes `k` off its request, dropping the request with its last route.
+    void requestRouteDel(RequestId id, const RouteKey& k);
 
-    Cask::ValueMap<RouteKey, RpfConfigInfo> rpfConfigInfo_;
+    Cask::HashMap<RouteKey, RequestId> route_;
+    std::vector<Request> request_;
+    std::vector<RequestId> freeRequest_;
+    Cask::HashMap<RpfConfigInfo, RequestId> requestId_;
+    // (address, request naming it), for `forEachRouteUsing`; an address
+    // appears once per distinct request, not once per route.
+    absl::btree_set<std::pair<Wirl::IpGenAddr, RequestId>> addressRequest_;
     RpfConfigInfo before_;
 };
 

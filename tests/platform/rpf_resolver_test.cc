@@ -2,7 +2,10 @@
 // batches that name exactly the routes a unicast change affects.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
 #include <optional>
+#include <random>
 #include <set>
 #include <utility>
 #include <vector>
@@ -169,6 +172,56 @@ TEST_F(Resolver, AddressesARouteStopsAskingForAreReleased) {
         EXPECT_EQ(cfg->rpfConfigInfoBefore(), RpfConfigInfo{});
         cfg->rpfConfigInfoDel(k);
         EXPECT_EQ(r->trackedAddresses(), 0u);
+    }
+}
+
+// Routes share requests: many routes name the same addresses, a request lives
+// as long as one route makes it, and a freed request is reused for another.
+// Checked against a plain map of routes to what they ask for.
+TEST(RpfConfigTest, SharedRequestsAgreeWithAPlainMap) {
+    auto cfg = Cask::make<RpfConfig>();
+    std::map<RouteKey, RpfConfigInfo> model;
+    const std::vector<IpGenAddr> addrs = {IpGenAddr(),    ip("10.0.0.1"), ip("10.0.0.2"),
+                                          ip("10.0.0.3"), ip("10.9.0.1"), ip("10.9.0.2"),
+                                          ip("0.0.0.0")};
+    std::mt19937 rng(7);
+    auto pick = [&] { return addrs[rng() % addrs.size()]; };
+    auto routeKey = [&] {
+        return RouteKey::wc(IpGenAddr::v4(0xef000000u + std::uint32_t(rng() % 200)));
+    };
+    for (int step = 0; step < 20000; ++step) {
+        const RouteKey k = routeKey();
+        if (rng() % 3 == 0) {
+            cfg->rpfConfigInfoDel(k);
+            model.erase(k);
+        } else {
+            // Mostly the RP and neighbour everyone uses, so requests are shared.
+            RpfConfigInfo info{addrs[1], addrs[4], {}};
+            if (rng() % 2) info = {pick(), pick(), pick()};
+            cfg->rpfConfigInfoIs(k, info);
+            model[k] = info;
+        }
+        if (step % 97 != 0) continue;
+        ASSERT_EQ(cfg->rpfConfigInfoSize(), model.size()) << "step " << step;
+        std::vector<RpfConfigInfo> distinct;
+        for (const auto& [key, info] : model) {
+            ASSERT_EQ(cfg->rpfConfigInfo(key), info);
+            if (std::find(distinct.begin(), distinct.end(), info) == distinct.end()) {
+                distinct.push_back(info);
+            }
+        }
+        EXPECT_EQ(cfg->requestCount(), distinct.size()) << "step " << step;
+        for (const auto& a : addrs) {
+            if (a.family() == Wirl::AddressFamily::ipunknown) continue;
+            std::multiset<RouteKey> want, got;
+            for (const auto& [key, info] : model) {
+                const auto as = info.addresses();
+                if (std::find(as.begin(), as.end(), a) != as.end()) want.insert(key);
+            }
+            cfg->forEachRouteUsing(a, [&](const RouteKey& key) { got.insert(key); });
+            ASSERT_EQ(got, want) << "step " << step;
+            EXPECT_EQ(cfg->addressUsed(a), !want.empty());
+        }
     }
 }
 
