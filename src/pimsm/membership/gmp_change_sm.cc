@@ -30,7 +30,13 @@ void GmpChangeSm::handleInitialized() {
     steps.walk = Cask::orderedWalk([this]() -> const auto& {
         return reviewChangeStatus_->changedRouteIntf();
     });
-    steps.visit = [this](const RouteIntfKey& k) { parent_.doUpdateMembership(k); };
+    steps.visit = [this](const RouteIntfKey& k) {
+        parent_.doUpdateMembership(k);
+        // The reviewed set drains as the review goes, so it is empty when
+        // dropped at the end: freeing a million keys in one turn would hold
+        // the loop well past its quantum.
+        reviewChangeStatus_->changedRouteIntfDel(k);
+    };
     steps.onStart = [this] {
         reviewChangeStatus_ = gmpChangeStatus_;
         changeStatusIs(Cask::make<GmpChangeStatus>());
