@@ -79,13 +79,16 @@ void RouteSm::handleRouteInitialized() {
     Status& status = review_.status();
     LocalStatus& ls = review_.localStatus();
     status.groupIs(key.group());
+    settling_ = true;
     if (r.isWc()) {
         r.wildCardIs(true);
         ls.wcRouteIs(key, Cask::Ptr<Route>(route()));
+        settling_ = false;
         status.wcRouteCountIs(status.wcRouteCount() + 1);
     } else {
         status.sourceGroupAdd(key.source(), key.group());
         ls.sgRouteIs(key, Cask::Ptr<Route>(route()));
+        settling_ = false;
         status.sgRouteCountIs(status.sgRouteCount() + 1);
         CASK_VRF_TRACE(7, review_.vrfName(),
                        "RouteSm::handleRouteInitialized({}) sgRoute: {} is created in localStatus",
@@ -152,7 +155,7 @@ void RouteSm::updateUmhFrr() {
 }
 
 void RouteSm::doUpdateRpfConfig() {
-    if (!initialized_) return;
+    if (!initialized_ || settling_) return;
     const Route& r = *route();
     const UpstreamInfo& umh = *r.umh();
     Routing::Pim::RpfConfigInfo info;

@@ -83,6 +83,10 @@ public:
 private:
     RouteReviewSm& review_;
     bool initialized_ = false;
+    // While the machines told of the new route settle its upstream (RP,
+    // RPF, RPF'), one attribute at a time: its RPF request is written once,
+    // when they are done, not once per attribute.
+    bool settling_ = false;
 };
 
 // Returns the review's reactor for the route's key, creating and initializing
