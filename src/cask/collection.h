@@ -172,6 +172,24 @@ public:
         }
         this->announce(owner, handler, k);
     }
+    // The record under `k`; when there is none, the one `make()` returns,
+    // inserted and announced. One search of the map either way: `make` runs
+    // while `k` holds an empty place, so it must not read this map.
+    template <class N, class H, class Make>
+    Ptr<V> findOrIs(Notifier& owner, const K& k, Make&& make, void (N::*handler)(H)) {
+        auto [it, inserted] = this->map_.try_emplace(k);
+        if (!inserted) return it->second;
+        Ptr<V> v;
+        try {
+            v = make();
+        } catch (...) {
+            this->map_.erase(it);
+            throw;
+        }
+        it->second = v;
+        this->announce(owner, handler, k);
+        return v;
+    }
 };
 
 template <class K, class V>

@@ -44,12 +44,9 @@ bool JoinPruneGroupData::empty() const {
 }
 
 JoinPruneGroupData& JoinPruneData::joinPruneGroupDataIs(const Wirl::IpGenAddr& group) {
-    if (auto* existing = joinPruneGroupData_.raw(group)) return *existing;
-    auto fresh = Cask::make<JoinPruneGroupData>(group);
-    joinPruneGroupData_.is(*this, group, fresh, &Notifiee::handleJoinPruneGroupData,
-                           "null _joinPruneGroupData parameter to mutator for "
-                           "Routing::Pim::JoinPruneData::joinPruneGroupData not allowed");
-    return *fresh;
+    return *joinPruneGroupData_.findOrIs(
+        *this, group, [&] { return Cask::make<JoinPruneGroupData>(group); },
+        &Notifiee::handleJoinPruneGroupData);
 }
 
 void JoinPruneData::joinPruneGroupDataDelIfEmpty(const Wirl::IpGenAddr& group) {

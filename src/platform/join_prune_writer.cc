@@ -167,15 +167,19 @@ bool JoinPruneWriter::wcSuppressedIs(JoinPruneNeighbor& nbr, const Wirl::IpGenAd
 }
 
 void JoinPruneWriter::groupRefresh(JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group) const {
+    // One lookup per set: every route's join comes through here twice.
     JoinPruneData& periodic = nbr.periodic();
-    periodic.joinPruneGroupDataDelIfEmpty(group);
     JoinPruneGroupData* groupPeriodic = periodic.joinPruneGroupData(group);
+    if (groupPeriodic && groupPeriodic->empty()) {
+        periodic.joinPruneGroupDataDel(group);
+        groupPeriodic = nullptr;
+    }
     for (JoinPruneData* pending : {&nbr.pendingTriggered(), &nbr.pendingOverride()}) {
         JoinPruneGroupData* gd = pending->joinPruneGroupData(group);
         if (!gd) continue;
         JoinPruneGroupData* target = hasWcJoin(*gd) ? groupPeriodic : nullptr;
         gd->periodicPrunedRptGroupDataIs(Cask::Ptr<JoinPruneGroupData>(target));
-        pending->joinPruneGroupDataDelIfEmpty(group);
+        if (gd->empty()) pending->joinPruneGroupDataDel(group);
     }
 }
 

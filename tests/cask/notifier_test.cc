@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,10 @@ public:
     CASK_RECORD_MAP(child, Child, int, Thing, "Test::Thing")
     CASK_VALUE_MAP(weight, Weight, int, double)
     CASK_KEY_SET(member, Member, int)
+    template <class F>
+    Cask::Ptr<Thing> childFindOrIs(int k, F make) {
+        return child_.findOrIs(*this, k, make, &Notifiee::handleChild);
+    }
 
 private:
     std::string color_;
@@ -107,6 +112,35 @@ TEST(Notifier, CollectionsAnnouncePerKeyAfterTheChange) {
     EXPECT_EQ(t->childSize(), 0u);
     t->childNotify(9);
     EXPECT_EQ(calls.back(), "w:child 9");
+}
+
+// Find-or-insert makes a record only for a new key, announces only that,
+// leaves nothing behind when making fails, and hands back a record a watcher
+// removed while told of it.
+TEST(Notifier, FindOrInsertMakesAndAnnouncesOnlyNewRecords) {
+    auto t = Cask::make<Thing>();
+    Calls calls;
+    Log w(t.get(), calls);
+    int made = 0;
+    auto make = [&] {
+        ++made;
+        return Cask::make<Thing>();
+    };
+    const auto first = t->childFindOrIs(1, make);
+    EXPECT_EQ(t->childFindOrIs(1, make), first);
+    EXPECT_EQ(made, 1);
+    EXPECT_EQ(calls, (Calls{"w:child 1"}));
+
+    EXPECT_THROW(t->childFindOrIs(2, []() -> Cask::Ptr<Thing> { throw std::bad_alloc(); }),
+                 std::bad_alloc);
+    EXPECT_FALSE(t->childHas(2));
+    EXPECT_EQ(t->childSize(), 1u);
+
+    w.hook = [&] { t->childDel(3); };
+    const auto gone = t->childFindOrIs(3, make);
+    ASSERT_TRUE(gone);
+    EXPECT_FALSE(t->childHas(3));
+    gone->colorIs("still here");
 }
 
 TEST(Notifier, NullInsertIsRefusedWithTheAttributeAndClassNamed) {

@@ -10,17 +10,22 @@ Cask::Ptr<Route> Status::routeIs(const Routing::Pim::RouteKey& key) {
 
 Cask::Ptr<Route> Status::routeIs(const Routing::Pim::RouteKey& key,
                                  const std::function<void(Route&)>& prepare) {
-    if (auto existing = route_.get(key)) return existing;
     if (context_.maxRoutes && route_.size() >= context_.maxRoutes) {
+        if (auto existing = route_.get(key)) return existing;
         ++context_.routesRefused;
         CASK_TRACE(4, "Status::routeIs({}): route refused, the VRF has {} routes (maxRoutes)", key,
                    route_.size());
         return nullptr;
     }
-    auto route = Cask::make<Route>(key, &context_, clock_.now());
-    if (prepare) prepare(*route);
-    route_.is(*this, key, route, &Notifiee::handleRoute, "");
-    return route;
+    // One search of the route map, whether the route is new or not.
+    return route_.findOrIs(
+        *this, key,
+        [&] {
+            auto fresh = Cask::make<Route>(key, &context_, clock_.now());
+            if (prepare) prepare(*fresh);
+            return fresh;
+        },
+        &Notifiee::handleRoute);
 }
 
 void Status::groupIs(const Wirl::IpGenAddr& g) {
