@@ -2,6 +2,8 @@
 
 #include <vector>
 
+#include <boost/container/small_vector.hpp>
+
 #include "cask/assert.h"
 #include "cask/trace.h"
 #include "pimsm/common/vrf_inputs.h"
@@ -270,7 +272,7 @@ void GmpSm::handleSsmConfigChanged() {
 void GmpSm::handleRouteInit(Route& route) {
     CASK_VRF_TRACE(6, vrfName(), "GmpSm:handleRouteInit({})", route.key());
     // Deciding may add interfaces to the route: walk a copy.
-    std::vector<Wirl::IntfId> receivers;
+    boost::container::small_vector<Wirl::IntfId, 4> receivers;
     for (const auto& [id, intf] : route.routeIntf()) {
         if (intf->localReceiverInclude() || intf->localReceiverExclude()) receivers.push_back(id);
     }

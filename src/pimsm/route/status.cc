@@ -5,11 +5,11 @@
 namespace Routing::Pim::SparseMode {
 
 Cask::Ptr<Route> Status::routeIs(const Routing::Pim::RouteKey& key) {
-    return routeIs(key, {});
+    return routeIs(key, [](Route&) {});
 }
 
 Cask::Ptr<Route> Status::routeIs(const Routing::Pim::RouteKey& key,
-                                 const std::function<void(Route&)>& prepare) {
+                                 absl::FunctionRef<void(Route&)> prepare) {
     if (context_.maxRoutes && route_.size() >= context_.maxRoutes) {
         if (auto existing = route_.get(key)) return existing;
         ++context_.routesRefused;
@@ -22,7 +22,7 @@ Cask::Ptr<Route> Status::routeIs(const Routing::Pim::RouteKey& key,
         *this, key,
         [&] {
             auto fresh = Cask::make<Route>(key, &context_, clock_.now());
-            if (prepare) prepare(*fresh);
+            prepare(*fresh);
             return fresh;
         },
         &Notifiee::handleRoute);

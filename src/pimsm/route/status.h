@@ -17,6 +17,7 @@
 #include <vector>
 
 #include <absl/container/btree_map.h>
+#include <absl/functional/function_ref.h>
 
 #include "cask/clock.h"
 #include "cask/collection.h"
@@ -81,8 +82,9 @@ public:
     Cask::Ptr<Route> routeIs(const Routing::Pim::RouteKey& key);
     // Same, with `prepare` run on a new route before it is inserted (and so
     // before any watcher hears of it): its creator's state comes with it.
+    // `prepare` is borrowed for the call: a creator's lambda costs no copy.
     Cask::Ptr<Route> routeIs(const Routing::Pim::RouteKey& key,
-                             const std::function<void(Route&)>& prepare);
+                             absl::FunctionRef<void(Route&)> prepare);
 
     // Set once the routes of an earlier run have all been read back.
     CASK_ATTR(bool, initialized, Initialized)
