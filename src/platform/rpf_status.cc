@@ -42,9 +42,8 @@ RpfConfig::RequestId RpfConfig::requestIs(const RpfConfigInfo& info) {
         request_.push_back({info, {}});
     }
     requestId_.try_emplace(info, id);
-    const auto addrs = info.addresses();
-    for (std::size_t i = 0; i < addrs.size(); ++i) {
-        if (tracked(addrs[i])) addressRequest_.insert({addrs[i], id});
+    for (const auto& a : info.addresses()) {
+        if (tracked(a)) addressRequest_.insert({a, id});
     }
     return id;
 }
