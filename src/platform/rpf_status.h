@@ -35,8 +35,12 @@ struct RpfConfigInfo {
         return {target, rpfNeighbor, prevRpfNeighbor};
     }
     bool operator==(const RpfConfigInfo&) const = default;
+    // Folded per address and mixed once, as RouteKey does.
     std::size_t hash() const {
-        return target.hash() ^ (rpfNeighbor.hash() * 31) ^ (prevRpfNeighbor.hash() * 961);
+        constexpr std::uint64_t k = 0x9e3779b97f4a7c15ULL;
+        return static_cast<std::size_t>(
+            Wirl::IpGenAddr::fmix64(target.folded() ^ (rpfNeighbor.folded() * k + 1) ^
+                                    (prevRpfNeighbor.folded() * (k * k) + 2)));
     }
 };
 
