@@ -7,17 +7,11 @@
 #include "cask/trace.h"
 #include "pimsm/common/vrf_inputs.h"
 #include "pimsm/upstream/shared_tree.h"
+#include "pimsm/upstream/upstream_rx.h"
 #include "pimsm/upstream/upstream_wc_sm.h"
 
 namespace Routing::Pim::SparseMode {
 
-using Routing::Pim::JoinPruneEntry;
-using Routing::Pim::JoinPruneMessageInfo;
-using Routing::Pim::JoinPruneNeighbor;
-using Routing::Pim::JoinPruneSet;
-using Routing::Pim::NeighborKey;
-using Routing::Pim::RouteKey;
-using Routing::Pim::Rpf;
 using Kind = JoinPruneEntry::Kind;
 
 UpstreamSgRptSm::UpstreamSgRptSm(const VrfContext& in)
@@ -269,24 +263,21 @@ void UpstreamSgRptSm::doMaybeSetFastForwardBit(Wirl::IntfId id, Route& route) {
 
 bool UpstreamSgRptSm::ignoreRxJoinPrune(const JoinPruneMessageInfo& m) const {
     const Route* route = m.riKey.isWc() ? nullptr : in_.localStatus->sgRoute().raw(m.riKey);
-    std::string reason;
+    static constexpr RxTexts texts{
+        .otherKind = ", (*,G)",
+        .noRoute = ", No route",
+        .notActive = ", Not in upRptNotPruned state",
+        .notUpstream = ", Message not to RPF'(S,G,Rpt)",
+    };
     Rpf rpf;
-    if (m.sourceFlags.isStarG() || m.riKey.isWc()) {
-        reason = ", (*,G)";
-    } else if (!in_.pimStatus->neighborExists(m.intf, m.sender)) {
-        reason = fmt::format(", Message from non-neighbor {}", m.sender);
-    } else if (!route) {
-        reason = ", No route";
-    } else if (route->umh()->upRptState() != UpRptState::upRptNotPruned) {
-        reason = ", Not in upRptNotPruned state";
-    } else {
-        rpf = rpfPrimeSgRpt(*route);
-        if (!rpf.hasNeighbor() || rpf.neighbor != m.upstreamNeighbor || rpf.intf != m.intf) {
-            reason = ", Message not to RPF'(S,G,Rpt)";
-        } else {
-            return false;
-        }
-    }
+    const std::string reason = rxIgnoreReason(
+        in_, texts, m, m.sourceFlags.isStarG() || m.riKey.isWc(), m.riKey, route,
+        [](const Route& r) { return r.umh()->upRptState() == UpRptState::upRptNotPruned; },
+        [&](const Route& r) {
+            rpf = rpfPrimeSgRpt(r);
+            return rpfAddressedBy({&rpf}, m) != nullptr;
+        });
+    if (reason.empty()) return false;
     CASK_VRF_TRACE(7, in_.vrfName,
                    "UpstreamSgRptSm::ignoreRxJoinPrune() Rpf: {} Msg: {} MsgNeigh: {}{}", rpf.str(),
                    m.riKey, m.upstreamNeighbor, reason);

@@ -6,27 +6,18 @@
 #include <fmt/format.h>
 
 #include "cask/trace.h"
+#include "pimsm/common/pimsm_common_utils.h"
 #include "pimsm/common/vrf_inputs.h"
 #include "pimsm/upstream/shared_tree.h"
+#include "pimsm/upstream/upstream_rx.h"
 #include "pimsm/upstream/upstream_wc_sm.h"
 #include "platform/mfib_table.h"
 
 namespace Routing::Pim::SparseMode {
 
-using Routing::Pim::JoinPruneEntry;
-using Routing::Pim::JoinPruneMessageInfo;
-using Routing::Pim::JoinPruneNeighbor;
-using Routing::Pim::JoinPruneSet;
-using Routing::Pim::NeighborKey;
-using Routing::Pim::RouteKey;
-using Routing::Pim::Rpf;
 using Kind = JoinPruneEntry::Kind;
 
 namespace {
-
-bool validAddr(const Wirl::IpGenAddr& a) {
-    return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
-}
 
 // AssertWinner(S,G,I) when this router lost the (S,G) assert on I, else
 // nothing. The assert (S,G) machine keeps Intf::assertInfo; while nothing
@@ -364,33 +355,24 @@ void UpstreamSgSm::doMaybeSetFastForwardBit(Wirl::IntfId id, Route& route) {
                              id != route.iif() && intf->inheritedOlistSg());
 }
 
-const Rpf* UpstreamSgSm::rxRpf(const Route& route, const JoinPruneMessageInfo& m) const {
+const Rpf* UpstreamSgSm::rxRpf(const Route& route, const JoinPruneMessageInfo& m) {
     const Rpf* backup = route.umhFrr() ? &route.umhFrr()->rpf() : nullptr;
-    for (const Rpf* rpf : {&route.rpf(), &route.prevRpf(), backup}) {
-        if (rpf && rpf->hasNeighbor() && rpf->neighbor == m.upstreamNeighbor &&
-            rpf->intf == m.intf) {
-            return rpf;
-        }
-    }
-    return nullptr;
+    return rpfAddressedBy({&route.rpf(), &route.prevRpf(), backup}, m);
 }
 
 bool UpstreamSgSm::ignoreRxJoinPrune(const JoinPruneMessageInfo& m) const {
     const Route* route = m.riKey.isWc() ? nullptr : in_.localStatus->sgRoute().raw(m.riKey);
-    std::string reason;
-    if (m.sourceFlags.isStarG() || m.riKey.isWc()) {
-        reason = ", Message for (*,G)";
-    } else if (!in_.pimStatus->neighborExists(m.intf, m.sender)) {
-        reason = fmt::format(", Message from non-neighbor {}", m.sender);
-    } else if (!route) {
-        reason = ", No route";
-    } else if (route->upJoinState() != UpJoinState::upJoined) {
-        reason = ", Not in joined state";
-    } else if (!rxRpf(*route, m)) {
-        reason = ", Message not to RPF'(S,G) or prev RPF'(S,G) or RpfFrr ";
-    } else {
-        return false;
-    }
+    static constexpr RxTexts texts{
+        .otherKind = ", Message for (*,G)",
+        .noRoute = ", No route",
+        .notActive = ", Not in joined state",
+        .notUpstream = ", Message not to RPF'(S,G) or prev RPF'(S,G) or RpfFrr ",
+    };
+    const std::string reason = rxIgnoreReason(
+        in_, texts, m, m.sourceFlags.isStarG() || m.riKey.isWc(), m.riKey, route,
+        [](const Route& r) { return r.upJoinState() == UpJoinState::upJoined; },
+        [&](const Route& r) { return rxRpf(r, m) != nullptr; });
+    if (reason.empty()) return false;
     const Rpf rpf = route ? route->rpf() : Rpf{};
     CASK_VRF_TRACE(7, in_.vrfName,
                    "UpstreamSgSm::ignoreRxJoinPrune() Rpf: {} Msg: {} Neigh: {} MsgNeigh: {}{}",
@@ -415,17 +397,9 @@ void UpstreamSgSm::handleRxJoin() {
     }
     const Route& route = *in_.localStatus->sgRoute().raw(m.riKey);
     const Rpf& rpf = *rxRpf(route, m);
-    const char* why = nullptr;
     JoinPruneNeighbor* nbr = writer_.neighbor(rpf.intf, rpf.neighbor);
-    if (!nbr) {
-        why = ", Neighbor down";
-    } else if (!writer_.groupData(*nbr, JoinPruneSet::periodic, m.riKey.group())) {
-        why = ", No periodic join for group";
-    } else if (!writer_.has(*nbr, JoinPruneSet::periodic,
-                            JoinPruneEntry::of(Kind::joined, m.riKey))) {
-        why = ", No periodic join for source";
-    }
-    if (why) {
+    const JoinPruneEntry joined = JoinPruneEntry::of(Kind::joined, m.riKey);
+    if (const char* why = unsuppressedBecause(nbr, m.riKey.group(), &joined)) {
         CASK_VRF_TRACE(7, in_.vrfName, "UpstreamSgSm::handleRxJoin({}){}", m.riKey, why);
         ignoredRxJoinsInc();
         return;
@@ -448,10 +422,8 @@ void UpstreamSgSm::handleRxPrune() {
         return;
     }
     const Route& route = *in_.localStatus->sgRoute().raw(m.riKey);
-    const Rpf& rpf = *rxRpf(route, m);
-    JoinPruneNeighbor* nbr = writer_.neighbor(rpf.intf, rpf.neighbor);
+    JoinPruneNeighbor* nbr = overrideNeighbor(in_, "UpstreamSgSm", writer_, *rxRpf(route, m), m);
     if (!nbr) {
-        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamSgSm::handleRxPrune({}), Neighbor down", m.riKey);
         ignoredRxPrunesInc();
         return;
     }

@@ -154,8 +154,8 @@ private:
     bool joinWrittenAt(const Routing::Pim::Rpf& rpf, const Routing::Pim::RouteKey& key) const;
     // The neighbour a received entry is addressed to: RPF', the previous
     // RPF' or the backup RPF of the route.
-    const Routing::Pim::Rpf* rxRpf(const Route& route,
-                                   const Routing::Pim::JoinPruneMessageInfo& m) const;
+    static const Routing::Pim::Rpf* rxRpf(const Route& route,
+                                          const Routing::Pim::JoinPruneMessageInfo& m);
     // A (*,G) change on `intf` (null: on every interface) reaches the
     // group's (S,G) routes.
     void handleWcIntf(const Wirl::IpGenAddr& group, Wirl::IntfId intf);

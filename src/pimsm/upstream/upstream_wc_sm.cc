@@ -5,26 +5,11 @@
 #include <fmt/format.h>
 
 #include "cask/trace.h"
+#include "pimsm/common/pimsm_common_utils.h"
 #include "pimsm/common/vrf_inputs.h"
+#include "pimsm/upstream/upstream_rx.h"
 
 namespace Routing::Pim::SparseMode {
-
-using Routing::Pim::JoinPruneEntry;
-using Routing::Pim::JoinPruneGroupData;
-using Routing::Pim::JoinPruneMessageInfo;
-using Routing::Pim::JoinPruneNeighbor;
-using Routing::Pim::JoinPruneSet;
-using Routing::Pim::NeighborKey;
-using Routing::Pim::RouteKey;
-using Routing::Pim::Rpf;
-
-namespace {
-
-bool validAddr(const Wirl::IpGenAddr& a) {
-    return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
-}
-
-}  // namespace
 
 // --- UpstreamWcSm ------------------------------------------------------------
 
@@ -376,37 +361,29 @@ void UpstreamWcSm::doMaybeSetFastForwardBit(Wirl::IntfId id, Route& route) {
                              id != route.iif() && intf->immediateOlistWc());
 }
 
-const Rpf* UpstreamWcSm::rxRpf(const Route& route, const JoinPruneMessageInfo& m) const {
-    for (const Rpf* rpf : {&route.rpf(), &route.prevRpf()}) {
-        if (rpf->hasNeighbor() && rpf->neighbor == m.upstreamNeighbor && rpf->intf == m.intf) {
-            return rpf;
-        }
-    }
-    return nullptr;
-}
-
 bool UpstreamWcSm::ignoreRxJoinPrune(const JoinPruneMessageInfo& m) const {
     const RouteKey key = RouteKey::wc(m.riKey.group());
     const Route* route = in_.localStatus->wcRoute().raw(key);
-    std::string reason;
-    if (!m.sourceFlags.isStarG()) {
-        reason = ", Message not for (*,G)";
-    } else if (!in_.pimStatus->neighborExists(m.intf, m.sender)) {
-        reason = fmt::format(", Message from non-neighbor {}", m.sender);
-    } else if (!route) {
-        reason = fmt::format(", No route for {}", key);
-    } else if (route->upJoinState() != UpJoinState::upJoined) {
-        reason = fmt::format(", Not in joined state for route to {}", key);
-    } else if (!rxRpf(*route, m)) {
-        reason = ", Message not to RPF'(S,G) or prev RPF'(S,G)";
-    } else {
-        return false;
-    }
+    static constexpr RxTexts texts{
+        .otherKind = ", Message not for (*,G)",
+        .noRoute = ", No route for {}",
+        .notActive = ", Not in joined state for route to {}",
+        .notUpstream = ", Message not to RPF'(S,G) or prev RPF'(S,G)",
+    };
+    const std::string reason = rxIgnoreReason(
+        in_, texts, m, !m.sourceFlags.isStarG(), key, route,
+        [](const Route& r) { return r.upJoinState() == UpJoinState::upJoined; },
+        [&](const Route& r) { return rxRpf(r, m) != nullptr; });
+    if (reason.empty()) return false;
     const Rpf rpf = route ? route->rpf() : Rpf{};
     CASK_VRF_TRACE(7, in_.vrfName,
                    "UpstreamWcSm::ignoreRxJoinPrune() Rpf: {} Msg: {} Neigh: {} MsgNeigh: {}{}",
                    rpf.str(), m.riKey, rpf.neighbor, m.upstreamNeighbor, reason);
     return true;
+}
+
+const Rpf* UpstreamWcSm::rxRpf(const Route& route, const JoinPruneMessageInfo& m) {
+    return rpfAddressedBy({&route.rpf(), &route.prevRpf()}, m);
 }
 
 void UpstreamWcSm::handleRxJoin() {
@@ -420,17 +397,10 @@ void UpstreamWcSm::handleRxJoin() {
     const Route& route = *in_.localStatus->wcRoute().raw(RouteKey::wc(m.riKey.group()));
     const Rpf& rpf = *rxRpf(route, m);
     const auto& group = m.riKey.group();
-    const char* why = nullptr;
     JoinPruneNeighbor* nbr = writer_.neighbor(rpf.intf, rpf.neighbor);
-    if (!nbr) {
-        why = ", Neighbor down";
-    } else if (!writer_.groupData(*nbr, JoinPruneSet::periodic, group)) {
-        why = ", No periodic join for group";
-    } else if (!validAddr(m.wcSource) || !writer_.has(*nbr, JoinPruneSet::periodic,
-                                                      JoinPruneEntry::wcJoin(group, m.wcSource))) {
-        why = ", No periodic join for source";
-    }
-    if (why) {
+    const JoinPruneEntry entry = JoinPruneEntry::wcJoin(group, m.wcSource);
+    if (const char* why =
+            unsuppressedBecause(nbr, group, validAddr(m.wcSource) ? &entry : nullptr)) {
         CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::handleRxJoin({}){}", m.riKey, why);
         ignoredRxJoinsInc();
         return;
@@ -451,9 +421,8 @@ void UpstreamWcSm::handleRxPrune() {
     }
     const Route& route = *in_.localStatus->wcRoute().raw(RouteKey::wc(m.riKey.group()));
     const Rpf& rpf = *rxRpf(route, m);
-    JoinPruneNeighbor* nbr = writer_.neighbor(rpf.intf, rpf.neighbor);
+    JoinPruneNeighbor* nbr = overrideNeighbor(in_, "UpstreamWcSm", writer_, rpf, m);
     if (!nbr) {
-        CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::handleRxPrune({}), Neighbor down", m.riKey);
         ignoredRxPrunesInc();
         return;
     }

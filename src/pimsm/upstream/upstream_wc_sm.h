@@ -142,8 +142,8 @@ private:
     void doWriteJoin(Routing::Pim::JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
                      const Wirl::IpGenAddr& rp);
     // The neighbour of a received entry: RPF' or the previous RPF'.
-    const Routing::Pim::Rpf* rxRpf(const Route& route,
-                                   const Routing::Pim::JoinPruneMessageInfo& m) const;
+    static const Routing::Pim::Rpf* rxRpf(const Route& route,
+                                          const Routing::Pim::JoinPruneMessageInfo& m);
 
     const VrfContext& in_;
     // Every change to the outgoing Join/Prune contents goes through it.
