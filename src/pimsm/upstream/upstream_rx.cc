@@ -9,6 +9,14 @@ namespace Routing::Pim::SparseMode {
 
 using Routing::Pim::JoinPruneSet;
 
+JoinPruneMessageInfo rxEntry(const VrfContext& in, const char* machine, bool join) {
+    JoinPruneMessageInfo m =
+        join ? in.joinPruneRxStatus->rxJoin() : in.joinPruneRxStatus->rxPrune();
+    CASK_VRF_TRACE(6, in.vrfName, "{}::{}({}) on {} from {}", machine,
+                   join ? "handleRxJoin" : "handleRxPrune", m.riKey, m.intf, m.sender);
+    return m;
+}
+
 std::string rxIgnoreReason(const VrfContext& in, const RxTexts& texts,
                            const JoinPruneMessageInfo& m, bool otherKind, const RouteKey& key,
                            const Route* route, absl::FunctionRef<bool(const Route&)> active,

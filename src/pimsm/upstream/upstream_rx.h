@@ -34,6 +34,11 @@ struct RxTexts {
     const char* notUpstream;  // the entry goes to none of the route's upstream neighbours
 };
 
+// The entry a machine's handleRxJoin (`join`) or handleRxPrune received,
+// traced on arrival as "<machine>::handleRxJoin(<key>) on <intf> from
+// <sender>".
+Routing::Pim::JoinPruneMessageInfo rxEntry(const VrfContext& in, const char* machine, bool join);
+
 // The first reason, in the order above, to ignore entry `m` about route
 // `key` (`route`, null when absent); empty when the machine acts on it.
 // `active` and `addressed` are asked only of a route that is there, in that

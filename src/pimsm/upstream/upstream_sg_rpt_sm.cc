@@ -285,9 +285,7 @@ bool UpstreamSgRptSm::ignoreRxJoinPrune(const JoinPruneMessageInfo& m) const {
 }
 
 void UpstreamSgRptSm::handleRxJoin() {
-    const JoinPruneMessageInfo m = in_.joinPruneRxStatus->rxJoin();
-    CASK_VRF_TRACE(6, in_.vrfName, "UpstreamSgRptSm::handleRxJoin({}) on {} from {}", m.riKey,
-                   m.intf, m.sender);
+    const JoinPruneMessageInfo m = rxEntry(in_, "UpstreamSgRptSm", true);
     // Only another router's Join(S,G,rpt) makes this router's override
     // unnecessary; a Join(S,G) says nothing about the shared tree.
     if (!m.sourceFlags.rpt && !m.riKey.isWc()) {
@@ -304,9 +302,7 @@ void UpstreamSgRptSm::handleRxJoin() {
 }
 
 void UpstreamSgRptSm::handleRxPrune() {
-    const JoinPruneMessageInfo m = in_.joinPruneRxStatus->rxPrune();
-    CASK_VRF_TRACE(6, in_.vrfName, "UpstreamSgRptSm::handleRxPrune({}) on {} from {}", m.riKey,
-                   m.intf, m.sender);
+    const JoinPruneMessageInfo m = rxEntry(in_, "UpstreamSgRptSm", false);
     // RFC 7761 4.5.7: a Prune(S,G,rpt), or a Prune(S,G), to RPF'(S,G,rpt)
     // would take the source off the shared tree this router still needs.
     if (ignoreRxJoinPrune(m)) {

@@ -381,9 +381,7 @@ bool UpstreamSgSm::ignoreRxJoinPrune(const JoinPruneMessageInfo& m) const {
 }
 
 void UpstreamSgSm::handleRxJoin() {
-    const JoinPruneMessageInfo m = in_.joinPruneRxStatus->rxJoin();
-    CASK_VRF_TRACE(6, in_.vrfName, "UpstreamSgSm::handleRxJoin({}) on {} from {}", m.riKey, m.intf,
-                   m.sender);
+    const JoinPruneMessageInfo m = rxEntry(in_, "UpstreamSgSm", true);
     // A Join(S,G,rpt) says nothing about the shortest-path tree.
     if (m.sourceFlags.rpt && !m.sourceFlags.isStarG()) {
         CASK_VRF_TRACE(7, in_.vrfName, "UpstreamSgSm::handleRxJoin({}), Message for (S,G,rpt)",
@@ -412,9 +410,7 @@ void UpstreamSgSm::handleRxJoin() {
 }
 
 void UpstreamSgSm::handleRxPrune() {
-    const JoinPruneMessageInfo m = in_.joinPruneRxStatus->rxPrune();
-    CASK_VRF_TRACE(6, in_.vrfName, "UpstreamSgSm::handleRxPrune({}) on {} from {}", m.riKey, m.intf,
-                   m.sender);
+    const JoinPruneMessageInfo m = rxEntry(in_, "UpstreamSgSm", false);
     // RFC 7761 4.5.5: a Prune(S,G) or Prune(S,G,rpt) to RPF'(S,G) is
     // overridden alike.
     if (ignoreRxJoinPrune(m)) {

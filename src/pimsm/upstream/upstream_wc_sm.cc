@@ -387,9 +387,7 @@ const Rpf* UpstreamWcSm::rxRpf(const Route& route, const JoinPruneMessageInfo& m
 }
 
 void UpstreamWcSm::handleRxJoin() {
-    const JoinPruneMessageInfo m = in_.joinPruneRxStatus->rxJoin();
-    CASK_VRF_TRACE(6, in_.vrfName, "UpstreamWcSm::handleRxJoin({}) on {} from {}", m.riKey, m.intf,
-                   m.sender);
+    const JoinPruneMessageInfo m = rxEntry(in_, "UpstreamWcSm", true);
     if (ignoreRxJoinPrune(m)) {
         ignoredRxJoinsInc();
         return;
@@ -412,9 +410,7 @@ void UpstreamWcSm::handleRxJoin() {
 }
 
 void UpstreamWcSm::handleRxPrune() {
-    const JoinPruneMessageInfo m = in_.joinPruneRxStatus->rxPrune();
-    CASK_VRF_TRACE(6, in_.vrfName, "UpstreamWcSm::handleRxPrune({}) on {} from {}", m.riKey, m.intf,
-                   m.sender);
+    const JoinPruneMessageInfo m = rxEntry(in_, "UpstreamWcSm", false);
     if (ignoreRxJoinPrune(m)) {
         ignoredRxPrunesInc();
         return;
