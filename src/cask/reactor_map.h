@@ -31,7 +31,11 @@
 //   key, which the reactor itself supplies (the key is stored once, in the
 //   record); about 9 bytes per slot at a load factor of 7/16 to 7/8;
 // - SmallIndex: one word while the map holds at most one reactor, a linear
-//   vector beyond; for small per-record maps (a route's interfaces).
+//   vector beyond; for small per-record maps (a route's interfaces);
+// - SharedIndex (reactor_directory.h): a slot in a directory that several
+//   maps of the same keys share; for the machines that follow every route.
+//   The map is made with the directory: `ReactorMap<K, R, SharedIndex>
+//   map{directory}`.
 //
 // R supplies `reactorKey()` (the key, read from its record) and
 // `reactorRecord()` (the record it serves).
@@ -141,6 +145,7 @@ public:
     std::size_t size() const { return set_.size(); }
     // Heap bytes the index holds (slots and control bytes).
     std::size_t footprint() const { return set_.capacity() * (sizeof(R*) + 1); }
+    std::size_t capacity() const { return set_.capacity(); }
     // The reactors still to move come first, the next one to move first of
     // all.
     template <class F>
@@ -213,6 +218,7 @@ public:
     std::size_t footprint() const {
         return isMany() ? sizeof(Many) + many()->capacity() * sizeof(R*) : 0;
     }
+    std::size_t capacity() const { return 0; }
     template <class F>
     void forEach(F&& f) const {
         if (!word_) return;
@@ -233,6 +239,10 @@ template <class Key, class R, template <class, class> class Index = HashIndex>
 class ReactorMap {
 public:
     ReactorMap() = default;
+    // Passes `indexArgs` to the index (a SharedIndex's directory).
+    template <class... A>
+    requires(sizeof...(A) > 0) explicit ReactorMap(A&&... indexArgs)
+        : index_(std::forward<A>(indexArgs)...) {}
     ReactorMap(const ReactorMap&) = delete;
     ReactorMap& operator=(const ReactorMap&) = delete;
     // Reactors are destroyed without `handleDelete`: the machine is going.
@@ -244,6 +254,9 @@ public:
     bool empty() const { return index_.size() == 0; }
     // Heap bytes of the index (reactors excluded).
     std::size_t indexFootprint() const { return index_.footprint(); }
+    // Slots of the index's hash table (0 for a small index): unchanged
+    // while the index does not grow.
+    std::size_t indexCapacity() const { return index_.capacity(); }
     // Room for `n` reactors, so that growing to that many never rehashes the
     // index (a rehash of a large index is one long step).
     void reserve(std::size_t n) { index_.reserve(n); }

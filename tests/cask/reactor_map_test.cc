@@ -1,5 +1,7 @@
 #include "cask/reactor_map.h"
 
+#include "cask/reactor_directory.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -26,6 +28,7 @@ struct Log {
 template <bool WithDelete>
 class Reactor {
 public:
+    using DirectoryBase = Reactor;
     Reactor(Log& log, Rec& rec) : log_(log), rec_(&rec) {
         log_.text += "+" + std::to_string(rec.key);
     }
@@ -76,6 +79,7 @@ void expectOneRule() {
 TEST(ReactorMapTest, OneRuleForNewReplacedAndRemovedRecords) {
     expectOneRule<HashIndex>();
     expectOneRule<SmallIndex>();
+    expectOneRule<SharedIndex>();
 }
 
 TEST(ReactorMapTest, HandleDeleteMayRecreateOrDeleteItsOwnKey) {
@@ -123,6 +127,68 @@ TEST(ReactorMapTest, IndexesFindEveryKeyAcrossGrowthAndShrinking) {
     check(small, recs, log);
     ReactorMap<int, Reactor<false>> hashed;
     check(hashed, recs, log);
+    ReactorMap<int, Reactor<false>, SharedIndex> shared;
+    check(shared, recs, log);
+}
+
+TEST(ReactorMapTest, MapsSharingADirectoryKeepTheirOwnReactors) {
+    using R = Reactor<false>;
+    using Map = ReactorMap<int, R, SharedIndex>;
+    auto dir = std::make_shared<ReactorDirectory<int, R>>();
+    Log log;
+    std::map<int, Rec> recs;
+    for (int k = 0; k < 40; ++k) recs[k] = Rec{k};
+    std::vector<std::unique_ptr<Map>> maps;
+    for (std::size_t i = 0; i < ReactorDirectory<int, R>::slots; ++i) {
+        maps.push_back(std::make_unique<Map>(dir));
+    }
+    std::vector<std::set<int>> want(maps.size());
+    auto check = [&](const char* when) {
+        SCOPED_TRACE(when);
+        std::set<int> any;
+        for (std::size_t i = 0; i < maps.size(); ++i) {
+            if (!maps[i]) continue;
+            std::set<int> seen;
+            maps[i]->forEach([&](R* r) { seen.insert(r->reactorKey()); });
+            EXPECT_EQ(seen, want[i]) << "map " << i;
+            EXPECT_EQ(maps[i]->size(), want[i].size()) << "map " << i;
+            for (int k : want[i]) EXPECT_EQ(maps[i]->get(k)->reactorRecord(), &recs[k]);
+            any.insert(want[i].begin(), want[i].end());
+        }
+        // A key has one block while any map holds it, none after.
+        EXPECT_EQ(dir->keys(), any.size());
+    };
+    // Each map holds its own mix of keys; many keys are held by several.
+    unsigned seed = 7;
+    for (int step = 0; step < 2000; ++step) {
+        seed = seed * 1103515245 + 12345;
+        const std::size_t i = (seed >> 8) % maps.size();
+        const int k = int((seed >> 16) % recs.size());
+        const bool add = (seed >> 28) & 1;
+        maps[i]->update(k, add ? &recs[k] : nullptr, log);
+        if (add) {
+            want[i].insert(k);
+        } else {
+            want[i].erase(k);
+        }
+    }
+    check("after the updates");
+    // A map that goes takes its reactors and its slot, and no other map's.
+    maps[1].reset();
+    want[1].clear();
+    check("after a map went");
+    maps[1] = std::make_unique<Map>(dir);  // its slot is free again
+    maps[1]->update(3, &recs[3], log);
+    want[1].insert(3);
+    check("after a new map took the slot");
+    // One map more than the directory has slots keeps an index of its own.
+    Map extra(dir);
+    extra.update(39, &recs[39], log);
+    EXPECT_EQ(extra.get(39)->reactorRecord(), &recs[39]);
+    check("with a map beside the directory");
+    for (auto& m : maps) m->clear();
+    for (auto& w : want) w.clear();
+    check("after every map cleared");
 }
 
 TEST(ReactorMapTest, SweepSeesTheKeysPresentWhenItStarts) {

@@ -182,6 +182,7 @@ void ContainerSm::handleInitialized() {
     ctx_.family = pc_.family;
     ctx_.loop = &pc_.loop;
     ctx_.routeCapacity = pc_.maxRoutes;
+    ctx_.routeReactors = std::make_shared<RouteReactorDirectory>();
     config_ = db.config(vrf_);
     clearConfig_ = db.clearConfig(vrf_);
     ssmConvertConfig_ = db.ssmConvertConfig(vrf_);

@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 
 #include "cask/event_loop.h"
 #include "wirl/address_family.h"
@@ -43,7 +44,12 @@ class SparseModeStatus;
 namespace Tidal::Multicast::Fib {
 class Status;
 }
+namespace Cask {
+template <class Key, class Base>
+class ReactorDirectory;
+}
 namespace Routing::Pim {
+class RouteKey;
 class Status;
 class MrtUpcallStatus;
 class RpfConfig;
@@ -66,6 +72,8 @@ class MessageCounters;
 
 namespace Routing::Pim::SparseMode {
 
+class RouteReactor;
+using RouteReactorDirectory = Cask::ReactorDirectory<Routing::Pim::RouteKey, RouteReactor>;
 class Config;
 class Status;
 class LocalStatus;
@@ -87,6 +95,9 @@ struct VrfContext {
     // limit). Route indexes are sized for it when they are made, so that
     // growing to the limit never rehashes one in a single long step.
     std::size_t routeCapacity = 0;
+    // The index the machines that follow every route share for their
+    // per-route reactors (null: each map keeps its own).
+    std::shared_ptr<RouteReactorDirectory> routeReactors;
 
     // Configuration.
     Config* config = nullptr;

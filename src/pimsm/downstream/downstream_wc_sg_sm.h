@@ -111,6 +111,9 @@ private:
 
 class DownstreamWcSgSm : public Cask::Record<DownstreamWcSgSm>, public LocalStatus::Notifiee {
 public:
+    // The routes' reactors, in the VRF's route directory.
+    using RouteMap = Cask::ReactorMap<Routing::Pim::RouteKey, DownstreamRouteSm, Cask::SharedIndex>;
+
     class Notifiee : public Cask::NotifieeOf<DownstreamWcSgSm> {
     public:
         using NotifieeOf::NotifieeOf;
@@ -144,9 +147,7 @@ public:
     DownstreamRouteSm* downstreamRouteSm(const Routing::Pim::RouteKey& key) const {
         return route_.get(key);
     }
-    const Cask::ReactorMap<Routing::Pim::RouteKey, DownstreamRouteSm>& routeMap() const {
-        return route_;
-    }
+    const RouteMap& routeMap() const { return route_; }
 
     // Start-up: takes up the routes present, then sets `initialized`.
     void handleInitialized() override;
@@ -181,7 +182,7 @@ private:
     JoinPruneRxWatcher<DownstreamWcSgSm> rxWatcher_{
         *this,
         {.join = &DownstreamWcSgSm::handleRxJoin, .prune = &DownstreamWcSgSm::handleRxPrune}};
-    Cask::ReactorMap<Routing::Pim::RouteKey, DownstreamRouteSm> route_;
+    RouteMap route_{in_.routeReactors};
 };
 
 // Creates the VRF's DownstreamWcSgSm and starts it (`handleInitialized`).

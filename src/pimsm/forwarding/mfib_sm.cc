@@ -18,7 +18,8 @@ MfibSm::MfibSm(const VrfContext& ctx)
       routeStatus_(ctx.status),
       localStatus_(ctx.localStatus),
       mfibConfig_(ctx.mfibConfig),
-      loop_(ctx.loop) {
+      loop_(ctx.loop),
+      wcRho_(ctx.routeReactors) {
     requireInputs(ctx, "MfibSm", &VrfContext::mfibTidal, &VrfContext::localStatus);
     sgRho_.reserve(ctx.routeCapacity);
     wcRho_.reserve(ctx.routeCapacity);

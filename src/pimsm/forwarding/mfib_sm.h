@@ -143,6 +143,9 @@ public:
         MfibSm& sm_;
     };
 
+    // The (*,G) routes' reactors, in the VRF's route directory.
+    using WcRhoMap = Cask::ReactorMap<Routing::Pim::RouteKey, RhoWcRoute, Cask::SharedIndex>;
+
     // The longest a turn runs before dirty routes wait for the next one.
     static constexpr Cask::Seconds buildQuantum = 0.1;
 
@@ -210,7 +213,7 @@ public:
     // The reactor of a route, for tests; null when there is none.
     RhoRoute* rho(const Routing::Pim::RouteKey& key) const;
     RhoWcRoute* rhoWcRoute(const Routing::Pim::RouteKey& key) const { return wcRho_.get(key); }
-    const Cask::ReactorMap<Routing::Pim::RouteKey, RhoWcRoute>& wcRhoMap() const { return wcRho_; }
+    const WcRhoMap& wcRhoMap() const { return wcRho_; }
 
     // --- deferred builds ------------------------------------------------------
     // Marks a route dirty; it is built when the turn's handler chain settles.
@@ -253,7 +256,7 @@ private:
     // routes are adjacent. B-trees here and below hold keys without a node
     // allocation each.
     absl::btree_set<Routing::Pim::RouteKey> sgKeys_;
-    Cask::ReactorMap<Routing::Pim::RouteKey, RhoWcRoute> wcRho_;
+    WcRhoMap wcRho_;
     // Built in key order.
     absl::btree_set<Routing::Pim::RouteKey> dirty_;
     bool buildScheduled_ = false;

@@ -33,6 +33,7 @@
 #include <boost/container/flat_map.hpp>
 
 #include "cask/collection.h"
+#include "cask/reactor_directory.h"
 #include "pimsm/route/intf.h"
 #include "pimsm/route/route_types.h"
 #include "pimsm/route/upstream_info.h"
@@ -339,6 +340,9 @@ private:
 // is the reactor's only pointer to it, and stays watched until then.
 class RouteReactor : public Route::Notifiee {
 public:
+    // The reactors a VRF's route directory holds (see RouteReactorDirectory).
+    using DirectoryBase = RouteReactor;
+
     explicit RouteReactor(Route& route) : Route::Notifiee(&route) { intrusive_ptr_add_ref(&route); }
     ~RouteReactor() override {
         Route* r = notifier();
@@ -355,6 +359,11 @@ private:
     // Held: detaching would release the route early.
     using NotifieeOf::notifierIs;
 };
+
+// One index of the reactors of the machines that follow every route of a
+// VRF, shared by their reactor maps (`Cask::SharedIndex`). The VRF's
+// container makes it; see cask/reactor_directory.h.
+using RouteReactorDirectory = Cask::ReactorDirectory<Routing::Pim::RouteKey, RouteReactor>;
 
 template <class W, class N>
 void Route::setFlag(W& word, unsigned bit, bool v, void (N::*handler)()) {

@@ -56,6 +56,9 @@ namespace Routing::Pim::SparseMode {
 
 class RouteReviewSm : public Status::Notifiee {
 public:
+    // The routes' reactors, in the VRF's route directory.
+    using RouteSmMap = Cask::ReactorMap<Routing::Pim::RouteKey, RouteSm, Cask::SharedIndex>;
+
     static constexpr Cask::Seconds defaultMinDelay = 0.01;
     static constexpr Cask::Seconds defaultMaxDelay = 0.05;
     static constexpr Cask::Seconds defaultReviewQuantum = 0.1;
@@ -102,7 +105,7 @@ public:
     // The per-route reactors.
     RouteSm* routeSm(const Routing::Pim::RouteKey& k) const { return routeSm_.get(k); }
     std::size_t routeSmSize() const { return routeSm_.size(); }
-    const Cask::ReactorMap<Routing::Pim::RouteKey, RouteSm>& routeSmMap() const { return routeSm_; }
+    const RouteSmMap& routeSmMap() const { return routeSm_; }
     // Creates the reactor of `route` (not yet initialized) when its key has
     // none; returns it, or null when the key has one.
     RouteSm* routeSmCreate(Route& route) { return routeSm_.update(route.key(), &route, *this); }
@@ -171,7 +174,7 @@ private:
     std::unique_ptr<Cask::SlicedReview<Routing::Pim::RouteKey>> review_;
     std::unique_ptr<Watchers> watchers_;
     std::map<Wirl::IntfId, std::unique_ptr<PimIntfWatcher>> pimIntf_;
-    Cask::ReactorMap<Routing::Pim::RouteKey, RouteSm> routeSm_;
+    RouteSmMap routeSm_{in_.routeReactors};
 };
 
 // Creates the review and initializes it (watchers, reactors for the routes

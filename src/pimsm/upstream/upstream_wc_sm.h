@@ -78,6 +78,9 @@ public:
         UpstreamWcSm& sm_;
     };
 
+    // The routes' reactors, in the VRF's route directory.
+    using RouteMap = Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute, Cask::SharedIndex>;
+
     // Reads from the context: localStatus, pimStatus and joinPruneStatus
     // (required); rpMapping, rpfTable, rpLocalStatus, joinPruneRxStatus (each
     // read as "nothing" when absent: no RP, no RPF, not an RP, no message).
@@ -93,7 +96,7 @@ public:
 
     RhoRoute* rhoRoute(const Routing::Pim::RouteKey& key) const;
     std::size_t rhoRouteSize() const { return route_.size(); }
-    const Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute>& routeMap() const { return route_; }
+    const RouteMap& routeMap() const { return route_; }
 
     // Start-up: drops periodic (*,G) Joins left for routes that are gone,
     // takes up the routes present, then sets `initialized`.
@@ -154,7 +157,7 @@ private:
     bool initialized_ = false;
     JoinPruneRxWatcher<UpstreamWcSm> rxWatcher_{
         *this, {.join = &UpstreamWcSm::handleRxJoin, .prune = &UpstreamWcSm::handleRxPrune}};
-    Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute> route_;
+    RouteMap route_{in_.routeReactors};
 };
 
 // Creates the VRF's UpstreamWcSm and starts it (`handleInitialized`).

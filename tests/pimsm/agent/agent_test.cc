@@ -242,12 +242,12 @@ TEST_F(AgentTest, RouteIndexesAreSizedForTheRouteLimit) {
     start();
     ContainerSm& c = *root().containerSm(red);
     const std::vector<std::pair<const char*, std::function<std::size_t()>>> indexes = {
-        {"route reactors", [&] { return c.routeReviewSm()->routeSmMap().indexFootprint(); }},
-        {"membership", [&] { return c.gmpSm()->wcRouteMap().indexFootprint(); }},
-        {"upstream (*,G)", [&] { return c.upstreamWcSm()->routeMap().indexFootprint(); }},
-        {"downstream", [&] { return c.downstreamWcSgSm()->routeMap().indexFootprint(); }},
-        {"forwarding", [&] { return c.mfibSm()->wcRhoMap().indexFootprint(); }},
-        {"upstream (S,G)", [&] { return c.upstreamSgSm()->routeMap().indexFootprint(); }},
+        {"route reactors", [&] { return c.routeReviewSm()->routeSmMap().indexCapacity(); }},
+        {"membership", [&] { return c.gmpSm()->wcRouteMap().indexCapacity(); }},
+        {"upstream (*,G)", [&] { return c.upstreamWcSm()->routeMap().indexCapacity(); }},
+        {"downstream", [&] { return c.downstreamWcSgSm()->routeMap().indexCapacity(); }},
+        {"forwarding", [&] { return c.mfibSm()->wcRhoMap().indexCapacity(); }},
+        {"upstream (S,G)", [&] { return c.upstreamSgSm()->routeMap().indexCapacity(); }},
     };
     std::vector<std::size_t> before;
     for (const auto& [name, footprint] : indexes) {
