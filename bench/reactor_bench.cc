@@ -5,7 +5,9 @@
 //
 // The reactor figure is measured, per machine, as
 //   reactor blocks (the pools' bytes in use, one reactor per route)
-//   + index bytes (the hash set's slots and control bytes; a one-interface map has none)
+//   + index bytes (the hash set's slots and control bytes; a one-interface map has none; for
+//     the machines in the VRF's route directory, an equal share of its blocks and table among
+//     the maps in it here)
 //   + registrations (watcher slots added to the records' notifiee lists, 8 bytes each)
 // divided by N, and printed beside the 64-byte budget. Beside it, every byte the machine
 // allocated while it took up the routes (counted by the binary's allocator, alloc_count.h, at
@@ -14,6 +16,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <new>
 #include <string>
 #include <string_view>
@@ -101,6 +104,7 @@ struct Vrf {
         c.mfibTidal = table.get();
         c.ssmGroupInfo = ssm.get();
         c.groupFilterStatus = filter.get();
+        c.routeReactors = std::make_shared<RouteReactorDirectory>();
         return c;
     }();
     std::unique_ptr<RouteReviewSm> review;
@@ -142,7 +146,9 @@ int run(std::size_t n) {
         vrf.membership->membershipIs(k, {k, Routing::Gmp::Tidal::FilterMode::include});
     }
     std::vector<Row> rows;
-    // Takes up the routes with one more machine and measures what it added.
+    std::vector<std::function<std::size_t()>> indexes;
+    // Takes up the routes with one more machine and measures what it added. Index bytes are
+    // read once every machine is there: the machines in the route directory share it.
     auto measure = [&](const char* name, auto make, auto blocks, auto index) {
         const long long bytes0 = liveBytes();
         const std::size_t slots0 = registrations(*vrf.status);
@@ -151,12 +157,11 @@ int run(std::size_t n) {
         vrf.loop.runUntilIdle(vrf.clock.now() + 1);
         Row row{name};
         row.blocks = (double(blocks()) - double(blocks0)) / double(n);
-        row.index = double(index()) / double(n);
         row.slots =
             (double(registrations(*vrf.status)) - double(slots0)) * sizeof(void*) / double(n);
-        row.reactor = row.blocks + row.index + row.slots;
         row.allocated = double(liveBytes() - bytes0) / double(n);
         rows.push_back(row);
+        indexes.push_back(index);
     };
     measure(
         "RouteSm (route review)", [&] { vrf.review = routeReviewSmFactory(vrf.ctx); },
@@ -173,7 +178,13 @@ int run(std::size_t n) {
     measure(
         "GmpSm", [&] { vrf.gmp = gmpSmFactory(vrf.ctx); },
         [] { return poolBytes<GmpSm::RhoRoute>(); },
-        [&] { return vrf.gmp->wcRouteMap().indexFootprint(); });
+        [&] {
+            return vrf.gmp->wcRouteMap().indexFootprint() + vrf.gmp->sgRouteMap().indexFootprint();
+        });
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        rows[i].index = double(indexes[i]()) / double(n);
+        rows[i].reactor = rows[i].blocks + rows[i].index + rows[i].slots;
+    }
 
     std::printf("%zu (*,G) routes, one interface each; bytes per route\n", n);
     std::printf("%-24s %9s %7s %7s %7s %7s %10s\n", "machine", "reactors", "budget", "blocks",

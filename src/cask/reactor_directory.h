@@ -35,7 +35,7 @@ namespace Cask {
 template <class Key, class Base>
 class ReactorDirectory {
 public:
-    static constexpr std::size_t slots = 4;
+    static constexpr std::size_t slots = 6;
 
     ReactorDirectory() = default;
     ReactorDirectory(const ReactorDirectory&) = delete;

@@ -51,12 +51,10 @@ public:
     // Re-decides its route's local receivers whenever the route becomes
     // initialized (a route re-created by the route review, say), since its
     // flags may no longer match the membership table.
-    class RhoRoute : public Route::Notifiee {
+    class RhoRoute : public RouteReactor {
     public:
-        RhoRoute(GmpSm& gmp, Route& route) : gmp_(gmp) { notifierIs(&route); }
+        RhoRoute(GmpSm& gmp, Route& route) : RouteReactor(route), gmp_(gmp) {}
         void handleInitialized() override;
-        const Routing::Pim::RouteKey& reactorKey() const { return notifier()->key(); }
-        const Route* reactorRecord() const { return notifier(); }
 
     private:
         GmpSm& gmp_;
@@ -160,11 +158,13 @@ public:
     bool wcRouteHas(const Routing::Pim::RouteKey& k) const { return wcRoute_.has(k); }
     std::size_t wcRouteSize() const { return wcRoute_.size(); }
     const auto& wcRouteMap() const { return wcRoute_; }
+    const auto& sgRouteMap() const { return sgRoute_; }
 
 private:
     class ConfigWatcher;
     class GroupFilterWatcher;
-    using RouteMap = Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute>;
+    // The routes' reactors, in the VRF's route directory.
+    using RouteMap = Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute, Cask::SharedIndex>;
 
     bool ssmConverted(const RouteIntfKey& key) const;
     void doCreateReview();
@@ -178,8 +178,8 @@ private:
     RouteIntfKey deciding_;
     // The full review, over the whole membership table.
     std::unique_ptr<Cask::SlicedReview<RouteIntfKey>> review_;
-    RouteMap sgRoute_;
-    RouteMap wcRoute_;
+    RouteMap sgRoute_{in_.routeReactors};
+    RouteMap wcRoute_{in_.routeReactors};
     std::unique_ptr<GmpChangeSm> gmpChangeSm_;
     std::unique_ptr<ConfigWatcher> configWatcher_;
     std::unique_ptr<GroupFilterWatcher> groupFilterWatcher_;
