@@ -15,8 +15,9 @@
 // through the reactor of its first filled slot, so the key is not stored
 // twice. A block lives while any of its slots is filled.
 //
-// Cost per key: the block (a pointer per slot and a count) and one slot of
-// the index (a pointer and a control byte); the maps share it.
+// Cost per key: the block (a pointer per slot, the key's hash and a count)
+// and one slot of the index (a pointer and a control byte); the maps share
+// it.
 
 #include <array>
 #include <cstddef>
@@ -70,7 +71,8 @@ public:
             b = *it;
         } else {
             b = new Block;
-            b->slot[s] = r;  // the block's key, before it is hashed
+            b->slot[s] = r;
+            b->hash = narrow(KeyHash{}(r->reactorKey()));
             b->used = 1;
             set_.insert(b);
             return;
@@ -107,8 +109,15 @@ public:
     }
 
 private:
+    // The key's hash, kept in 32 bits of the block's padding: the table
+    // rehashes a block without reading its reactors, and a 32-bit hash is
+    // ample for any number of routes a VRF holds.
+    static std::uint32_t narrow(std::size_t h) { return std::uint32_t(h ^ (h >> 32)); }
+    static std::size_t widen(std::uint32_t h) { return std::size_t(h) * 0x9e3779b97f4a7c15ULL; }
+
     struct Block {
         std::array<Base*, slots> slot{};
+        std::uint32_t hash = 0;
         std::uint8_t used = 0;
         // The key as the reactors give it (a reference, or a value).
         decltype(auto) key() const {
@@ -121,8 +130,8 @@ private:
     };
     struct Hash {
         using is_transparent = void;
-        std::size_t operator()(const Block* b) const { return KeyHash{}(b->key()); }
-        std::size_t operator()(const Key& k) const { return KeyHash{}(k); }
+        std::size_t operator()(const Block* b) const { return widen(b->hash); }
+        std::size_t operator()(const Key& k) const { return widen(narrow(KeyHash{}(k))); }
     };
     struct Eq {
         using is_transparent = void;
