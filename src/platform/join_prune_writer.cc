@@ -120,6 +120,43 @@ void JoinPruneWriter::entryIs(JoinPruneNeighbor& nbr, JoinPruneSet which,
     groupRefresh(nbr, e.group());
 }
 
+void JoinPruneWriter::wcJoinIs(JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
+                               const Wirl::IpGenAddr& rp) const {
+    // Drops the group's (*,G) entries toward other RPs: every one from the
+    // periodic record, the Joins only from a pending one.
+    auto dropFormer = [&](JoinPruneGroupData& gd, bool joinsOnly) {
+        if (gd.wcSourceData().empty()) return;
+        std::vector<Wirl::IpGenAddr> former;
+        for (const auto& [other, d] : gd.wcSourceData()) {
+            if (other != rp && (d.join || !joinsOnly)) former.push_back(other);
+        }
+        for (const auto& other : former) {
+            if (joinsOnly) {
+                CASK_VRF_TRACE(8, vrfName_,
+                               "JoinPruneWriter::wcJoinIs(), Deleting pending join for group {} "
+                               "toward former RP {} for neighbor {}",
+                               group, other, nbr.key().address);
+            }
+            gd.wcSourceDataDel(other);
+        }
+    };
+    JoinPruneGroupData& periodic = nbr.periodic().joinPruneGroupDataIs(group);
+    dropFormer(periodic, false);
+    periodic.wcSourceDataIs(rp, true);
+    const Cask::Ptr<JoinPruneGroupData> periodicRef(&periodic);
+    JoinPruneGroupData& triggered = nbr.pendingTriggered().joinPruneGroupDataIs(group);
+    dropFormer(triggered, true);
+    triggered.wcSourceDataIs(rp, true);
+    triggered.periodicPrunedRptGroupDataIs(periodicRef);
+    JoinPruneData& pendingOverride = nbr.pendingOverride();
+    if (JoinPruneGroupData* o = pendingOverride.joinPruneGroupData(group)) {
+        dropFormer(*o, true);
+        o->periodicPrunedRptGroupDataIs(hasWcJoin(*o) ? periodicRef
+                                                      : Cask::Ptr<JoinPruneGroupData>());
+        if (o->empty()) pendingOverride.joinPruneGroupDataDel(group);
+    }
+}
+
 void JoinPruneWriter::entryDel(JoinPruneNeighbor& nbr, JoinPruneSet which,
                                const JoinPruneEntry& e) const {
     JoinPruneGroupData* gd = groupData(nbr, which, e.group());

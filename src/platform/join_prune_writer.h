@@ -105,6 +105,16 @@ public:
     // Removes the entry; for `wc` the entry toward the RP (every RP when
     // none is given) whatever its join flag.
     void entryDel(JoinPruneNeighbor& nbr, JoinPruneSet which, const JoinPruneEntry& e) const;
+    // A (*,G) Join toward `rp` as a router joining the shared tree writes
+    // it, in one pass over the group's records: into the periodic set, in
+    // place of a Join toward a former RP of the group, and into the
+    // triggered set, which refers to the periodic record and so carries the
+    // group's (S,G,rpt) Prunes. A pending Join toward a former RP leaves the
+    // triggered and override sets: the neighbour would otherwise be joined
+    // to two shared trees of the group. The same as the periodic and
+    // triggered `entryIs` with those removals, at a third of the searches.
+    void wcJoinIs(JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
+                  const Wirl::IpGenAddr& rp) const;
     // Removes the entry from the periodic, triggered and override sets.
     void entryWithdraw(JoinPruneNeighbor& nbr, const JoinPruneEntry& e) const;
     // Marks the periodic (*,G) Join toward `rp` as suppressed by another

@@ -204,45 +204,15 @@ void UpstreamWcSm::doRpfNeighborJoin(const RouteKey& key, Wirl::IntfId intf,
 
 void UpstreamWcSm::doWriteJoin(JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
                                const Wirl::IpGenAddr& rp) {
-    const auto& neighbor = nbr.key().address;
     CASK_VRF_TRACE(
         8, in_.vrfName,
         "UpstreamWcSm::doRpfNeighborJoin(), RPF change: Adding periodic join for neighbor {}",
-        neighbor);
-    // The periodic set keeps one (*,G) entry per group: a join toward a
-    // former RP goes.
-    writer_.entryIs(nbr, JoinPruneSet::periodic, JoinPruneEntry::wcJoin(group, rp));
+        nbr.key().address);
     CASK_VRF_TRACE(
         8, in_.vrfName,
         "UpstreamWcSm::doRpfNeighborJoin(), RPF change: Sending triggered join to neighbor {}",
-        neighbor);
-    doDropFormerRpJoins(nbr, group, rp);
-    // It refers to the periodic record, so it carries the group's (S,G,rpt)
-    // prunes.
-    writer_.entryIs(nbr, JoinPruneSet::triggered, JoinPruneEntry::wcJoin(group, rp));
-}
-
-void UpstreamWcSm::doDropFormerRpJoins(JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
-                                       const Wirl::IpGenAddr& rp) {
-    // A Join not yet sent toward a former RP of the group must not go out
-    // beside the one toward the RP now: the neighbour would be joined to two
-    // shared trees of one group.
-    for (JoinPruneSet set : {JoinPruneSet::triggered, JoinPruneSet::override_}) {
-        const JoinPruneGroupData* gd = writer_.groupData(nbr, set, group);
-        if (!gd) continue;
-        std::vector<Wirl::IpGenAddr> former;
-        for (const auto& [other, d] : gd->wcSourceData()) {
-            if (d.join && other != rp) former.push_back(other);
-        }
-        for (const auto& other : former) {
-            CASK_VRF_TRACE(
-                8, in_.vrfName,
-                "UpstreamWcSm::doDropFormerRpJoins(), Deleting pending join for group {} "
-                "toward former RP {} for neighbor {}",
-                group, other, nbr.key().address);
-            writer_.entryDel(nbr, set, JoinPruneEntry::wcJoin(group, other));
-        }
-    }
+        nbr.key().address);
+    writer_.wcJoinIs(nbr, group, rp);
 }
 
 bool UpstreamWcSm::rpChanged(const Route& route) const {

@@ -137,10 +137,6 @@ private:
     Wirl::IpGenAddr rpOf(const Wirl::IpGenAddr& group) const;
     // The neighbour of `rpf` holds a periodic (*,G) entry for the group.
     bool joinWrittenAt(const Routing::Pim::Rpf& rpf, const Wirl::IpGenAddr& group) const;
-    // Drops from the pending triggered and override sets of the neighbour
-    // the group's (*,G) Joins toward any RP other than `rp`.
-    void doDropFormerRpJoins(Routing::Pim::JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
-                             const Wirl::IpGenAddr& rp);
     // Writes the (*,G) Join toward `rp` into the periodic and triggered sets.
     void doWriteJoin(Routing::Pim::JoinPruneNeighbor& nbr, const Wirl::IpGenAddr& group,
                      const Wirl::IpGenAddr& rp);
