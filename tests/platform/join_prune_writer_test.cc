@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace Routing::Pim {
 namespace {
 
@@ -168,6 +170,91 @@ TEST(JoinPruneWriter, PendingJoinFollowsThePeriodicRecord) {
         EXPECT_EQ(f.ref(s), nullptr);
         f.writer.entryWithdraw(f.nbr(), join);
         EXPECT_EQ(f.records(), 0u);
+    }
+}
+
+// The one-pass (*,G) Join leaves every set as the entry-by-entry writes do:
+// the periodic Join, the former RP's pending Joins dropped, the triggered
+// Join, each pending record's reference to the periodic one. Every prior
+// content of the three sets is tried.
+TEST(JoinPruneWriter, OnePassWcJoinMatchesTheEntryByEntryWrites) {
+    const Wirl::IpGenAddr former = ip("10.8.8.8");
+    // What a set holds for the group before the Join is written.
+    enum Prior { none, joinFormer, pruneFormer, joinSame, pruneSame, rptOnly, joinFormerAndRpt };
+    const Prior priors[] = {none,      joinFormer, pruneFormer,     joinSame,
+                            pruneSame, rptOnly,    joinFormerAndRpt};
+    auto prepare = [&](WriterFixture& f, Set s, Prior p) {
+        auto& w = f.writer;
+        const auto rpt =
+            JoinPruneEntry::of(s == Set::periodic ? Kind::rptPruned : Kind::rptJoined, f.sg);
+        switch (p) {
+            case none:
+                break;
+            case joinFormer:
+                w.entryIs(f.nbr(), s, JoinPruneEntry::wcJoin(f.group, former));
+                break;
+            case pruneFormer:
+                w.entryIs(f.nbr(), s, JoinPruneEntry::wcPrune(f.group, former));
+                break;
+            case joinSame:
+                w.entryIs(f.nbr(), s, JoinPruneEntry::wcJoin(f.group, f.rp));
+                break;
+            case pruneSame:
+                w.entryIs(f.nbr(), s, JoinPruneEntry::wcPrune(f.group, f.rp));
+                break;
+            case rptOnly:
+                w.entryIs(f.nbr(), s, rpt);
+                break;
+            case joinFormerAndRpt:
+                w.entryIs(f.nbr(), s, JoinPruneEntry::wcJoin(f.group, former));
+                w.entryIs(f.nbr(), s, rpt);
+                break;
+        }
+    };
+    // A set's record as text: its (*,G) entries, its sources, whether it refers to the periodic
+    // record of the group.
+    auto describe = [](const WriterFixture& f, Set s) {
+        const JoinPruneGroupData* gd = JoinPruneWriter::groupData(f.nbr(), s, f.group);
+        if (!gd) return std::string("none");
+        std::string out;
+        for (const auto& [rp, d] : gd->wcSourceData()) {
+            out += rp.str() + (d.join ? " join; " : " prune; ");
+        }
+        for (const auto& src : gd->joinedRptSource()) out += "rptJoined " + src.str() + "; ";
+        for (const auto& src : gd->prunedRptSource()) out += "rptPruned " + src.str() + "; ";
+        const auto* periodic = JoinPruneWriter::groupData(f.nbr(), Set::periodic, f.group);
+        const auto* ref = gd->periodicPrunedRptGroupData().get();
+        out += ref == nullptr ? "no ref" : ref == periodic ? "ref periodic" : "ref elsewhere";
+        return out;
+    };
+    for (Prior p0 : priors) {
+        for (Prior p1 : priors) {
+            for (Prior p2 : priors) {
+                SCOPED_TRACE(testing::Message() << "priors " << p0 << p1 << p2);
+                WriterFixture byEntry, onePass;
+                for (WriterFixture* f : {&byEntry, &onePass}) {
+                    prepare(*f, Set::periodic, p0);
+                    prepare(*f, Set::triggered, p1);
+                    prepare(*f, Set::override_, p2);
+                }
+                auto& w = byEntry.writer;
+                w.entryIs(byEntry.nbr(), Set::periodic,
+                          JoinPruneEntry::wcJoin(byEntry.group, byEntry.rp));
+                for (Set s : {Set::triggered, Set::override_}) {
+                    if (JoinPruneWriter::has(byEntry.nbr(), s,
+                                             JoinPruneEntry::wcJoin(byEntry.group, former))) {
+                        w.entryDel(byEntry.nbr(), s, JoinPruneEntry::wcJoin(byEntry.group, former));
+                    }
+                }
+                w.entryIs(byEntry.nbr(), Set::triggered,
+                          JoinPruneEntry::wcJoin(byEntry.group, byEntry.rp));
+                onePass.writer.wcJoinIs(onePass.nbr(), onePass.group, onePass.rp);
+                for (Set s : allSets) {
+                    EXPECT_EQ(describe(onePass, s), describe(byEntry, s))
+                        << "set " << static_cast<int>(s);
+                }
+            }
+        }
     }
 }
 
