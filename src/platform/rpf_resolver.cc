@@ -35,7 +35,8 @@ Rpf RpfResolver::resolve(const Wirl::IpGenAddr& addr) const {
 }
 
 void RpfResolver::doUpdateRoute(const RouteKey& key, const Addrs& before) {
-    const Addrs now = config_->rpfConfigInfo(key).addresses();
+    const RpfConfigInfo* info = config_->rpfConfigInfoFind(key);
+    const Addrs now = info ? info->addresses() : Addrs{};
 
     // Bring the indexes up to date first and publish afterwards, so that a
     // watcher reacting to the status may change the configuration again.
@@ -58,7 +59,12 @@ void RpfResolver::doUpdateRoute(const RouteKey& key, const Addrs& before) {
         auto it = resolved_.find(a);
         if (it != resolved_.end() && it->second.resolved()) status_->rpfIs(a, it->second);
     }
-    doUpdateUnresolved(key);
+    // A watcher of what was published may have changed the configuration.
+    if (dropped.empty() && added.empty()) {
+        doUpdateUnresolved(key, info);
+    } else {
+        doUpdateUnresolved(key);
+    }
 }
 
 void RpfResolver::doReResolve(const Wirl::IpGenAddr& first, const Wirl::IpGenAddr& last) {
@@ -86,11 +92,15 @@ void RpfResolver::doReResolve(const Wirl::IpGenAddr& first, const Wirl::IpGenAdd
 }
 
 void RpfResolver::doUpdateUnresolved(const RouteKey& key) {
-    if (!config_->rpfConfigInfoHas(key)) {
+    doUpdateUnresolved(key, config_->rpfConfigInfoFind(key));
+}
+
+void RpfResolver::doUpdateUnresolved(const RouteKey& key, const RpfConfigInfo* info) {
+    if (!info) {
         status_->unresolvedRouteDel(key);
         return;
     }
-    auto it = resolved_.find(config_->rpfConfigInfo(key).target);
+    auto it = resolved_.find(info->target);
     if (it != resolved_.end() && it->second.resolved()) {
         status_->unresolvedRouteDel(key);
     } else {

@@ -70,6 +70,8 @@ private:
     // Re-resolves the tracked addresses in [first, last].
     void doReResolve(const Wirl::IpGenAddr& first, const Wirl::IpGenAddr& last);
     void doUpdateUnresolved(const RouteKey& key);
+    // The same, given the route's request (null: it makes none).
+    void doUpdateUnresolved(const RouteKey& key, const RpfConfigInfo* info);
 
     Cask::Ptr<RpfConfig> config_;
     Cask::Ptr<RpfStatus> status_;

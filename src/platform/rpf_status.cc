@@ -22,11 +22,11 @@ bool RpfConfig::addressUsed(const Wirl::IpGenAddr& a) const {
 }
 
 template <class Change>
-void RpfConfig::deliver(const RouteKey& k, Change&& change) {
+void RpfConfig::deliver(RpfConfigInfo before, Change&& change) {
     // A watcher may drop the last reference to the record while it is told;
     // keep it alive until the previous value is put back.
     const Cask::Ptr<RpfConfig> self(this);
-    RpfConfigInfo outer = std::exchange(before_, rpfConfigInfo(k));
+    RpfConfigInfo outer = std::exchange(before_, std::move(before));
     change();
     before_ = std::move(outer);
 }
@@ -63,11 +63,12 @@ void RpfConfig::requestRouteDel(RequestId id, const RouteKey& k) {
 
 void RpfConfig::rpfConfigInfoIs(const RouteKey& k, RpfConfigInfo v) {
     auto it = route_.find(k);
-    if (it != route_.end() && request_[it->second].info == v) return;
-    deliver(k, [&] {
+    const bool present = it != route_.end();
+    if (present && request_[it->second].info == v) return;
+    deliver(present ? request_[it->second].info : RpfConfigInfo{}, [&] {
         const RequestId id = requestIs(v);
         request_[id].routes.insert(k);
-        if (it == route_.end()) {
+        if (!present) {
             route_.try_emplace(k, id);
         } else {
             const RequestId old = std::exchange(it->second, id);
@@ -80,7 +81,7 @@ void RpfConfig::rpfConfigInfoIs(const RouteKey& k, RpfConfigInfo v) {
 void RpfConfig::rpfConfigInfoDel(const RouteKey& k) {
     auto it = route_.find(k);
     if (it == route_.end()) return;
-    deliver(k, [&] {
+    deliver(request_[it->second].info, [&] {
         const RequestId id = it->second;
         route_.erase(it);
         requestRouteDel(id, k);

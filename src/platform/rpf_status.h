@@ -59,6 +59,12 @@ public:
     // The route's request; no addresses when it has none.
     RpfConfigInfo rpfConfigInfo(const RouteKey& k) const;
     bool rpfConfigInfoHas(const RouteKey& k) const { return route_.find(k) != route_.end(); }
+    // The route's request in place; null when it makes none. Valid until
+    // the configuration next changes.
+    const RpfConfigInfo* rpfConfigInfoFind(const RouteKey& k) const {
+        auto it = route_.find(k);
+        return it == route_.end() ? nullptr : &request_[it->second].info;
+    }
     std::size_t rpfConfigInfoSize() const { return route_.size(); }
     void rpfConfigInfoIs(const RouteKey& k, RpfConfigInfo v);
     void rpfConfigInfoDel(const RouteKey& k);
@@ -99,8 +105,10 @@ private:
         absl::btree_set<RouteKey> routes;
     };
 
+    // Runs `change` of an entry whose value was `before`, which
+    // `rpfConfigInfoBefore` shows meanwhile.
     template <class Change>
-    void deliver(const RouteKey& k, Change&& change);
+    void deliver(RpfConfigInfo before, Change&& change);
     RequestId requestIs(const RpfConfigInfo& info);
     // Takes `k` off its request, dropping the request with its last route.
     void requestRouteDel(RequestId id, const RouteKey& k);
