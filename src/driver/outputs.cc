@@ -24,13 +24,8 @@ Json seconds(double t) {
     return std::round(t * 1000) / 1000;
 }
 
-// An address, or null when there is none (no family, or unspecified).
-bool validAddress(const Wirl::IpGenAddr& a) {
-    return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
-}
-
 Json addressOrNull(const Wirl::IpGenAddr& a) {
-    return validAddress(a) ? Json(a.str()) : Json();
+    return a.isSet() ? Json(a.str()) : Json();
 }
 
 // The route as one word, "(*,G)" or "(S,G)", and its source ("*" for the
@@ -72,7 +67,7 @@ Wirl::IpGenAddr rpOf(const ContainerSm& c, const Wirl::IpGenAddr& group) {
 // The unicast route the agent's RPF table gives toward an address.
 std::optional<RpfLookup> rpfLookup(const ContainerSm& c, const Wirl::IpGenAddr& a) {
     const auto* table = c.context().rpfTable;
-    if (!validAddress(a) || !table || !table->available()) return std::nullopt;
+    if (!a.isSet() || !table || !table->available()) return std::nullopt;
     return table->doLookup(a);
 }
 
@@ -83,7 +78,7 @@ Json iifReason(const ContainerSm& c, const Route& r, const Wirl::IpGenAddr& rp) 
     const auto& rpf = r.rpf();
     const auto& ctx = c.context();
     if (r.isWc()) {
-        if (!validAddress(rp)) return "no RP";
+        if (!rp.isSet()) return "no RP";
         if (ctx.rpLocalStatus && ctx.rpLocalStatus->iAmRp(rp)) return "this router is the RP";
         if (!rpf.resolved()) return "no route to RP";
     } else {

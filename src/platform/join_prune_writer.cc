@@ -21,7 +21,7 @@ bool hasWcJoin(const JoinPruneGroupData& gd) {
 }  // namespace
 
 bool JoinPruneEntry::anyRp() const {
-    return rp.family() == Wirl::AddressFamily::ipunknown || rp.isUnspecified();
+    return !rp.isSet();
 }
 
 std::string JoinPruneEntry::str() const {

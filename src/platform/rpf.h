@@ -23,9 +23,7 @@ struct Rpf {
     std::uint32_t metric = infiniteMetric;
 
     bool resolved() const { return !intf.isNull(); }
-    bool hasNeighbor() const {
-        return neighbor.family() != Wirl::AddressFamily::ipunknown && !neighbor.isUnspecified();
-    }
+    bool hasNeighbor() const { return neighbor.isSet(); }
     bool operator==(const Rpf&) const = default;
     std::string str() const;
 };

@@ -42,11 +42,11 @@ void RpfResolver::doUpdateRoute(const RouteKey& key, const Addrs& before) {
     // watcher reacting to the status may change the configuration again.
     std::vector<Wirl::IpGenAddr> dropped, added;
     for (const auto& a : before) {
-        if (!tracked(a) || holds(now, a)) continue;
+        if (!a.isSet() || holds(now, a)) continue;
         if (!config_->addressUsed(a) && resolved_.erase(a)) dropped.push_back(a);
     }
     for (const auto& a : now) {
-        if (!tracked(a) || holds(before, a)) continue;
+        if (!a.isSet() || holds(before, a)) continue;
         if (resolved_.contains(a)) continue;
         const Rpf rpf = resolve(a);
         resolved_.emplace(a, rpf);

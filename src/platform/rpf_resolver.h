@@ -61,9 +61,6 @@ private:
         RpfResolver& owner_;
     };
 
-    static bool tracked(const Wirl::IpGenAddr& a) {
-        return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
-    }
     Rpf resolve(const Wirl::IpGenAddr& addr) const;
     // Follows a route's request from the addresses it asked for before.
     void doUpdateRoute(const RouteKey& key, const Addrs& before);

@@ -6,7 +6,7 @@ namespace Routing::Pim {
 
 namespace {
 // Unset addresses of a request have no family and name nothing.
-bool isSet(const Wirl::IpGenAddr& a) {
+bool hasFamily(const Wirl::IpGenAddr& a) {
     return a.family() != Wirl::AddressFamily::ipunknown;
 }
 }  // namespace
@@ -44,7 +44,7 @@ RpfConfig::RequestId RpfConfig::requestIs(const RpfConfigInfo& info) {
     }
     requestId_.try_emplace(info, id);
     for (const auto& a : info.addresses()) {
-        if (isSet(a)) addressRequest_.insert({a, id});
+        if (hasFamily(a)) addressRequest_.insert({a, id});
     }
     return id;
 }
@@ -54,7 +54,7 @@ void RpfConfig::requestRouteDel(RequestId id, const RouteKey& k) {
     r.routes.erase(k);
     if (!r.routes.empty()) return;
     for (const auto& a : r.info.addresses()) {
-        if (isSet(a)) addressRequest_.erase({a, id});
+        if (hasFamily(a)) addressRequest_.erase({a, id});
     }
     requestId_.erase(r.info);
     r.info = RpfConfigInfo{};

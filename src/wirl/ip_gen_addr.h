@@ -53,9 +53,11 @@ public:
     // mixed notation, "::ffff:1.2.3.4"); "<unknown>" for ipunknown.
     std::string str() const;
 
-    bool isMulticast() const;           // 224.0.0.0/4, ff00::/8
-    bool isUnicast() const;             // see the .cc for what is excluded
-    bool isUnspecified() const;         // 0.0.0.0, ::
+    bool isMulticast() const;    // 224.0.0.0/4, ff00::/8
+    bool isUnicast() const;      // see the .cc for what is excluded
+    bool isUnspecified() const;  // 0.0.0.0, ::
+    // Names an address: of a known family and not unspecified.
+    bool isSet() const { return family_ != AddressFamily::ipunknown && !isUnspecified(); }
     bool isLinkLocalMulticast() const;  // 224.0.0.0/24; ff01::/16, ff02::/16 (any flags)
     bool isLoopback() const;            // 127.0.0.0/8, ::1
 

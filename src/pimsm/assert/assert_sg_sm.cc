@@ -125,7 +125,7 @@ void AssertSgSm::handleRxAssert() {
     const Routing::Pim::AssertMessageInfo& info = *in_.rxAssertMessageInfo;
     const Routing::Pim::AssertMessage& msg = info.message();
     const Wirl::IntfId intf = info.intfId();
-    if (msg.source.family() == Wirl::AddressFamily::ipunknown || msg.source.isUnspecified()) {
+    if (!msg.source.isSet()) {
         CASK_VRF_TRACE(7, vrfName(),
                        "AssertSgSm::handleRxAssert(), Punting to (*,G) assert state machine");
         doPuntAssert();

@@ -1,14 +1,7 @@
 #pragma once
 // Helpers shared by the agent's machines.
 
-#include "wirl/ip_gen_addr.h"
-
 namespace Routing::Pim::SparseMode {
-
-// An address that names something: of a known family, and not all zeros.
-inline bool validAddr(const Wirl::IpGenAddr& a) {
-    return a.family() != Wirl::AddressFamily::ipunknown && !a.isUnspecified();
-}
 
 // A jittered delay: x times a factor drawn uniformly from [0, 1), raised by
 // 0.1 when it falls below 0.1. The factor therefore lies in [0.1, 1.0) and

@@ -90,7 +90,7 @@ Cask::Seconds DownstreamWcSgSm::prunePendingDelay(Wirl::IntfId intf) const {
 bool DownstreamWcSgSm::joinRpMatchesRpOfGroup(const JoinPruneMessageInfo& m) const {
     if (!in_.rpMapping) return false;
     const Wirl::IpGenAddr rp = in_.rpMapping->rpFor(m.riKey.group());
-    if (rp.family() == Wirl::AddressFamily::ipunknown || rp.isUnspecified()) return false;
+    if (!rp.isSet()) return false;
     return rp == m.wcSource;
 }
 

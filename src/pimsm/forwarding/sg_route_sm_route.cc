@@ -105,7 +105,7 @@ bool SgRouteSm::switchToSptDesired(Route& route) {
     } else {
         const Wirl::IpGenAddr rp =
             ctx_.rpMapping ? ctx_.rpMapping->rpFor(group) : Wirl::IpGenAddr();
-        const bool rpKnown = rp.family() != Wirl::AddressFamily::ipunknown && !rp.isUnspecified();
+        const bool rpKnown = rp.isSet();
         if (rpKnown && ctx_.rpLocalStatus && ctx_.rpLocalStatus->iAmRp(rp)) {
             if (sg) {
                 CASK_VRF_TRACE(8, ctx_.vrfName, "SgRouteSm::switchToSptDesired({}) I am the RP ",

@@ -6,7 +6,6 @@
 #include <fmt/format.h>
 
 #include "cask/trace.h"
-#include "pimsm/common/pimsm_common_utils.h"
 #include "pimsm/common/vrf_inputs.h"
 #include "pimsm/upstream/shared_tree.h"
 #include "pimsm/upstream/upstream_rx.h"
@@ -189,7 +188,7 @@ RpfInfo UpstreamSgSm::rpfPrimeSg(Route& route) {
     // RFC 7761 4.1.5: having lost the assert on the RPF interface, the
     // winner is the upstream neighbour.
     const Wirl::IpGenAddr winner = lostAssertWinner(route, rpf.intf);
-    if (validAddr(winner)) {
+    if (winner.isSet()) {
         rpf.neighbor = winner;
         CASK_VRF_TRACE(7, in_.vrfName, "UpstreamSgSm::rpfPrimeSg{}: I am assert loser, RPF {}", key,
                        rpf.str());
@@ -281,7 +280,7 @@ bool UpstreamSgSm::joinWrittenAt(const Rpf& rpf, const RouteKey& key) const {
 
 void UpstreamSgSm::doRpfNeighborJoin(const RouteKey& key, Wirl::IntfId intf,
                                      const Wirl::IpGenAddr& neighbor) {
-    if (!validAddr(neighbor) || intf.isRegister()) return;
+    if (!neighbor.isSet() || intf.isRegister()) return;
     JoinPruneNeighbor& nbr = writer_.rpfNeighbor(intf, neighbor);
     const JoinPruneEntry join = JoinPruneEntry::of(Kind::joined, key);
     CASK_VRF_TRACE(7, in_.vrfName,

@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 
 #include "cask/trace.h"
-#include "pimsm/common/pimsm_common_utils.h"
 #include "pimsm/common/vrf_inputs.h"
 #include "pimsm/upstream/upstream_rx.h"
 
@@ -72,7 +71,7 @@ bool UpstreamWcSm::joinWrittenAt(const Rpf& rpf, const Wirl::IpGenAddr& group) c
 Rpf UpstreamWcSm::rpfPrimeWc(Route& route, bool updateUmh) {
     const RouteKey& key = route.key();
     const Wirl::IpGenAddr rp = rpOf(key.group());
-    if (!validAddr(rp) || !in_.rpfTable || !in_.rpfTable->available()) {
+    if (!rp.isSet() || !in_.rpfTable || !in_.rpfTable->available()) {
         CASK_VRF_TRACE(7, in_.vrfName,
                        "UpstreamWcSm::rpfPrimeWc({}), rpfPrimeWc: No RPF info for group {}", key,
                        key.group());
@@ -178,9 +177,9 @@ void UpstreamWcSm::doEvalJoinDesiredWc(Route& route) {
 
 void UpstreamWcSm::doRpfNeighborJoin(const RouteKey& key, Wirl::IntfId intf,
                                      const Wirl::IpGenAddr& neighbor) {
-    if (!validAddr(neighbor) || intf.isRegister()) return;
+    if (!neighbor.isSet() || intf.isRegister()) return;
     const Wirl::IpGenAddr rp = rpOf(key.group());
-    if (!validAddr(rp)) {
+    if (!rp.isSet()) {
         CASK_VRF_TRACE(7, in_.vrfName,
                        "UpstreamWcSm::doRpfNeighborJoin({}), No RP found for group {}", key,
                        key.group());
@@ -222,7 +221,7 @@ bool UpstreamWcSm::rpChanged(const Route& route) const {
     // The RP may have been taken up by another re-evaluation of RPF' (a
     // change-flag review) that left the Join naming the former RP.
     const Rpf& rpf = route.rpf();
-    if (route.upJoinState() != UpJoinState::upJoined || !rpf.hasNeighbor() || !validAddr(rp)) {
+    if (route.upJoinState() != UpJoinState::upJoined || !rpf.hasNeighbor() || !rp.isSet()) {
         return false;
     }
     const JoinPruneNeighbor* nbr = writer_.neighbor(rpf.intf, rpf.neighbor);
@@ -238,14 +237,14 @@ void UpstreamWcSm::handleRpChange(Route& route) {
                    rp, route.umh()->rp());
     CASK_EVENT("UpstreamWcSm: Route {}, RP changed to {}", key, rp);
     // rpfPrimeWc stores only an RP it finds: a withdrawn mapping leaves none.
-    if (!validAddr(rp)) route.umh()->rpIs(Wirl::IpGenAddr());
+    if (!rp.isSet()) route.umh()->rpIs(Wirl::IpGenAddr());
     // A new RPF' announces itself: handleRpf joins the new neighbour, naming
     // the new RP, and cleans up the old one.
     if (!doEvalRpfPrimeWc(route) && route.upJoinState() == UpJoinState::upJoined) {
         const Rpf rpf = route.rpf();
         const JoinPruneNeighbor* nbr =
             rpf.hasNeighbor() ? writer_.neighbor(rpf.intf, rpf.neighbor) : nullptr;
-        if (nbr && validAddr(rp) &&
+        if (nbr && rp.isSet() &&
             !JoinPruneWriter::has(*nbr, JoinPruneSet::periodic,
                                   JoinPruneEntry::wcJoin(key.group(), rp))) {
             CASK_VRF_TRACE(
@@ -293,7 +292,7 @@ void UpstreamWcSm::doPrevRpfNeighborCleanup(const RouteKey& key, const Rpf& prev
     writer_.entryDel(*nbr, JoinPruneSet::override_, anyWc);
 
     const Wirl::IpGenAddr rp = rpOf(group);
-    if (!validAddr(rp)) {
+    if (!rp.isSet()) {
         CASK_VRF_TRACE(7, in_.vrfName,
                        "UpstreamWcSm::doPrevRpfNeighborCleanup({}), No RP found for group {}", key,
                        group);
@@ -367,8 +366,7 @@ void UpstreamWcSm::handleRxJoin() {
     const auto& group = m.riKey.group();
     JoinPruneNeighbor* nbr = writer_.neighbor(rpf.intf, rpf.neighbor);
     const JoinPruneEntry entry = JoinPruneEntry::wcJoin(group, m.wcSource);
-    if (const char* why =
-            unsuppressedBecause(nbr, group, validAddr(m.wcSource) ? &entry : nullptr)) {
+    if (const char* why = unsuppressedBecause(nbr, group, m.wcSource.isSet() ? &entry : nullptr)) {
         CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::handleRxJoin({}){}", m.riKey, why);
         ignoredRxJoinsInc();
         return;
@@ -393,7 +391,7 @@ void UpstreamWcSm::handleRxPrune() {
         return;
     }
     const auto& group = m.riKey.group();
-    const Wirl::IpGenAddr rp = validAddr(route.umh()->rp()) ? route.umh()->rp() : m.wcSource;
+    const Wirl::IpGenAddr rp = route.umh()->rp().isSet() ? route.umh()->rp() : m.wcSource;
     const JoinPruneGroupData* groupPeriodic =
         writer_.groupData(*nbr, JoinPruneSet::periodic, group);
     CASK_VRF_TRACE(7, in_.vrfName, "UpstreamWcSm::handleRxPrune({}), Sending override join",
