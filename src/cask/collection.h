@@ -26,12 +26,13 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <absl/container/btree_map.h>
+#include <absl/container/btree_set.h>
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 
@@ -229,8 +230,14 @@ public:
     }
 };
 
+// Ordered sets and value maps are B-trees: keys sit many to a node, so a walk
+// reads few cache lines and an insert allocates only when a node splits. An
+// insert or removal moves entries, which the rule above allows for: walks
+// resume by key.
 template <class K>
-using OrderedKeySet = KeySet<K, std::set<K>>;
+using OrderedKeySet = KeySet<K, absl::btree_set<K>>;
+template <class K, class V>
+using OrderedValueMap = ValueMap<K, V, absl::btree_map<K, V>>;
 
 }  // namespace Cask
 

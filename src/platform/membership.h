@@ -6,7 +6,6 @@
 
 #include <compare>
 #include <cstdint>
-#include <map>
 #include <string>
 
 #include <fmt/format.h>
@@ -51,7 +50,7 @@ public:
     CASK_VALUE_MAP(membership, Membership, RouteIntfKey, Membership)
 
 private:
-    Cask::ValueMap<RouteIntfKey, Membership, std::map<RouteIntfKey, Membership>> membership_;
+    Cask::OrderedValueMap<RouteIntfKey, Membership> membership_;
 };
 
 }  // namespace Routing::Gmp::Tidal
