@@ -28,6 +28,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -85,6 +86,25 @@ const auto& keyOf(const E& e) {
     }
 }
 
+template <class Map>
+constexpr bool isGrowingTable = false;
+template <class Table>
+constexpr bool isGrowingTable<GrowingTable<Table>> = true;
+
+// Counts the removals and replacements of a collection, so that what was
+// found in it can be trusted until the next one. Only the large hashed
+// collections count; the others keep nothing.
+template <class Map>
+struct ChangeCount {
+    void bump() {}
+};
+template <class Map>
+requires isGrowingTable<Map>
+struct ChangeCount<Map> {
+    std::uint64_t n = 0;
+    void bump() { ++n; }
+};
+
 // What every collection shares: removal, notification, size, iteration.
 template <class Map>
 class KeyedCollection {
@@ -114,6 +134,7 @@ public:
         // and take the key by value: it may live inside the erased entry.
         auto keep = std::move(*it);
         map_.erase(it);
+        changes_.bump();
         Key key = keyOf(keep);
         announce(owner, handler, key);
     }
@@ -137,6 +158,7 @@ protected:
     }
 
     Map map_;
+    [[no_unique_address]] ChangeCount<Map> changes_;
 };
 
 // Hashed collections are open-addressing maps: a lookup touches one group of
@@ -153,13 +175,17 @@ using HashSet = GrowingTable<absl::flat_hash_set<K, FlatKeyHash>>;
 template <class K, class V, class Map = HashMap<K, Ptr<V>>>
 class RecordMapOf : public KeyedCollection<Map> {
 public:
-    Ptr<V> get(const K& k) const {
-        auto it = this->map_.find(k);
-        return it == this->map_.end() ? Ptr<V>() : it->second;
-    }
+    Ptr<V> get(const K& k) const { return Ptr<V>(raw(k)); }
     V* raw(const K& k) const {
+        if constexpr (isGrowingTable<Map>) {
+            if (last_.record && last_.changes == this->changes_.n && last_.key == k) {
+                return last_.record;
+            }
+        }
         auto it = this->map_.find(k);
-        return it == this->map_.end() ? nullptr : it->second.get();
+        if (it == this->map_.end()) return nullptr;
+        if constexpr (isGrowingTable<Map>) last_ = {it->first, it->second.get(), this->changes_.n};
+        return it->second.get();
     }
     // Inserts `v` under `k`; announces only if the entry is new or replaced
     // by a different record. `nullMessage` is the refusal text for null.
@@ -170,6 +196,7 @@ public:
         if (!inserted) {
             if (it->second == v) return;
             it->second = std::move(v);
+            this->changes_.bump();
         }
         this->announce(owner, handler, k);
     }
@@ -191,6 +218,20 @@ public:
         this->announce(owner, handler, k);
         return v;
     }
+
+private:
+    // The record found last, in a large hashed map: a change of a route is
+    // announced to each machine in turn, and each looks the route up by the
+    // same key, so all but the first are answered without hashing it. Good
+    // until the map's next removal or replacement.
+    struct LastFound {
+        K key{};
+        V* record = nullptr;
+        std::uint64_t changes = 0;
+    };
+    struct Nothing {};
+    [[no_unique_address]] mutable std::conditional_t<isGrowingTable<Map>, LastFound, Nothing>
+        last_;
 };
 
 template <class K, class V>

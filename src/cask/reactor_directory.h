@@ -60,32 +60,29 @@ public:
     std::size_t mapCount() const { return std::size_t(__builtin_popcount(taken_)); }
 
     Base* find(const Key& k, std::size_t s) const {
-        auto it = set_.find(k);
-        return it == set_.end() ? nullptr : (*it)->slot[s];
+        const Block* b = block(k);
+        return b ? b->slot[s] : nullptr;
     }
     // Puts `r` in slot `s` of its key's block, which must be free.
     void insert(std::size_t s, Base* r) {
-        auto it = set_.find(r->reactorKey());
-        Block* b;
-        if (it != set_.end()) {
-            b = *it;
-        } else {
-            b = new Block;
+        if (Block* b = block(r->reactorKey())) {
             b->slot[s] = r;
-            b->hash = narrow(KeyHash{}(r->reactorKey()));
-            b->used = 1;
-            set_.insert(b);
+            ++b->used;
             return;
         }
+        auto* b = new Block;
         b->slot[s] = r;
-        ++b->used;
+        b->hash = narrow(KeyHash{}(r->reactorKey()));
+        b->used = 1;
+        set_.insert(b);
+        last_ = b;
     }
     // Empties slot `s` of `r`'s key, which holds `r`.
     void erase(std::size_t s, Base* r) {
-        auto it = set_.find(r->reactorKey());
-        Block* b = *it;
+        Block* b = block(r->reactorKey());
         if (b->used == 1) {
-            set_.erase(it);  // while the block can still name its key
+            set_.erase(b);  // while the block can still name its key
+            if (last_ == b) last_ = nullptr;
             delete b;
             return;
         }
@@ -140,7 +137,19 @@ private:
         bool operator()(const Key& k, const Block* a) const { return a->key() == k; }
     };
 
+    // The key's block, or null. A change of a route is announced to each
+    // machine in turn, and each looks its reactor up by the same key: the
+    // block found last answers all but the first without hashing the key.
+    Block* block(const Key& k) const {
+        if (last_ && last_->key() == k) return last_;
+        auto it = set_.find(k);
+        if (it == set_.end()) return nullptr;
+        last_ = *it;
+        return last_;
+    }
+
     GrowingTable<absl::flat_hash_set<Block*, Hash, Eq>> set_;
+    mutable Block* last_ = nullptr;
     std::uint32_t taken_ = 0;
 };
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <new>
 #include <string>
@@ -289,4 +290,58 @@ TEST(Notifier, HashedCollectionsKeepEveryEntryThroughGrowth) {
     for (int k = 0; k < n; ++k) t->memberIs(k * 64);
     for (int k = 0; k < n; ++k) ASSERT_TRUE(t->memberHas(k * 64)) << k;
     EXPECT_FALSE(t->memberHas(1));
+}
+
+// A large hashed record map answers a repeated lookup from the record it
+// found last. Random inserts, replacements and removals on a few keys (so
+// the same key is asked for again and again), with every announcement
+// looking up its own key and another, must always read what the map holds.
+TEST(Notifier, RepeatedLookupsSeeEveryRemovalAndReplacement) {
+    auto t = Cask::make<Thing>();
+    Calls calls;
+    Log w(t.get(), calls);
+    std::map<int, Thing*> model;
+    auto expectModel = [&](int k, const char* where) {
+        auto it = model.find(k);
+        ASSERT_EQ(t->child(k).get(), it == model.end() ? nullptr : it->second)
+            << where << " key " << k;
+    };
+    unsigned seed = 11;
+    auto next = [&seed] {
+        seed = seed * 1103515245 + 12345;
+        return seed >> 8;
+    };
+    bool deletingAll = false;
+    w.hook = [&] {
+        const int k = std::stoi(calls.back().substr(std::string("w:child ").size()));
+        if (deletingAll) model.erase(k);  // keys go one by one, each announced
+        expectModel(k, "announced");
+        expectModel(int(next() % 8), "other");  // leaves another key found last
+    };
+    for (int step = 0; step < 3000; ++step) {
+        const int k = int(next() % 8);
+        expectModel(k, "before");
+        switch (next() % 4) {
+            case 0:
+            case 1: {
+                auto fresh = Cask::make<Thing>();
+                model[k] = fresh.get();
+                t->childIs(k, fresh);  // a new entry or a replacement
+                break;
+            }
+            case 2:
+                model.erase(k);
+                t->childDel(k);
+                break;
+            default:
+                if (step % 50 == 0) {
+                    deletingAll = true;
+                    t->childDelAll();
+                    deletingAll = false;
+                    EXPECT_TRUE(model.empty());
+                }
+        }
+        expectModel(k, "after");
+        if (testing::Test::HasFatalFailure()) return;
+    }
 }

@@ -171,6 +171,11 @@ TEST(ReactorMapTest, MapsSharingADirectoryKeepTheirOwnReactors) {
         } else {
             want[i].erase(k);
         }
+        // Every map, asked right after the change, sees its own state of the
+        // key: the directory's last-found block must not outlive a removal.
+        for (std::size_t j = 0; j < maps.size(); ++j) {
+            ASSERT_EQ(maps[j]->get(k) != nullptr, want[j].count(k) == 1) << step << " map " << j;
+        }
     }
     check("after the updates");
     // A map that goes takes its reactors and its slot, and no other map's.
