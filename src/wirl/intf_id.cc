@@ -75,8 +75,7 @@ bool IntfId::hasPrefix(std::string_view prefix) const {
     return name().starts_with(prefix);
 }
 
-std::strong_ordering IntfId::operator<=>(const IntfId& other) const {
-    if (id_ == other.id_) return std::strong_ordering::equal;
+std::strong_ordering IntfId::compareNames(const IntfId& other) const {
     return name().compare(other.name()) <=> 0;
 }
 

@@ -42,11 +42,16 @@ public:
 
     bool operator==(const IntfId& other) const { return id_ == other.id_; }
     // By name; consistent with == because distinct ids have distinct names.
-    std::strong_ordering operator<=>(const IntfId& other) const;
+    std::strong_ordering operator<=>(const IntfId& other) const {
+        if (id_ == other.id_) return std::strong_ordering::equal;
+        return compareNames(other);
+    }
 
     std::size_t hash() const;
 
 private:
+    std::strong_ordering compareNames(const IntfId& other) const;
+
     std::uint32_t id_ = 0;
 };
 

@@ -224,11 +224,20 @@ public:
     using IntfMap = boost::container::flat_map<Wirl::IntfId, Cask::Ptr<Intf>>;
     CASK_COLLECTION_COMMON(routeIntf, RouteIntf, Wirl::IntfId)
     Cask::Ptr<Intf> routeIntf(Wirl::IntfId i) const {
-        return routeIntf_.get(i);
+        return Cask::Ptr<Intf>(routeIntfRaw(i));
     }
     Intf* routeIntfRaw(Wirl::IntfId i) const {
+        // A route has few interfaces: comparing ids one by one beats a
+        // search in name order, whose every step compares two names.
+        if (routeIntf_.size() <= scanIntfsUpTo) {
+            for (const auto& [id, intf] : routeIntf_) {
+                if (id == i) return intf.get();
+            }
+            return nullptr;
+        }
         return routeIntf_.raw(i);
     }
+    static constexpr std::size_t scanIntfsUpTo = 16;
     Cask::Ptr<Intf> routeIntfIs(Wirl::IntfId intf, std::uint32_t ifIndex = 0);
 
     // --- upstream --------------------------------------------------------
