@@ -86,20 +86,24 @@ const auto& keyOf(const E& e) {
     }
 }
 
+// The route-scale collections: large hashed tables and B-tree maps. Only
+// these keep the record found last (see RecordMapOf).
 template <class Map>
-constexpr bool isGrowingTable = false;
+constexpr bool isLarge = false;
 template <class Table>
-constexpr bool isGrowingTable<GrowingTable<Table>> = true;
+constexpr bool isLarge<GrowingTable<Table>> = true;
+template <class K, class V, class C, class A>
+constexpr bool isLarge<absl::btree_map<K, V, C, A>> = true;
 
 // Counts the removals and replacements of a collection, so that what was
-// found in it can be trusted until the next one. Only the large hashed
-// collections count; the others keep nothing.
+// found in it can be trusted until the next one. Only the large collections
+// count; the others keep nothing.
 template <class Map>
 struct ChangeCount {
     void bump() {}
 };
 template <class Map>
-requires isGrowingTable<Map>
+requires isLarge<Map>
 struct ChangeCount<Map> {
     std::uint64_t n = 0;
     void bump() { ++n; }
@@ -177,14 +181,14 @@ class RecordMapOf : public KeyedCollection<Map> {
 public:
     Ptr<V> get(const K& k) const { return Ptr<V>(raw(k)); }
     V* raw(const K& k) const {
-        if constexpr (isGrowingTable<Map>) {
+        if constexpr (isLarge<Map>) {
             if (last_.record && last_.changes == this->changes_.n && last_.key == k) {
                 return last_.record;
             }
         }
         auto it = this->map_.find(k);
         if (it == this->map_.end()) return nullptr;
-        if constexpr (isGrowingTable<Map>) last_ = {it->first, it->second.get(), this->changes_.n};
+        if constexpr (isLarge<Map>) last_ = {it->first, it->second.get(), this->changes_.n};
         return it->second.get();
     }
     // Inserts `v` under `k`; announces only if the entry is new or replaced
@@ -230,7 +234,7 @@ private:
         std::uint64_t changes = 0;
     };
     struct Nothing {};
-    [[no_unique_address]] mutable std::conditional_t<isGrowingTable<Map>, LastFound, Nothing>
+    [[no_unique_address]] mutable std::conditional_t<isLarge<Map>, LastFound, Nothing>
         last_;
 };
 

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <vector>
 
+#include <absl/container/btree_map.h>
 #include <absl/container/btree_set.h>
 
 #include "cask/collection.h"
@@ -75,8 +76,6 @@ public:
     // delivered with its own previous value, and the outer one's is back
     // once it returns.
     const RpfConfigInfo& rpfConfigInfoBefore() const { return before_; }
-    // Room for `n` routes, so that growing to that many never rehashes.
-    void routeCapacityIs(std::size_t n) { route_.reserve(n); }
 
     // Every route with its request, in no particular order. `f` must not
     // change the configuration.
@@ -113,7 +112,9 @@ private:
     // Takes `k` off its request, dropping the request with its last route.
     void requestRouteDel(RequestId id, const RouteKey& k);
 
-    Cask::HashMap<RouteKey, RequestId> route_;
+    // In key order: routes arrive in key order from the reviews that make
+    // them, so new entries go to the same leaf rather than to random places.
+    absl::btree_map<RouteKey, RequestId> route_;
     std::vector<Request> request_;
     std::vector<RequestId> freeRequest_;
     Cask::HashMap<RpfConfigInfo, RequestId> requestId_;

@@ -84,7 +84,6 @@ void ContainerSm::handleInitialized() {
     rpfConfig_ = Cask::make<Routing::Pim::RpfConfig>();
     rpfStatus_ = Cask::make<Routing::Pim::RpfStatus>();
     rpfResolver_ = std::make_unique<Routing::Pim::RpfResolver>(rpfConfig_, rpfStatus_);
-    rpfConfig_->routeCapacityIs(pc_.maxRoutes);
     unicastRoutingStatus_ = unicastRoutingStatusFactory(pc_.family);
     mribWatcher_ =
         std::make_unique<MribWatcher>(db.mribVrfStatus(vrf_).get(), *unicastRoutingStatus_);
@@ -102,7 +101,6 @@ void ContainerSm::handleInitialized() {
 
     // LocalStatus, linked to the route status and the two filters.
     localStatus_ = localStatusFactory(pc_.family);
-    localStatus_->routeCapacityIs(pc_.maxRoutes);
     status_->contextLocalStatusIs(localStatus_.get());
     localStatus_->groupFilterStatusIs(groupFilterStatus_);
     localStatus_->frrFilterStatusIs(frrFilterStatus_);

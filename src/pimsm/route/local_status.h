@@ -71,13 +71,6 @@ public:
     FrrFilterStatus* frrFilterStatus() const { return frrFilterStatus_.get(); }
     void frrFilterStatusIs(Cask::Ptr<FrrFilterStatus> p) { frrFilterStatus_ = std::move(p); }
 
-    // Room for `n` routes of each kind, so that growing to the VRF's route
-    // limit never rehashes a route collection.
-    void routeCapacityIs(std::size_t n) {
-        sgRoute_.reserve(n);
-        wcRoute_.reserve(n);
-    }
-
     // The route of a key from whichever collection holds it.
     Route* route(const Routing::Pim::RouteKey& k) const {
         return k.isWc() ? wcRoute_.raw(k) : sgRoute_.raw(k);
@@ -85,8 +78,13 @@ public:
 
 private:
     Wirl::AddressFamily family_;
-    Cask::RecordMap<Routing::Pim::RouteKey, Route> sgRoute_;
-    Cask::RecordMap<Routing::Pim::RouteKey, Route> wcRoute_;
+    // B-trees in key order: membership and Join/Prune reviews create routes
+    // in key order, so a burst of new routes fills one leaf after another
+    // instead of landing all over a hash table (and growing it as it goes).
+    using RouteMap = Cask::RecordMapOf<Routing::Pim::RouteKey, Route,
+                                       absl::btree_map<Routing::Pim::RouteKey, Cask::Ptr<Route>>>;
+    RouteMap sgRoute_;
+    RouteMap wcRoute_;
     Cask::KeySet<Routing::Pim::RouteKey> switchingRoute_;
     Cask::KeySet<Routing::Pim::RouteKey> toBeDeletedRoute_;
     Cask::ValueMap<Routing::Pim::RouteKey, std::uint32_t> wrongVifCount_;

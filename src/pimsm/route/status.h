@@ -64,11 +64,9 @@ public:
     // Links the VRF's LocalStatus, which is created after this record; set
     // before any route exists.
     void contextLocalStatusIs(const LocalStatus* ls) { context_.localStatus = ls; }
-    // With a route limit, the per-group index is sized for it at once.
     void contextLimitsIs(std::uint32_t maxRoutes, std::uint32_t maxRouteIntfs) {
         context_.maxRoutes = maxRoutes;
         context_.maxRouteIntfs = maxRouteIntfs;
-        group_.reserve(maxRoutes);
     }
 
     CASK_COLLECTION_COMMON(route, Route, Routing::Pim::RouteKey)
@@ -120,7 +118,8 @@ private:
                       absl::btree_map<Routing::Pim::RouteKey, Cask::Ptr<Route>>>
         route_;
     bool initialized_ = false;
-    Cask::ValueMap<Wirl::IpGenAddr, std::uint32_t> group_;
+    // In group order, like the routes: a burst of new groups appends.
+    Cask::OrderedValueMap<Wirl::IpGenAddr, std::uint32_t> group_;
     Cask::RecordMap<Wirl::IpGenAddr, AddrSet> source_;
     Cask::RecordMap<Wirl::IpGenAddr, AddrSet> groupSource_;
     std::uint32_t wcRouteCount_ = 0;
