@@ -1,23 +1,25 @@
 #pragma once
 // ReactorDirectory: one index shared by the reactor maps of machines that
-// follow the same keys, in place of a hash index per map.
+// follow the same keys, in place of an index per map.
 //
 // Every machine that follows a VRF's routes keeps a reactor per route. With
-// an index each, a new route costs one insert (and, as the indexes grow,
-// one move) per machine, each a cache miss of its own. In a directory the
-// key has one block with a slot per map: a new route costs one insert for
-// all of them, and once the first machine has found the block the others
-// find it in cache.
+// an index each, a new route costs one insert per machine, each a cache
+// miss of its own. In a directory the key has one block with a slot per
+// map: a new route costs one insert for all of them, and once the first
+// machine has found the block the others find it in cache.
+//
+// The blocks sit in a B-tree in key order. Routes are made by reviews that
+// walk their changes in key order, so a burst of new routes appends to one
+// leaf after another, where a hash index would put each in a random place
+// and keep growing; the tree never rehashes.
 //
 // A map takes a slot when it is made (`SharedIndex`, below) and gives it
 // back when it goes; at most `slots` maps share one directory. Reactors
-// derive from `Base`, which supplies `reactorKey()`: a block reads its key
-// through the reactor of its first filled slot, so the key is not stored
-// twice. A block lives while any of its slots is filled.
+// derive from `Base`, which supplies `reactorKey()`. A block lives while
+// any of its slots is filled.
 //
-// Cost per key: the block (a pointer per slot, the key's hash and a count)
-// and one slot of the index (a pointer and a control byte); the maps share
-// it.
+// Cost per key: the key and the block (a pointer per slot) in a tree node;
+// the maps that hold a reactor of the key share it.
 
 #include <array>
 #include <cstddef>
@@ -25,13 +27,35 @@
 #include <memory>
 #include <vector>
 
-#include <absl/container/flat_hash_set.h>
+#include <absl/container/btree_map.h>
 
 #include "cask/assert.h"
-#include "cask/collection.h"
-#include "cask/growing_table.h"
 
 namespace Cask {
+
+// Counts the bytes a container holds, for footprints that read the real
+// allocation rather than an estimate.
+template <class T>
+struct CountingAllocator {
+    using value_type = T;
+    std::size_t* bytes;
+
+    explicit CountingAllocator(std::size_t* b) : bytes(b) {}
+    template <class U>
+    CountingAllocator(const CountingAllocator<U>& o) : bytes(o.bytes) {}
+    T* allocate(std::size_t n) {
+        *bytes += n * sizeof(T);
+        return std::allocator<T>().allocate(n);
+    }
+    void deallocate(T* p, std::size_t n) {
+        *bytes -= n * sizeof(T);
+        std::allocator<T>().deallocate(p, n);
+    }
+    template <class U>
+    bool operator==(const CountingAllocator<U>& o) const {
+        return bytes == o.bytes;
+    }
+};
 
 template <class Key, class Base>
 class ReactorDirectory {
@@ -41,9 +65,6 @@ public:
     ReactorDirectory() = default;
     ReactorDirectory(const ReactorDirectory&) = delete;
     ReactorDirectory& operator=(const ReactorDirectory&) = delete;
-    ~ReactorDirectory() {
-        for (Block* b : set_) delete b;
-    }
 
     // A slot for a new map; `slots` when every slot is taken.
     std::size_t slotIs() {
@@ -57,7 +78,6 @@ public:
     }
     // Gives back the slot of a map that holds no reactor any more.
     void slotDel(std::size_t s) { taken_ &= ~(1u << s); }
-    std::size_t mapCount() const { return std::size_t(__builtin_popcount(taken_)); }
 
     Base* find(const Key& k, std::size_t s) const {
         const Block* b = block(k);
@@ -65,91 +85,73 @@ public:
     }
     // Puts `r` in slot `s` of its key's block, which must be free.
     void insert(std::size_t s, Base* r) {
-        if (Block* b = block(r->reactorKey())) {
-            b->slot[s] = r;
-            ++b->used;
-            return;
+        const Key& k = r->reactorKey();
+        Block* b = block(k);
+        if (!b) {
+            auto [it, inserted] = blocks_.try_emplace(k);
+            last_ = &*it;  // the entries moved: this one is where the next lookup goes
+            b = &it->second;
         }
-        auto* b = new Block;
         b->slot[s] = r;
-        b->hash = narrow(KeyHash{}(r->reactorKey()));
-        b->used = 1;
-        set_.insert(b);
-        last_ = b;
+        ++filled_;
     }
     // Empties slot `s` of `r`'s key, which holds `r`.
     void erase(std::size_t s, Base* r) {
-        Block* b = block(r->reactorKey());
-        if (b->used == 1) {
-            set_.erase(b);  // while the block can still name its key
-            if (last_ == b) last_ = nullptr;
-            delete b;
-            return;
-        }
+        const Key& k = r->reactorKey();
+        Block* b = block(k);
+        CASK_ASSERT(b && b->slot[s] == r, "reactor directory: erasing a reactor it does not hold");
         b->slot[s] = nullptr;
-        --b->used;
+        --filled_;
+        if (b->empty()) {
+            last_ = nullptr;  // the entries move
+            blocks_.erase(k);
+        }
     }
-    // Calls `f(reactor)` for every reactor in slot `s`: a walk of every key.
+    // Calls `f(reactor)` for every reactor in slot `s`, in key order. `f`
+    // must not change the directory.
     template <class F>
     void forEach(std::size_t s, F&& f) const {
-        for (const Block* b : set_) {
-            if (b->slot[s]) f(b->slot[s]);
+        for (const auto& [k, b] : blocks_) {
+            if (b.slot[s]) f(b.slot[s]);
         }
     }
-    // Room for `n` keys, so that growing to that many never rehashes.
-    void reserve(std::size_t n) { set_.reserve(n); }
-    std::size_t keys() const { return set_.size(); }
-    std::size_t capacity() const { return set_.capacity(); }
-    // Heap bytes: blocks and index.
-    std::size_t footprint() const {
-        return set_.size() * sizeof(Block) + set_.capacity() * (sizeof(Block*) + 1);
-    }
+    std::size_t keys() const { return blocks_.size(); }
+    // Reactors held, over all slots.
+    std::size_t filled() const { return filled_; }
+    // Heap bytes: the tree's nodes.
+    std::size_t footprint() const { return bytes_; }
 
 private:
-    // The key's hash, kept in 32 bits of the block's padding: the table
-    // rehashes a block without reading its reactors, and a 32-bit hash is
-    // ample for any number of routes a VRF holds.
-    static std::uint32_t narrow(std::size_t h) { return std::uint32_t(h ^ (h >> 32)); }
-    static std::size_t widen(std::uint32_t h) { return std::size_t(h) * 0x9e3779b97f4a7c15ULL; }
-
+    // No count of filled slots: it would cost a word per key with padding,
+    // and the block is in cache whenever it is asked.
     struct Block {
         std::array<Base*, slots> slot{};
-        std::uint32_t hash = 0;
-        std::uint8_t used = 0;
-        // The key as the reactors give it (a reference, or a value).
-        decltype(auto) key() const {
+        bool empty() const {
             for (Base* r : slot) {
-                if (r) return r->reactorKey();
+                if (r) return false;
             }
-            CASK_ASSERT(false, "reactor directory: empty block");
-            return slot[0]->reactorKey();  // not reached
+            return true;
         }
     };
-    struct Hash {
-        using is_transparent = void;
-        std::size_t operator()(const Block* b) const { return widen(b->hash); }
-        std::size_t operator()(const Key& k) const { return widen(narrow(KeyHash{}(k))); }
-    };
-    struct Eq {
-        using is_transparent = void;
-        bool operator()(const Block* a, const Block* b) const { return a == b; }
-        bool operator()(const Block* a, const Key& k) const { return a->key() == k; }
-        bool operator()(const Key& k, const Block* a) const { return a->key() == k; }
-    };
+    using Entry = std::pair<const Key, Block>;
 
     // The key's block, or null. A change of a route is announced to each
     // machine in turn, and each looks its reactor up by the same key: the
-    // block found last answers all but the first without hashing the key.
+    // entry found last answers all but the first. Any insert or removal of
+    // a key moves entries, and drops it.
     Block* block(const Key& k) const {
-        if (last_ && last_->key() == k) return last_;
-        auto it = set_.find(k);
-        if (it == set_.end()) return nullptr;
-        last_ = *it;
-        return last_;
+        if (last_ && last_->first == k) return &last_->second;
+        auto it = blocks_.find(k);
+        if (it == blocks_.end()) return nullptr;
+        last_ = const_cast<Entry*>(&*it);
+        return &last_->second;
     }
 
-    GrowingTable<absl::flat_hash_set<Block*, Hash, Eq>> set_;
-    mutable Block* last_ = nullptr;
+    std::size_t bytes_ = 0;
+    std::size_t filled_ = 0;
+    absl::btree_map<Key, Block, std::less<Key>, CountingAllocator<Entry>> blocks_{
+        CountingAllocator<Entry>(&bytes_)};
+    mutable Entry* last_ = nullptr;
     std::uint32_t taken_ = 0;
 };
 
@@ -185,9 +187,8 @@ public:
         dir_->erase(slot_, r);
         --size_;
     }
-    void reserve(std::size_t n) {
-        if (n > dir_->keys()) dir_->reserve(n);
-    }
+    // The directory is a tree: it needs no room ahead, and never rehashes.
+    void reserve(std::size_t) {}
     // Empties this map's slot of every key. Reads the keys through the
     // reactors, which must still hold their records.
     void reset() {
@@ -195,9 +196,13 @@ public:
         size_ = 0;
     }
     std::size_t size() const { return size_; }
-    std::size_t capacity() const { return dir_->capacity(); }
-    // This map's share of the directory.
-    std::size_t footprint() const { return dir_->footprint() / dir_->mapCount(); }
+    // Keys the directory holds: a tree has room for exactly those.
+    std::size_t capacity() const { return dir_->keys(); }
+    // This map's share of the directory, by the reactors it holds: a key's
+    // entry is shared by the maps that have a reactor for it.
+    std::size_t footprint() const {
+        return dir_->filled() ? dir_->footprint() * size_ / dir_->filled() : 0;
+    }
     template <class F>
     void forEach(F&& f) const {
         dir_->forEach(slot_, [&](Base* b) { f(static_cast<R*>(b)); });

@@ -155,8 +155,12 @@ TEST(ReactorMapTest, MapsSharingADirectoryKeepTheirOwnReactors) {
             for (int k : want[i]) EXPECT_EQ(maps[i]->get(k)->reactorRecord(), &recs[k]);
             any.insert(want[i].begin(), want[i].end());
         }
-        // A key has one block while any map holds it, none after.
+        // A key has one block while any map holds it, none after; the
+        // directory counts every reactor it holds (footprints are shared by it).
         EXPECT_EQ(dir->keys(), any.size());
+        std::size_t filled = 0;
+        for (std::size_t i = 0; i < maps.size(); ++i) filled += maps[i] ? want[i].size() : 0;
+        EXPECT_EQ(dir->filled(), filled);
     };
     // Each map holds its own mix of keys; many keys are held by several.
     unsigned seed = 7;
