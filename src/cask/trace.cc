@@ -42,14 +42,4 @@ void TraceRing::print(std::ostream& os) const {
     }
 }
 
-TraceRing& trace() {
-    static TraceRing ring;
-    return ring;
-}
-
-TraceRing& eventLog() {
-    static TraceRing ring;
-    return ring;
-}
-
 }  // namespace Cask

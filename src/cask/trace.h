@@ -67,8 +67,16 @@ private:
     std::function<double()> timeSource_;
 };
 
-TraceRing& trace();
-TraceRing& eventLog();
+// Inline, since every handler asks whether its level is on: one ring for the
+// whole program all the same (an inline function's static is shared).
+inline TraceRing& trace() {
+    static TraceRing ring;
+    return ring;
+}
+inline TraceRing& eventLog() {
+    static TraceRing ring;
+    return ring;
+}
 
 }  // namespace Cask
 

@@ -231,10 +231,6 @@ bool IpGenAddr::isMulticast() const {
     return false;
 }
 
-bool IpGenAddr::isUnspecified() const {
-    return family_ != AddressFamily::ipunknown && *this == zero(family_);
-}
-
 // Unicast means usable as a source or RP: not multicast, not unspecified, and for IPv4
 // neither the limited broadcast address nor anything in 0.0.0.0/8 ("this network").
 bool IpGenAddr::isUnicast() const {

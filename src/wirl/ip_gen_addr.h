@@ -55,7 +55,10 @@ public:
 
     bool isMulticast() const;    // 224.0.0.0/4, ff00::/8
     bool isUnicast() const;      // see the .cc for what is excluded
-    bool isUnspecified() const;  // 0.0.0.0, ::
+    // 0.0.0.0, ::. Inline: it tells a (*,G) key from an (S,G) one.
+    bool isUnspecified() const {
+        return family_ != AddressFamily::ipunknown && word(0) == 0 && word(8) == 0;
+    }
     // Names an address: of a known family and not unspecified.
     bool isSet() const { return family_ != AddressFamily::ipunknown && !isUnspecified(); }
     bool isLinkLocalMulticast() const;  // 224.0.0.0/24; ff01::/16, ff02::/16 (any flags)
