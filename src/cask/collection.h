@@ -234,8 +234,7 @@ private:
         std::uint64_t changes = 0;
     };
     struct Nothing {};
-    [[no_unique_address]] mutable std::conditional_t<isLarge<Map>, LastFound, Nothing>
-        last_;
+    [[no_unique_address]] mutable std::conditional_t<isLarge<Map>, LastFound, Nothing> last_;
 };
 
 template <class K, class V>

@@ -53,8 +53,8 @@ public:
     // mixed notation, "::ffff:1.2.3.4"); "<unknown>" for ipunknown.
     std::string str() const;
 
-    bool isMulticast() const;    // 224.0.0.0/4, ff00::/8
-    bool isUnicast() const;      // see the .cc for what is excluded
+    bool isMulticast() const;  // 224.0.0.0/4, ff00::/8
+    bool isUnicast() const;    // see the .cc for what is excluded
     // 0.0.0.0, ::. Inline: it tells a (*,G) key from an (S,G) one.
     bool isUnspecified() const {
         return family_ != AddressFamily::ipunknown && word(0) == 0 && word(8) == 0;
