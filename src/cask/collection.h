@@ -224,10 +224,10 @@ public:
     }
 
 private:
-    // The record found last, in a large hashed map: a change of a route is
+    // The record found last, in a large map: a change of a route is
     // announced to each machine in turn, and each looks the route up by the
-    // same key, so all but the first are answered without hashing it. Good
-    // until the map's next removal or replacement.
+    // same key, so all but the first are answered without a search. Good
+    // until the map's next removal or replacement (records do not move).
     struct LastFound {
         K key{};
         V* record = nullptr;
