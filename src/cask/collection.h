@@ -95,6 +95,37 @@ constexpr bool isLarge<GrowingTable<Table>> = true;
 template <class K, class V, class C, class A>
 constexpr bool isLarge<absl::btree_map<K, V, C, A>> = true;
 
+// absl's public B-trees aim at 256-byte nodes. A route key is 34 bytes, so a
+// node of routes holds about five, and one of reactor blocks the minimum of
+// three: a search then descends seven to ten levels, a cache miss each once
+// the tree outgrows the cache. These take the node size as a parameter (the
+// same tree, named through absl's container_internal); wide nodes keep a
+// route-scale tree three or four levels deep.
+template <class K, class V, std::size_t NodeBytes = 1024, class C = std::less<K>,
+          class A = std::allocator<std::pair<const K, V>>>
+class WideBtreeMap : public absl::container_internal::btree_map_container<
+                         absl::container_internal::btree<absl::container_internal::map_params<
+                             K, V, C, A, NodeBytes, /*IsMulti=*/false>>> {
+    using Base = typename WideBtreeMap::btree_map_container;
+
+public:
+    WideBtreeMap() {}
+    using Base::Base;
+};
+template <class K, std::size_t NodeBytes = 1024, class C = std::less<K>,
+          class A = std::allocator<K>>
+class WideBtreeSet : public absl::container_internal::btree_set_container<
+                         absl::container_internal::btree<absl::container_internal::set_params<
+                             K, C, A, NodeBytes, /*IsMulti=*/false>>> {
+    using Base = typename WideBtreeSet::btree_set_container;
+
+public:
+    WideBtreeSet() {}
+    using Base::Base;
+};
+template <class K, class V, std::size_t N, class C, class A>
+constexpr bool isLarge<WideBtreeMap<K, V, N, C, A>> = true;
+
 // Counts the removals and replacements of a collection, so that what was
 // found in it can be trusted until the next one. Only the large collections
 // count; the others keep nothing.
@@ -105,6 +136,21 @@ struct ChangeCount {
 template <class Map>
 requires isLarge<Map>
 struct ChangeCount<Map> {
+    std::uint64_t n = 0;
+    void bump() { ++n; }
+};
+
+// Counts every insert and removal of a large B-tree map, whose entries then
+// move: an iterator into it is good until the count changes.
+template <class Map>
+constexpr bool isLargeOrdered = isLarge<Map> && requires { typename Map::key_compare; };
+template <class Map>
+struct MoveCount {
+    void bump() {}
+};
+template <class Map>
+requires isLargeOrdered<Map>
+struct MoveCount<Map> {
     std::uint64_t n = 0;
     void bump() { ++n; }
 };
@@ -139,6 +185,7 @@ public:
         auto keep = std::move(*it);
         map_.erase(it);
         changes_.bump();
+        moves_.bump();
         Key key = keyOf(keep);
         announce(owner, handler, key);
     }
@@ -163,6 +210,7 @@ protected:
 
     Map map_;
     [[no_unique_address]] ChangeCount<Map> changes_;
+    [[no_unique_address]] MoveCount<Map> moves_;
 };
 
 // Hashed collections are open-addressing maps: a lookup touches one group of
@@ -186,9 +234,19 @@ public:
                 return last_.record;
             }
         }
+        if constexpr (isLargeOrdered<Map>) {
+            // A walk in key order asks for the entry after the last one found.
+            if (last_.record && last_.moves == this->moves_.n) {
+                auto next = std::next(last_.at);
+                if (next != this->map_.end() && next->first == k) {
+                    remember(next);
+                    return next->second.get();
+                }
+            }
+        }
         auto it = this->map_.find(k);
         if (it == this->map_.end()) return nullptr;
-        if constexpr (isLarge<Map>) last_ = {it->first, it->second.get(), this->changes_.n};
+        remember(it);
         return it->second.get();
     }
     // Inserts `v` under `k`; announces only if the entry is new or replaced
@@ -201,7 +259,11 @@ public:
             if (it->second == v) return;
             it->second = std::move(v);
             this->changes_.bump();
+        } else {
+            this->moves_.bump();
         }
+        // Its watchers look it up first.
+        remember(it);
         this->announce(owner, handler, k);
     }
     // The record under `k`; when there is none, the one `make()` returns,
@@ -211,6 +273,7 @@ public:
     Ptr<V> findOrIs(Notifier& owner, const K& k, Make&& make, void (N::*handler)(H)) {
         auto [it, inserted] = this->map_.try_emplace(k);
         if (!inserted) return it->second;
+        this->moves_.bump();
         Ptr<V> v;
         try {
             v = make();
@@ -219,21 +282,40 @@ public:
             throw;
         }
         it->second = v;
+        remember(it);
         this->announce(owner, handler, k);
         return v;
     }
 
 private:
-    // The record found last, in a large map: a change of a route is
-    // announced to each machine in turn, and each looks the route up by the
-    // same key, so all but the first are answered without a search. Good
-    // until the map's next removal or replacement (records do not move).
+    // The record found or inserted last, in a large map: a change of a
+    // route is announced to each machine in turn, and each looks the route
+    // up by the same key, so all but the first are answered without a
+    // search. Good until the map's next removal or replacement (records do
+    // not move). In a B-tree its place too, good until the next insert or
+    // removal, for the walks in key order.
+    struct NoPlace {};
+    using Place = std::conditional_t<isLargeOrdered<Map>, typename Map::const_iterator, NoPlace>;
     struct LastFound {
         K key{};
         V* record = nullptr;
         std::uint64_t changes = 0;
+        [[no_unique_address]] Place at{};
+        std::uint64_t moves = 0;
     };
     struct Nothing {};
+    template <class It>
+    void remember(const It& it) const {
+        if constexpr (isLarge<Map>) {
+            last_.key = it->first;
+            last_.record = it->second.get();
+            last_.changes = this->changes_.n;
+            if constexpr (isLargeOrdered<Map>) {
+                last_.at = it;
+                last_.moves = this->moves_.n;
+            }
+        }
+    }
     [[no_unique_address]] mutable std::conditional_t<isLarge<Map>, LastFound, Nothing> last_;
 };
 

@@ -30,6 +30,7 @@
 #include <absl/container/btree_map.h>
 
 #include "cask/assert.h"
+#include "cask/collection.h"
 
 namespace Cask {
 
@@ -86,26 +87,22 @@ public:
     // Puts `r` in slot `s` of its key's block, which must be free.
     void insert(std::size_t s, Base* r) {
         const Key& k = r->reactorKey();
-        Block* b = block(k);
-        if (!b) {
-            auto [it, inserted] = blocks_.try_emplace(k);
-            last_ = &*it;  // the entries moved: this one is where the next lookup goes
-            b = &it->second;
-        }
-        b->slot[s] = r;
+        auto it = lowerBound(k);
+        // The entries move: the new one is where the next lookup goes.
+        if (it == blocks_.end() || it->first != k) finger_ = it = blocks_.try_emplace(it, k);
+        it->second.slot[s] = r;
         ++filled_;
     }
     // Empties slot `s` of `r`'s key, which holds `r`.
     void erase(std::size_t s, Base* r) {
         const Key& k = r->reactorKey();
-        Block* b = block(k);
-        CASK_ASSERT(b && b->slot[s] == r, "reactor directory: erasing a reactor it does not hold");
-        b->slot[s] = nullptr;
+        auto it = lowerBound(k);
+        CASK_ASSERT(it != blocks_.end() && it->first == k && it->second.slot[s] == r,
+                    "reactor directory: erasing a reactor it does not hold");
+        it->second.slot[s] = nullptr;
         --filled_;
-        if (b->empty()) {
-            last_ = nullptr;  // the entries move
-            blocks_.erase(k);
-        }
+        // The entries move: the finger goes to the entry after the removed one.
+        if (it->second.empty()) finger_ = blocks_.erase(it);
     }
     // Calls `f(reactor)` for every reactor in slot `s`, in key order. `f`
     // must not change the directory.
@@ -135,23 +132,39 @@ private:
     };
     using Entry = std::pair<const Key, Block>;
 
-    // The key's block, or null. A change of a route is announced to each
-    // machine in turn, and each looks its reactor up by the same key: the
-    // entry found last answers all but the first. Any insert or removal of
-    // a key moves entries, and drops it.
+    using Tree = WideBtreeMap<Key, Block, 1024, std::less<Key>, CountingAllocator<Entry>>;
+    using Iter = typename Tree::iterator;
+
+    // The key's block, or null.
     Block* block(const Key& k) const {
-        if (last_ && last_->first == k) return &last_->second;
-        auto it = blocks_.find(k);
-        if (it == blocks_.end()) return nullptr;
-        last_ = const_cast<Entry*>(&*it);
-        return &last_->second;
+        auto it = lowerBound(k);
+        return it != blocks_.end() && it->first == k ? &it->second : nullptr;
+    }
+
+    // Where `k` is or would go. A finger on the last answer saves the search
+    // in the usual patterns: a change of a route is announced to each
+    // machine in turn, and each looks its reactor up by the same key; a new
+    // key is looked up, missed and then inserted where the miss ended; a walk
+    // in key order asks for the next key. Every insert and removal leaves
+    // the finger on a valid entry, as the tree's entries move.
+    Iter lowerBound(const Key& k) const {
+        Tree& tree = const_cast<Tree&>(blocks_);
+        Iter it = finger_;
+        if (it != tree.end()) {
+            if (it->first == k) return it;
+            if (it->first < k) ++it;
+        }
+        if ((it == tree.end() || !(it->first < k)) &&
+            (it == tree.begin() || std::prev(it)->first < k)) {
+            return finger_ = it;
+        }
+        return finger_ = tree.lower_bound(k);
     }
 
     std::size_t bytes_ = 0;
     std::size_t filled_ = 0;
-    absl::btree_map<Key, Block, std::less<Key>, CountingAllocator<Entry>> blocks_{
-        CountingAllocator<Entry>(&bytes_)};
-    mutable Entry* last_ = nullptr;
+    Tree blocks_{CountingAllocator<Entry>(&bytes_)};
+    mutable Iter finger_ = const_cast<Tree&>(blocks_).end();
     std::uint32_t taken_ = 0;
 };
 

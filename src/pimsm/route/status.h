@@ -115,7 +115,7 @@ private:
     // the entries in its nodes, without a tree node of its own per route;
     // entries move as others are inserted (the routes themselves do not).
     Cask::RecordMapOf<Routing::Pim::RouteKey, Route,
-                      absl::btree_map<Routing::Pim::RouteKey, Cask::Ptr<Route>>>
+                      Cask::WideBtreeMap<Routing::Pim::RouteKey, Cask::Ptr<Route>>>
         route_;
     bool initialized_ = false;
     // In group order, like the routes: a burst of new groups appends.
