@@ -244,7 +244,7 @@ public:
                 }
             }
         }
-        auto it = this->map_.find(k);
+        auto it = const_cast<Map&>(this->map_).find(k);
         if (it == this->map_.end()) return nullptr;
         remember(it);
         return it->second.get();
@@ -254,7 +254,7 @@ public:
     template <class N, class H>
     void is(Notifier& owner, const K& k, Ptr<V> v, void (N::*handler)(H), const char* nullMessage) {
         if (!v) throw NullInsertError(nullMessage);
-        auto [it, inserted] = this->map_.try_emplace(k, v);
+        auto [it, inserted] = tryEmplace(k, v);
         if (!inserted) {
             if (it->second == v) return;
             it->second = std::move(v);
@@ -271,7 +271,7 @@ public:
     // while `k` holds an empty place, so it must not read this map.
     template <class N, class H, class Make>
     Ptr<V> findOrIs(Notifier& owner, const K& k, Make&& make, void (N::*handler)(H)) {
-        auto [it, inserted] = this->map_.try_emplace(k);
+        auto [it, inserted] = tryEmplace(k);
         if (!inserted) return it->second;
         this->moves_.bump();
         Ptr<V> v;
@@ -295,7 +295,7 @@ private:
     // not move). In a B-tree its place too, good until the next insert or
     // removal, for the walks in key order.
     struct NoPlace {};
-    using Place = std::conditional_t<isLargeOrdered<Map>, typename Map::const_iterator, NoPlace>;
+    using Place = std::conditional_t<isLargeOrdered<Map>, typename Map::iterator, NoPlace>;
     struct LastFound {
         K key{};
         V* record = nullptr;
@@ -304,6 +304,21 @@ private:
         std::uint64_t moves = 0;
     };
     struct Nothing {};
+    // try_emplace, which in a B-tree first tries the place after the entry
+    // remembered: keys often come in order, and then no search is needed.
+    template <class... A>
+    std::pair<typename Map::iterator, bool> tryEmplace(const K& k, A&&... a) {
+        if constexpr (isLargeOrdered<Map>) {
+            if (last_.record && last_.moves == this->moves_.n && last_.key < k) {
+                auto next = std::next(last_.at);
+                if (next == this->map_.end() || k < next->first) {
+                    return {this->map_.try_emplace(next, k, std::forward<A>(a)...), true};
+                }
+                if (next->first == k) return {next, false};
+            }
+        }
+        return this->map_.try_emplace(k, std::forward<A>(a)...);
+    }
     template <class It>
     void remember(const It& it) const {
         if constexpr (isLarge<Map>) {
@@ -344,6 +359,16 @@ public:
         }
         this->announce(owner, handler, k);
     }
+    // Sets the value under `k` to `f(value)` (the default value when
+    // absent), with one search of the map; announces as `is` does.
+    template <class N, class H, class F>
+    void update(Notifier& owner, const K& k, F&& f, void (N::*handler)(H)) {
+        auto [it, inserted] = this->map_.try_emplace(k);
+        V v = f(std::as_const(it->second));
+        if (!inserted && it->second == v) return;
+        it->second = std::move(v);
+        this->announce(owner, handler, k);
+    }
 };
 
 // A set of keys.
@@ -361,9 +386,9 @@ public:
 // insert or removal moves entries, which the rule above allows for: walks
 // resume by key.
 template <class K>
-using OrderedKeySet = KeySet<K, absl::btree_set<K>>;
+using OrderedKeySet = KeySet<K, WideBtreeSet<K>>;
 template <class K, class V>
-using OrderedValueMap = ValueMap<K, V, absl::btree_map<K, V>>;
+using OrderedValueMap = ValueMap<K, V, WideBtreeMap<K, V>>;
 
 }  // namespace Cask
 

@@ -173,7 +173,7 @@ private:
     // hashed map that size would rehash all of them in one step as it grows.
     // It also keeps the groups in the order readers show and send them.
     Cask::RecordMapOf<Wirl::IpGenAddr, JoinPruneGroupData,
-                      absl::btree_map<Wirl::IpGenAddr, Cask::Ptr<JoinPruneGroupData>>>
+                      Cask::WideBtreeMap<Wirl::IpGenAddr, Cask::Ptr<JoinPruneGroupData>>>
         joinPruneGroupData_;
 };
 

@@ -62,14 +62,17 @@ void RpfConfig::requestRouteDel(RequestId id, const RouteKey& k) {
 }
 
 void RpfConfig::rpfConfigInfoIs(const RouteKey& k, RpfConfigInfo v) {
-    auto it = route_.find(k);
-    const bool present = it != route_.end();
+    // One search: where the key is, or where it goes.
+    auto it = route_.lower_bound(k);
+    const bool present = it != route_.end() && it->first == k;
     if (present && request_[it->second].info == v) return;
     deliver(present ? request_[it->second].info : RpfConfigInfo{}, [&] {
         const RequestId id = requestIs(v);
-        request_[id].routes.insert(k);
+        // Routes mostly come in key order: a request's new route goes last.
+        auto& routes = request_[id].routes;
+        routes.insert(routes.end(), k);
         if (!present) {
-            route_.try_emplace(k, id);
+            route_.try_emplace(it, k, id);
         } else {
             const RequestId old = std::exchange(it->second, id);
             requestRouteDel(old, k);

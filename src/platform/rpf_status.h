@@ -101,7 +101,7 @@ private:
     using RequestId = std::uint32_t;
     struct Request {
         RpfConfigInfo info;
-        absl::btree_set<RouteKey> routes;
+        Cask::WideBtreeSet<RouteKey> routes;
     };
 
     // Runs `change` of an entry whose value was `before`, which
@@ -114,7 +114,7 @@ private:
 
     // In key order: routes arrive in key order from the reviews that make
     // them, so new entries go to the same leaf rather than to random places.
-    absl::btree_map<RouteKey, RequestId> route_;
+    Cask::WideBtreeMap<RouteKey, RequestId> route_;
     std::vector<Request> request_;
     std::vector<RequestId> freeRequest_;
     Cask::HashMap<RpfConfigInfo, RequestId> requestId_;

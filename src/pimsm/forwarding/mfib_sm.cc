@@ -523,7 +523,13 @@ void MfibSm::doMarkDirty(const Routing::Pim::RouteKey& key) {
         if (RhoRoute* r = rho(key)) r->doBuildRecord();
         return;
     }
-    dirty_.insert(key);
+    // Routes are marked in key order, often several times in a row: the
+    // last place is the usual one, and needs no search.
+    if (dirty_.empty() || *dirty_.rbegin() < key) {
+        dirty_.insert(dirty_.end(), key);
+    } else if (*dirty_.rbegin() != key) {
+        dirty_.insert(key);
+    }
     if (buildScheduled_) return;
     buildScheduled_ = true;
     loop_->atEndOfTurn([weak = std::weak_ptr<MfibSm*>(self_)] {
