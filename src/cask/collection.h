@@ -228,6 +228,8 @@ template <class K, class V, class Map = HashMap<K, Ptr<V>>>
 class RecordMapOf : public KeyedCollection<Map> {
 public:
     Ptr<V> get(const K& k) const { return Ptr<V>(raw(k)); }
+    // Records are never null: a key is present when it has one.
+    bool has(const K& k) const { return raw(k) != nullptr; }
     V* raw(const K& k) const {
         if constexpr (isLarge<Map>) {
             if (last_.record && last_.changes == this->changes_.n && last_.key == k) {
@@ -235,10 +237,12 @@ public:
             }
         }
         if constexpr (isLargeOrdered<Map>) {
-            // A walk in key order asks for the entry after the last one found.
-            if (last_.record && last_.moves == this->moves_.n) {
+            // A walk in key order asks for the entry after the last one
+            // found; a new key in order is missing right after it.
+            if (last_.record && last_.moves == this->moves_.n && last_.key < k) {
                 auto next = std::next(last_.at);
-                if (next != this->map_.end() && next->first == k) {
+                if (next == this->map_.end() || k < next->first) return nullptr;
+                if (next->first == k) {
                     remember(next);
                     return next->second.get();
                 }

@@ -25,7 +25,10 @@ Notifier::~Notifier() {
 
 void Notifier::attach(NotifieeBase* n) {
     if (size_ == capacity_) {
-        const std::uint32_t grown = capacity_ ? 2 * capacity_ + 1 : 3;
+        // Seven to start: a route is watched by four to seven machines, and
+        // growing from three cost it a second allocation and a copy. Seven
+        // pointers fill the same 64-byte heap chunk that six would.
+        const std::uint32_t grown = capacity_ ? 2 * capacity_ + 1 : 7;
         auto* moved = new NotifieeBase*[grown];
         std::copy(notifiees_, notifiees_ + size_, moved);
         delete[] notifiees_;

@@ -71,6 +71,7 @@ void RpfConfig::rpfConfigInfoIs(const RouteKey& k, RpfConfigInfo v) {
         // Routes mostly come in key order: a request's new route goes last.
         auto& routes = request_[id].routes;
         routes.insert(routes.end(), k);
+        written_ = Written{k, id};
         if (!present) {
             route_.try_emplace(it, k, id);
         } else {
@@ -87,6 +88,7 @@ void RpfConfig::rpfConfigInfoDel(const RouteKey& k) {
     deliver(request_[it->second].info, [&] {
         const RequestId id = it->second;
         route_.erase(it);
+        written_.reset();
         requestRouteDel(id, k);
         notify(&Notifiee::handleRpfConfigInfo, k);
     });

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include <absl/container/btree_map.h>
@@ -63,6 +64,8 @@ public:
     // The route's request in place; null when it makes none. Valid until
     // the configuration next changes.
     const RpfConfigInfo* rpfConfigInfoFind(const RouteKey& k) const {
+        // The entry written last is the one its watchers read.
+        if (written_ && written_->key == k) return &request_[written_->id].info;
         auto it = route_.find(k);
         return it == route_.end() ? nullptr : &request_[it->second].info;
     }
@@ -122,6 +125,12 @@ private:
     // appears once per distinct request, not once per route.
     absl::btree_set<std::pair<Wirl::IpGenAddr, RequestId>> addressRequest_;
     RpfConfigInfo before_;
+    // The route written last and its request; none after a removal.
+    struct Written {
+        RouteKey key;
+        RequestId id;
+    };
+    std::optional<Written> written_;
 };
 
 class RpfStatus : public Cask::Record<RpfStatus> {

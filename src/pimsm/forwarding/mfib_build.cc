@@ -251,8 +251,9 @@ void MfibSm::RhoRoute::doBuild(bool withWc) {
     sm_.setToCpuFlag(route, flags);
     tmpRoute.routeFlagsIs(flags);
     // Index reference counts follow the bits; then commit if anything changed.
-    sm_.doSyncTidalRouteRefCount(tmpRoute);
-    sm_.doCommitTidalRoute(tmpRoute);
+    // Nothing above writes routes into the table: `stored` is still its record.
+    sm_.doSyncTidalRouteRefCount(tmpRoute, stored);
+    sm_.doCommitTidalRoute(tmpRoute, stored);
     initialized_ = true;
     sm_.doReviewRouteWaitlist();
 }

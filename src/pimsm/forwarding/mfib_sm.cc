@@ -238,7 +238,10 @@ void MfibSm::doFreeOifIndex(TMF::OifIndex oifIndex, Wirl::IntfId intfId) {
 }
 
 void MfibSm::doSyncTidalRouteRefCount(const TMF::Route& record) {
-    const TMF::Route* old = mfibTidal_->route(record.key());
+    doSyncTidalRouteRefCount(record, mfibTidal_->route(record.key()));
+}
+
+void MfibSm::doSyncTidalRouteRefCount(const TMF::Route& record, const TMF::Route* old) {
     for (unsigned w = 0; w < TMF::Route::bitmapWords; ++w) {
         const std::uint64_t before = old ? old->oifBitmap(w) : 0;
         const std::uint64_t after = record.oifBitmap(w);
@@ -304,13 +307,17 @@ void MfibSm::doReviewRouteWaitlist() {
 // --- records -----------------------------------------------------------------------------
 
 void MfibSm::doCommitTidalRoute(const TMF::Route& route) {
-    if (const TMF::Route* old = mfibTidal_->route(route.key()); old && *old == route) return;
+    doCommitTidalRoute(route, mfibTidal_->route(route.key()));
+}
+
+void MfibSm::doCommitTidalRoute(const TMF::Route& route, const TMF::Route* old) {
+    if (old && *old == route) return;
     CASK_ASSERT(route.iif() != Wirl::IntfId(), "route.iif() != Wirl::IntfId()");
     CASK_VRF_TRACE(8, vrfName_,
                    "MfibSm::"
                    "doCommitTidalRoute(): iif: {}  notify: {}",
                    route.iif(), route.notify());
-    if (!route.oifs()) {
+    if (Cask::trace().on(7) && !route.oifs()) {
         CASK_VRF_TRACE(7, vrfName_,
                        "MfibSm::"
                        "doCommitTidalRoute(): Note: No oifs in route {}",

@@ -182,6 +182,8 @@ public:
     // Brings the reference counts from the table's record of the key to
     // `record`, one update per bit that changes.
     void doSyncTidalRouteRefCount(const TMF::Route& record);
+    // The same, given the table's record of the key (null: none).
+    void doSyncTidalRouteRefCount(const TMF::Route& record, const TMF::Route* stored);
 
     // --- wait list --------------------------------------------------------
     const std::deque<Routing::Pim::RouteKey>& routeWaitlist() const { return routeWaitlist_; }
@@ -190,6 +192,8 @@ public:
 
     // --- records ------------------------------------------------------------
     void doCommitTidalRoute(const TMF::Route& record);
+    // The same, given the table's record of the key (null: none).
+    void doCommitTidalRoute(const TMF::Route& record, const TMF::Route* stored);
     void handleDelete(const Routing::Pim::RouteKey& routeKey);
     bool isProgrammableRoute(const Routing::Pim::RouteKey& routeKey) const;
     // Adds / removes one interface of a route already in the table.

@@ -134,7 +134,7 @@ bool UpstreamWcSm::doEvalRpfPrimeWc(Route& route) {
     return true;
 }
 
-void UpstreamWcSm::doEvalJoinDesiredWc(Route& route) {
+void UpstreamWcSm::doEvalJoinDesiredWc(Route& route, bool rpfFresh) {
     const RouteKey key = route.key();
     const bool desired = route.joinDesiredWc();
     const UpJoinState state = route.upJoinState();
@@ -147,7 +147,7 @@ void UpstreamWcSm::doEvalJoinDesiredWc(Route& route) {
                    route.routeFlagsStr());
         route.upJoinStateIs(UpJoinState::upJoined);
         // An unchanged RPF' announces nothing, so the join is sent here.
-        if (!doEvalRpfPrimeWc(route) && route.rpf().hasNeighbor()) {
+        if ((rpfFresh || !doEvalRpfPrimeWc(route)) && route.rpf().hasNeighbor()) {
             doRpfNeighborJoin(key, route.rpf().intf, route.rpf().neighbor);
         }
     } else if (state == UpJoinState::upJoined && !desired) {

@@ -110,8 +110,9 @@ public:
     Routing::Pim::Rpf rpfPrimeWc(Route& route, bool updateUmh);
     // Recomputes RPF'(*,G) into `umh.rpf`; returns whether it changed.
     bool doEvalRpfPrimeWc(Route& route);
-    // The upstream (*,G) join state machine.
-    void doEvalJoinDesiredWc(Route& route);
+    // The upstream (*,G) join state machine. `rpfFresh`: the caller has
+    // just evaluated RPF'(*,G), which a join then need not evaluate again.
+    void doEvalJoinDesiredWc(Route& route, bool rpfFresh = false);
     // Writes the periodic and a triggered (*,G) Join for the route at the
     // neighbour, whose Join/Prune entry must exist.
     void doRpfNeighborJoin(const Routing::Pim::RouteKey& key, Wirl::IntfId intf,

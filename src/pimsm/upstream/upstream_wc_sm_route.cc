@@ -45,7 +45,7 @@ void UpstreamWcSm::RhoRoute::handleRouteInit() {
     if (!sm_.doEvalRpfPrimeWc(r) && joined && r.rpf().hasNeighbor()) {
         sm_.doRpfNeighborJoin(r.key(), r.rpf().intf, r.rpf().neighbor);
     }
-    sm_.doEvalJoinDesiredWc(r);
+    sm_.doEvalJoinDesiredWc(r, /*rpfFresh=*/true);
 }
 
 void UpstreamWcSm::RhoRoute::handleRpf() {

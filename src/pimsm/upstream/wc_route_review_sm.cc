@@ -52,7 +52,8 @@ void WcRouteReviewSm::handleRp(const Wirl::IpGenPrefix& groups) {
 
 void WcRouteReviewSm::handleWcRoute(const RouteKey& key) {
     if (localStatus_.wcRouteHas(key)) {
-        groups_.insert(key.group());
+        // Routes come in key order: the new group mostly goes last.
+        groups_.insert(groups_.end(), key.group());
     } else {
         groups_.erase(key.group());
     }

@@ -52,7 +52,7 @@ public:
     Cask::SlicedReview<Wirl::IpGenAddr>& review() { return *review_; }
 
 private:
-    using GroupSet = absl::btree_set<Wirl::IpGenAddr>;
+    using GroupSet = Cask::WideBtreeSet<Wirl::IpGenAddr>;
     class RpWatcher : public Platform::RpMapping::Notifiee {
     public:
         explicit RpWatcher(WcRouteReviewSm& owner) : owner_(owner) {}
