@@ -125,6 +125,8 @@ public:
 };
 template <class K, class V, std::size_t N, class C, class A>
 constexpr bool isLarge<WideBtreeMap<K, V, N, C, A>> = true;
+template <class K, std::size_t N, class C, class A>
+constexpr bool isLarge<WideBtreeSet<K, N, C, A>> = true;
 
 // Counts the removals and replacements of a collection, so that what was
 // found in it can be trusted until the next one. Only the large collections
@@ -140,19 +142,38 @@ struct ChangeCount<Map> {
     void bump() { ++n; }
 };
 
-// Counts every insert and removal of a large B-tree map, whose entries then
-// move: an iterator into it is good until the count changes.
+// A finger on the entry of a large B-tree found or inserted last. The
+// tree's entries move on every insert and removal, so the finger is good
+// only until the next one, which a count of them tells. Reviews and bursts
+// go in key order: the key asked for next is mostly the finger's own, the
+// entry after it, or one missing right after it, and each of those is
+// answered without a search.
 template <class Map>
 constexpr bool isLargeOrdered = isLarge<Map> && requires { typename Map::key_compare; };
 template <class Map>
-struct MoveCount {
-    void bump() {}
+struct Finger {
+    void moved() {}
 };
 template <class Map>
 requires isLargeOrdered<Map>
-struct MoveCount<Map> {
-    std::uint64_t n = 0;
-    void bump() { ++n; }
+struct Finger<Map> {
+    Finger() = default;
+    // A copied collection starts without one: the original's would point
+    // into the original.
+    Finger(const Finger&) {}
+    Finger& operator=(const Finger&) {
+        takenAt = ~std::uint64_t{0};
+        return *this;
+    }
+    typename Map::iterator at{};
+    std::uint64_t moves = 0;
+    std::uint64_t takenAt = ~std::uint64_t{0};
+    void moved() { ++moves; }
+    bool good() const { return takenAt == moves; }
+    void take(typename Map::iterator it) {
+        at = it;
+        takenAt = moves;
+    }
 };
 
 // What every collection shares: removal, notification, size, iteration.
@@ -163,7 +184,7 @@ public:
 
     std::size_t size() const { return map_.size(); }
     bool empty() const { return map_.empty(); }
-    bool has(const Key& k) const { return map_.find(k) != map_.end(); }
+    bool has(const Key& k) const { return locate(k) != map_.end(); }
     auto begin() const { return map_.begin(); }
     auto end() const { return map_.end(); }
     auto find(const Key& k) const { return map_.find(k); }
@@ -178,14 +199,14 @@ public:
     // Removes `k`; announces it only if it was there.
     template <class N, class H>
     void del(Notifier& owner, const Key& k, void (N::*handler)(H)) {
-        auto it = map_.find(k);
+        auto it = locate(k);
         if (it == map_.end()) return;
         // Keep a removed record alive until its removal has been announced,
         // and take the key by value: it may live inside the erased entry.
         auto keep = std::move(*it);
         map_.erase(it);
         changes_.bump();
-        moves_.bump();
+        finger_.moved();
         Key key = keyOf(keep);
         announce(owner, handler, key);
     }
@@ -208,9 +229,84 @@ protected:
         owner.notify(handler, k);
     }
 
+    using Iter = typename Map::iterator;
+
+    // find, through the finger in a large B-tree.
+    Iter locate(const Key& k) const {
+        Map& map = const_cast<Map&>(map_);
+        if constexpr (isLargeOrdered<Map>) {
+            if (finger_.good()) {
+                const Iter at = finger_.at;
+                if (keyOf(*at) == k) return at;
+                if (keyOf(*at) < k) {
+                    const Iter next = std::next(at);
+                    if (next == map.end() || k < keyOf(*next)) return map.end();
+                    if (keyOf(*next) == k) {
+                        finger_.take(next);
+                        return next;
+                    }
+                }
+            }
+            const Iter it = map.find(k);
+            if (it != map.end()) finger_.take(it);
+            return it;
+        } else {
+            return map.find(k);
+        }
+    }
+
+    // try_emplace (insert, in a set: `IsSet`), through the finger in a
+    // large B-tree: a key that goes right after it is put there without a
+    // search.
+    template <bool IsSet = false, class... A>
+    std::pair<Iter, bool> place(const Key& k, A&&... a) {
+        if constexpr (isLargeOrdered<Map>) {
+            std::pair<Iter, bool> r;
+            const bool after = finger_.good() && keyOf(*finger_.at) < k;
+            const Iter next = after ? std::next(finger_.at) : map_.end();
+            if (finger_.good() && keyOf(*finger_.at) == k) {
+                r = {finger_.at, false};
+            } else if (after && (next == map_.end() || k < keyOf(*next))) {
+                r = {emplaceAt<IsSet>(next, k, std::forward<A>(a)...), true};
+            } else if (after && keyOf(*next) == k) {
+                r = {next, false};
+            } else {
+                r = emplace<IsSet>(k, std::forward<A>(a)...);
+            }
+            if (r.second) finger_.moved();
+            finger_.take(r.first);
+            return r;
+        } else {
+            return emplace<IsSet>(k, std::forward<A>(a)...);
+        }
+    }
+    // The entry at `it` goes: for an erase outside `del`.
+    void erase(Iter it) {
+        map_.erase(it);
+        finger_.moved();
+    }
+
     Map map_;
     [[no_unique_address]] ChangeCount<Map> changes_;
-    [[no_unique_address]] MoveCount<Map> moves_;
+    [[no_unique_address]] mutable Finger<Map> finger_;
+
+private:
+    template <bool IsSet, class... A>
+    std::pair<Iter, bool> emplace(const Key& k, A&&... a) {
+        if constexpr (IsSet) {
+            return map_.insert(k);
+        } else {
+            return map_.try_emplace(k, std::forward<A>(a)...);
+        }
+    }
+    template <bool IsSet, class... A>
+    Iter emplaceAt(Iter hint, const Key& k, A&&... a) {
+        if constexpr (IsSet) {
+            return map_.insert(hint, k);
+        } else {
+            return map_.try_emplace(hint, k, std::forward<A>(a)...);
+        }
+    }
 };
 
 // Hashed collections are open-addressing maps: a lookup touches one group of
@@ -236,19 +332,7 @@ public:
                 return last_.record;
             }
         }
-        if constexpr (isLargeOrdered<Map>) {
-            // A walk in key order asks for the entry after the last one
-            // found; a new key in order is missing right after it.
-            if (last_.record && last_.moves == this->moves_.n && last_.key < k) {
-                auto next = std::next(last_.at);
-                if (next == this->map_.end() || k < next->first) return nullptr;
-                if (next->first == k) {
-                    remember(next);
-                    return next->second.get();
-                }
-            }
-        }
-        auto it = const_cast<Map&>(this->map_).find(k);
+        auto it = this->locate(k);
         if (it == this->map_.end()) return nullptr;
         remember(it);
         return it->second.get();
@@ -258,13 +342,11 @@ public:
     template <class N, class H>
     void is(Notifier& owner, const K& k, Ptr<V> v, void (N::*handler)(H), const char* nullMessage) {
         if (!v) throw NullInsertError(nullMessage);
-        auto [it, inserted] = tryEmplace(k, v);
+        auto [it, inserted] = this->place(k, v);
         if (!inserted) {
             if (it->second == v) return;
             it->second = std::move(v);
             this->changes_.bump();
-        } else {
-            this->moves_.bump();
         }
         // Its watchers look it up first.
         remember(it);
@@ -275,14 +357,13 @@ public:
     // while `k` holds an empty place, so it must not read this map.
     template <class N, class H, class Make>
     Ptr<V> findOrIs(Notifier& owner, const K& k, Make&& make, void (N::*handler)(H)) {
-        auto [it, inserted] = tryEmplace(k);
+        auto [it, inserted] = this->place(k);
         if (!inserted) return it->second;
-        this->moves_.bump();
         Ptr<V> v;
         try {
             v = make();
         } catch (...) {
-            this->map_.erase(it);
+            this->erase(it);
             throw;
         }
         it->second = v;
@@ -296,43 +377,19 @@ private:
     // route is announced to each machine in turn, and each looks the route
     // up by the same key, so all but the first are answered without a
     // search. Good until the map's next removal or replacement (records do
-    // not move). In a B-tree its place too, good until the next insert or
-    // removal, for the walks in key order.
-    struct NoPlace {};
-    using Place = std::conditional_t<isLargeOrdered<Map>, typename Map::iterator, NoPlace>;
+    // not move), unlike the finger, which an insert moves.
     struct LastFound {
         K key{};
         V* record = nullptr;
         std::uint64_t changes = 0;
-        [[no_unique_address]] Place at{};
-        std::uint64_t moves = 0;
     };
     struct Nothing {};
-    // try_emplace, which in a B-tree first tries the place after the entry
-    // remembered: keys often come in order, and then no search is needed.
-    template <class... A>
-    std::pair<typename Map::iterator, bool> tryEmplace(const K& k, A&&... a) {
-        if constexpr (isLargeOrdered<Map>) {
-            if (last_.record && last_.moves == this->moves_.n && last_.key < k) {
-                auto next = std::next(last_.at);
-                if (next == this->map_.end() || k < next->first) {
-                    return {this->map_.try_emplace(next, k, std::forward<A>(a)...), true};
-                }
-                if (next->first == k) return {next, false};
-            }
-        }
-        return this->map_.try_emplace(k, std::forward<A>(a)...);
-    }
     template <class It>
     void remember(const It& it) const {
         if constexpr (isLarge<Map>) {
             last_.key = it->first;
             last_.record = it->second.get();
             last_.changes = this->changes_.n;
-            if constexpr (isLargeOrdered<Map>) {
-                last_.at = it;
-                last_.moves = this->moves_.n;
-            }
         }
     }
     [[no_unique_address]] mutable std::conditional_t<isLarge<Map>, LastFound, Nothing> last_;
@@ -351,12 +408,12 @@ class ValueMap : public KeyedCollection<Map> {
 public:
     // The value under `k`, or a default value when absent.
     V get(const K& k) const {
-        auto it = this->map_.find(k);
+        auto it = this->locate(k);
         return it == this->map_.end() ? V{} : it->second;
     }
     template <class N, class H>
     void is(Notifier& owner, const K& k, V v, void (N::*handler)(H)) {
-        auto [it, inserted] = this->map_.try_emplace(k, v);
+        auto [it, inserted] = this->place(k, v);
         if (!inserted) {
             if (it->second == v) return;
             it->second = std::move(v);
@@ -367,7 +424,7 @@ public:
     // absent), with one search of the map; announces as `is` does.
     template <class N, class H, class F>
     void update(Notifier& owner, const K& k, F&& f, void (N::*handler)(H)) {
-        auto [it, inserted] = this->map_.try_emplace(k);
+        auto [it, inserted] = this->place(k);
         V v = f(std::as_const(it->second));
         if (!inserted && it->second == v) return;
         it->second = std::move(v);
@@ -381,7 +438,7 @@ class KeySet : public KeyedCollection<Set> {
 public:
     template <class N, class H>
     void is(Notifier& owner, const K& k, void (N::*handler)(H)) {
-        if (this->map_.insert(k).second) this->announce(owner, handler, k);
+        if (this->template place<true>(k).second) this->announce(owner, handler, k);
     }
 };
 

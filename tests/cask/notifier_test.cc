@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <new>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -67,6 +68,32 @@ private:
 };
 
 using Calls = std::vector<std::string>;
+
+// The same kinds of collection on wide B-trees, which keep a finger on the
+// entry found or inserted last.
+class Shelf : public Cask::Record<Shelf> {
+public:
+    // Calls `read` with every announced collection ('c', 'w', 'm') and key.
+    class Notifiee : public Cask::NotifieeOf<Shelf> {
+    public:
+        using NotifieeOf::NotifieeOf;
+        std::function<void(char, int)> read;
+        virtual void handleChild(int k) { read('c', k); }
+        virtual void handleWeight(int k) { read('w', k); }
+        virtual void handleMember(int k) { read('m', k); }
+    };
+    CASK_RECORD_MAP(child, Child, int, Thing, "Test::Shelf")
+    CASK_VALUE_MAP(weight, Weight, int, double)
+    CASK_KEY_SET(member, Member, int)
+    void weightAdd(int k, double d) {
+        weight_.update(*this, k, [d](double w) { return w + d; }, &Notifiee::handleWeight);
+    }
+
+private:
+    Cask::RecordMapOf<int, Thing, Cask::WideBtreeMap<int, Cask::Ptr<Thing>>> child_;
+    Cask::OrderedValueMap<int, double> weight_;
+    Cask::OrderedKeySet<int> member_;
+};
 
 TEST(Notifier, AttributesNotifyOnlyOnChangeCountersAlways) {
     auto t = Cask::make<Thing>();
@@ -290,6 +317,88 @@ TEST(Notifier, HashedCollectionsKeepEveryEntryThroughGrowth) {
     for (int k = 0; k < n; ++k) t->memberIs(k * 64);
     for (int k = 0; k < n; ++k) ASSERT_TRUE(t->memberHas(k * 64)) << k;
     EXPECT_FALSE(t->memberHas(1));
+}
+
+// Ordered collections answer the finger's key, the key after it and a key
+// missing right after it without a search. Ascending runs of reads and
+// writes (the pattern the finger serves) mixed with removals and clears,
+// and reads of neighbouring keys from inside every announcement, must always
+// read what a plain model holds.
+TEST(Notifier, OrderedLookupsThroughTheFingerSeeEveryChange) {
+    auto shelf = Cask::make<Shelf>();
+    std::map<int, Thing*> children;
+    std::map<int, double> weights;
+    std::set<int> members;
+    auto expectKey = [&](int k, const char* where) {
+        auto c = children.find(k);
+        ASSERT_EQ(shelf->child(k).get(), c == children.end() ? nullptr : c->second)
+            << where << " child " << k;
+        ASSERT_EQ(shelf->childHas(k), c != children.end()) << where << " child " << k;
+        auto w = weights.find(k);
+        ASSERT_EQ(shelf->weight(k), w == weights.end() ? 0.0 : w->second)
+            << where << " weight " << k;
+        ASSERT_EQ(shelf->memberHas(k), members.count(k) == 1) << where << " member " << k;
+    };
+    unsigned seed = 5;
+    auto next = [&seed] {
+        seed = seed * 1103515245 + 12345;
+        return seed >> 8;
+    };
+    // A clear announces keys one by one: the model drops each as it goes.
+    char clearing = 0;
+    Shelf::Notifiee reader(shelf.get());
+    reader.read = [&](char what, int k) {
+        if (clearing == what && what == 'c') children.erase(k);
+        if (clearing == what && what == 'w') weights.erase(k);
+        if (clearing == what && what == 'm') members.erase(k);
+        expectKey(k, "announced");
+        expectKey(k + 1, "announced, next");
+    };
+    constexpr int keys = 64;
+    for (int step = 0; step < 4000 && !testing::Test::HasFatalFailure(); ++step) {
+        const unsigned op = next() % 16;
+        if (op < 10) {
+            // An ascending run: each key read, then maybe written.
+            for (int k = int(next() % keys), n = 0; n < 6 && k < keys; ++n, ++k) {
+                expectKey(k, "run");
+                switch (next() % 4) {
+                    case 0: {
+                        auto fresh = Cask::make<Thing>();
+                        children[k] = fresh.get();
+                        shelf->childIs(k, fresh);
+                        break;
+                    }
+                    case 1:
+                        weights[k] += 1.5;
+                        shelf->weightAdd(k, 1.5);
+                        break;
+                    case 2:
+                        members.insert(k);
+                        shelf->memberIs(k);
+                        break;
+                    default:
+                        break;
+                }
+            }
+        } else if (op < 15) {
+            const int k = int(next() % keys);
+            children.erase(k);
+            shelf->childDel(k);
+            weights.erase(k);
+            shelf->weightDel(k);
+            members.erase(k);
+            shelf->memberDel(k);
+        } else {
+            clearing = 'c';
+            shelf->childDelAll();
+            clearing = 'w';
+            shelf->weightDelAll();
+            clearing = 'm';
+            shelf->memberDelAll();
+            clearing = 0;
+        }
+        expectKey(int(next() % keys), "after");
+    }
 }
 
 // A large hashed record map answers a repeated lookup from the record it
