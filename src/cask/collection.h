@@ -103,9 +103,9 @@ constexpr bool isLarge<absl::btree_map<K, V, C, A>> = true;
 // route-scale tree three or four levels deep.
 template <class K, class V, std::size_t NodeBytes = 1024, class C = std::less<K>,
           class A = std::allocator<std::pair<const K, V>>>
-class WideBtreeMap : public absl::container_internal::btree_map_container<
-                         absl::container_internal::btree<absl::container_internal::map_params<
-                             K, V, C, A, NodeBytes, /*IsMulti=*/false>>> {
+class WideBtreeMap
+    : public absl::container_internal::btree_map_container<absl::container_internal::btree<
+          absl::container_internal::map_params<K, V, C, A, NodeBytes, /*IsMulti=*/false>>> {
     using Base = typename WideBtreeMap::btree_map_container;
 
 public:
@@ -114,9 +114,9 @@ public:
 };
 template <class K, std::size_t NodeBytes = 1024, class C = std::less<K>,
           class A = std::allocator<K>>
-class WideBtreeSet : public absl::container_internal::btree_set_container<
-                         absl::container_internal::btree<absl::container_internal::set_params<
-                             K, C, A, NodeBytes, /*IsMulti=*/false>>> {
+class WideBtreeSet
+    : public absl::container_internal::btree_set_container<absl::container_internal::btree<
+          absl::container_internal::set_params<K, C, A, NodeBytes, /*IsMulti=*/false>>> {
     using Base = typename WideBtreeSet::btree_set_container;
 
 public:
@@ -149,7 +149,9 @@ struct ChangeCount<Map> {
 // entry after it, or one missing right after it, and each of those is
 // answered without a search.
 template <class Map>
-constexpr bool isLargeOrdered = isLarge<Map> && requires { typename Map::key_compare; };
+constexpr bool isLargeOrdered = isLarge<Map>&& requires {
+    typename Map::key_compare;
+};
 template <class Map>
 struct Finger {
     void moved() {}

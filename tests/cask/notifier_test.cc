@@ -86,7 +86,8 @@ public:
     CASK_VALUE_MAP(weight, Weight, int, double)
     CASK_KEY_SET(member, Member, int)
     void weightAdd(int k, double d) {
-        weight_.update(*this, k, [d](double w) { return w + d; }, &Notifiee::handleWeight);
+        weight_.update(
+            *this, k, [d](double w) { return w + d; }, &Notifiee::handleWeight);
     }
 
 private:

@@ -81,8 +81,9 @@ private:
     // B-trees in key order: membership and Join/Prune reviews create routes
     // in key order, so a burst of new routes fills one leaf after another
     // instead of landing all over a hash table (and growing it as it goes).
-    using RouteMap = Cask::RecordMapOf<Routing::Pim::RouteKey, Route,
-                                       Cask::WideBtreeMap<Routing::Pim::RouteKey, Cask::Ptr<Route>>>;
+    using RouteMap =
+        Cask::RecordMapOf<Routing::Pim::RouteKey, Route,
+                          Cask::WideBtreeMap<Routing::Pim::RouteKey, Cask::Ptr<Route>>>;
     RouteMap sgRoute_;
     RouteMap wcRoute_;
     Cask::KeySet<Routing::Pim::RouteKey> switchingRoute_;

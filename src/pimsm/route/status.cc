@@ -29,7 +29,8 @@ Cask::Ptr<Route> Status::routeIs(const Routing::Pim::RouteKey& key,
 }
 
 void Status::groupIs(const Wirl::IpGenAddr& g) {
-    group_.update(*this, g, [](std::uint32_t n) { return n + 1; }, &Notifiee::handleGroup);
+    group_.update(
+        *this, g, [](std::uint32_t n) { return n + 1; }, &Notifiee::handleGroup);
 }
 
 void Status::groupDel(const Wirl::IpGenAddr& g) {
