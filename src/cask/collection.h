@@ -192,8 +192,31 @@ public:
     auto find(const Key& k) const { return map_.find(k); }
     // Ordered collections only: the first entry at or after `k`, so a walk
     // suspended at `k` resumes correctly even if `k` was removed meanwhile.
-    auto lowerBound(const Key& k) const { return map_.lower_bound(k); }
-    auto upperBound(const Key& k) const { return map_.upper_bound(k); }
+    // In a large B-tree the finger answers when it is there already: a walk
+    // that removes each entry it visits asks for the one after it.
+    auto lowerBound(const Key& k) const {
+        if constexpr (isLargeOrdered<Map>) {
+            if (finger_.good()) {
+                const Iter at = finger_.at;
+                if (!(keyOf(*at) < k) && (at == map_.begin() || keyOf(*std::prev(at)) < k)) {
+                    return typename Map::const_iterator(at);
+                }
+            }
+        }
+        return map_.lower_bound(k);
+    }
+    auto upperBound(const Key& k) const {
+        if constexpr (isLargeOrdered<Map>) {
+            if (finger_.good()) {
+                const Iter at = finger_.at;
+                if (keyOf(*at) == k) return typename Map::const_iterator(std::next(at));
+                if (k < keyOf(*at) && (at == map_.begin() || !(k < keyOf(*std::prev(at))))) {
+                    return typename Map::const_iterator(at);
+                }
+            }
+        }
+        return map_.upper_bound(k);
+    }
     // Hashed collections only: room for `n` entries, so growing to that many
     // never rehashes.
     void reserve(std::size_t n) { map_.reserve(n); }
@@ -206,9 +229,15 @@ public:
         // Keep a removed record alive until its removal has been announced,
         // and take the key by value: it may live inside the erased entry.
         auto keep = std::move(*it);
-        map_.erase(it);
+        if constexpr (isLargeOrdered<Map>) {
+            // The finger goes to the entry after the removed one.
+            const Iter after = map_.erase(it);
+            finger_.moved();
+            if (after != map_.end()) finger_.take(after);
+        } else {
+            map_.erase(it);
+        }
         changes_.bump();
-        finger_.moved();
         Key key = keyOf(keep);
         announce(owner, handler, key);
     }

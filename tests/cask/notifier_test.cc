@@ -321,8 +321,9 @@ TEST(Notifier, HashedCollectionsKeepEveryEntryThroughGrowth) {
 }
 
 // Ordered collections answer the finger's key, the key after it and a key
-// missing right after it without a search. Ascending runs of reads and
-// writes (the pattern the finger serves) mixed with removals and clears,
+// missing right after it without a search, and bounds at the finger.
+// Ascending runs of reads and writes and walks that remove what they visit
+// (the patterns the finger serves), mixed with removals and clears,
 // and reads of neighbouring keys from inside every announcement, must always
 // read what a plain model holds.
 TEST(Notifier, OrderedLookupsThroughTheFingerSeeEveryChange) {
@@ -339,6 +340,13 @@ TEST(Notifier, OrderedLookupsThroughTheFingerSeeEveryChange) {
         ASSERT_EQ(shelf->weight(k), w == weights.end() ? 0.0 : w->second)
             << where << " weight " << k;
         ASSERT_EQ(shelf->memberHas(k), members.count(k) == 1) << where << " member " << k;
+        auto keyAt = [](const auto& coll, auto it) { return it == coll.end() ? -1 : *it; };
+        ASSERT_EQ(keyAt(shelf->member(), shelf->member().lowerBound(k)),
+                  keyAt(members, members.lower_bound(k)))
+            << where << " lower bound " << k;
+        ASSERT_EQ(keyAt(shelf->member(), shelf->member().upperBound(k)),
+                  keyAt(members, members.upper_bound(k)))
+            << where << " upper bound " << k;
     };
     unsigned seed = 5;
     auto next = [&seed] {
@@ -380,6 +388,17 @@ TEST(Notifier, OrderedLookupsThroughTheFingerSeeEveryChange) {
                     default:
                         break;
                 }
+            }
+        } else if (op < 12) {
+            // A walk that removes each member it visits, as the reviews do.
+            auto it = shelf->member().lowerBound(int(next() % keys));
+            for (int n = 0; n < 6 && it != shelf->member().end(); ++n) {
+                const int k = *it;
+                members.erase(k);
+                shelf->memberDel(k);
+                it = shelf->member().upperBound(k);
+                ASSERT_EQ(it == shelf->member().end() ? -1 : *it,
+                          members.upper_bound(k) == members.end() ? -1 : *members.upper_bound(k));
             }
         } else if (op < 15) {
             const int k = int(next() % keys);

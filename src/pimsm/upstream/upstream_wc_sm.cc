@@ -313,13 +313,6 @@ void UpstreamWcSm::doPrevRpfNeighborCleanup(const RouteKey& key, const Rpf& prev
     writer_.entryIs(*nbr, JoinPruneSet::triggered, JoinPruneEntry::wcPrune(group, rp));
 }
 
-void UpstreamWcSm::doMaybeSetForwardBit(Wirl::IntfId id, Route& route) {
-    Intf* intf = route.routeIntfRaw(id);
-    if (!intf) return;
-    // The incoming interface never forwards.
-    forwardBits_.forward(*intf, route.key(), id != route.iif() && intf->immediateOlistWc());
-}
-
 void UpstreamWcSm::doMaybeSetFastForwardBit(Wirl::IntfId id, Route& route) {
     Intf* intf = route.routeIntfRaw(id);
     if (!intf) return;
@@ -328,6 +321,24 @@ void UpstreamWcSm::doMaybeSetFastForwardBit(Wirl::IntfId id, Route& route) {
     const bool eligible = route.umhFrr() && id != route.rpfFrr().intf;
     forwardBits_.fastForward(*intf, route.key(), eligible,
                              id != route.iif() && intf->immediateOlistWc());
+}
+
+void UpstreamWcSm::doMaybeSetForwardBits(Wirl::IntfId id, Route& route) {
+    Intf* intf = route.routeIntfRaw(id);
+    if (!intf) return;
+    // The incoming interface never forwards. The forward bit is no term of
+    // immediate_olist(*,G), so its watchers leave the value as it is for the
+    // fast-forward bit.
+    const bool olist = id != route.iif() && intf->immediateOlistWc();
+    forwardBits_.forward(*intf, route.key(), olist);
+    // Setting the bit announces it, and a watcher may have taken the
+    // interface away.
+    intf = route.routeIntfRaw(id);
+    if (!intf) return;
+    // The backup list exists only with a backup upstream, and never holds
+    // the backup upstream's own interface.
+    const bool eligible = route.umhFrr() && id != route.rpfFrr().intf;
+    forwardBits_.fastForward(*intf, route.key(), eligible, olist);
 }
 
 bool UpstreamWcSm::ignoreRxJoinPrune(const JoinPruneMessageInfo& m) const {

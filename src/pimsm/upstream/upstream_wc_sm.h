@@ -128,8 +128,10 @@ public:
     // The route's RP, or the RP its periodic Join names, is not the group's
     // RP now.
     bool rpChanged(const Route& route) const;
-    void doMaybeSetForwardBit(Wirl::IntfId intf, Route& route);
     void doMaybeSetFastForwardBit(Wirl::IntfId intf, Route& route);
+    // The forward and fast-forward bits, with immediate_olist(*,G)
+    // evaluated once.
+    void doMaybeSetForwardBits(Wirl::IntfId intf, Route& route);
     // True (traced) for a received entry that does not concern a joined
     // (*,G) route's RPF' or previous RPF'.
     bool ignoreRxJoinPrune(const Routing::Pim::JoinPruneMessageInfo& m) const;

@@ -36,8 +36,7 @@ void UpstreamWcSm::RhoRoute::handleUmhAttr(UpstreamInfo& umh, UmhAttr attr) {
 void UpstreamWcSm::RhoRoute::handleRouteInit() {
     Route& r = route();
     for (const auto& [id, intf] : r.routeIntf()) {
-        sm_.doMaybeSetForwardBit(id, r);
-        sm_.doMaybeSetFastForwardBit(id, r);
+        sm_.doMaybeSetForwardBits(id, r);
     }
     // A route that comes joined (taken over after a restart, say) has its
     // join written again at its current RPF'.
@@ -74,8 +73,7 @@ void UpstreamWcSm::RhoRoute::handleRpf() {
     const Wirl::IntfId oldIif = former.intf;
     for (Wirl::IntfId id : {oldIif, rpf.intf}) {
         if (id.isNull()) continue;
-        sm_.doMaybeSetForwardBit(id, r);
-        sm_.doMaybeSetFastForwardBit(id, r);
+        sm_.doMaybeSetForwardBits(id, r);
     }
 }
 
@@ -135,15 +133,13 @@ void UpstreamWcSm::RhoRoute::handleUmhFrr() {
 
 void UpstreamWcSm::RhoRoute::handleIntf(Wirl::IntfId id) {
     Route& r = route();
-    sm_.doMaybeSetForwardBit(id, r);
-    sm_.doMaybeSetFastForwardBit(id, r);
+    sm_.doMaybeSetForwardBits(id, r);
     sm_.doEvalJoinDesiredWc(r);
 }
 
 void UpstreamWcSm::RhoRoute::handleIntfChange(Wirl::IntfId id, bool assertChanged) {
     Route& r = route();
-    sm_.doMaybeSetForwardBit(id, r);
-    sm_.doMaybeSetFastForwardBit(id, r);
+    sm_.doMaybeSetForwardBits(id, r);
     // Losing or ending an assert on the RPF interface moves RPF'.
     if (assertChanged && id == r.iif()) sm_.doEvalRpfPrimeWc(r);
     sm_.doEvalJoinDesiredWc(r);
