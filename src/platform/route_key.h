@@ -38,8 +38,12 @@ public:
         return static_cast<std::size_t>(Wirl::IpGenAddr::fmix64(
             group_.folded() ^ (source_.folded() * 0x9e3779b97f4a7c15ULL + 0x632be59bd9b4e019ULL)));
     }
-    bool operator==(const RouteKey&) const = default;
-    std::strong_ordering operator<=>(const RouteKey& o) const {
+    // Always inline: tree searches compare keys at every step, and the
+    // compiler kept these out of line in the larger searches.
+    [[gnu::always_inline]] bool operator==(const RouteKey& o) const {
+        return group_ == o.group_ && source_ == o.source_;
+    }
+    [[gnu::always_inline]] std::strong_ordering operator<=>(const RouteKey& o) const {
         if (auto c = group_ <=> o.group_; c != 0) return c;
         return source_ <=> o.source_;
     }

@@ -66,14 +66,14 @@ public:
 
     // Family first, then the bytes, i.e. numeric order within a family. Addresses key every
     // route table, so comparison and hashing are inline: two 64-bit words each.
-    std::strong_ordering operator<=>(const IpGenAddr& other) const {
+    [[gnu::always_inline]] std::strong_ordering operator<=>(const IpGenAddr& other) const {
         if (family_ != other.family_) return family_ <=> other.family_;
         // Network-order bytes compare as big-endian words.
         const std::uint64_t a0 = bigEndianWord(0), b0 = other.bigEndianWord(0);
         if (a0 != b0) return a0 <=> b0;
         return bigEndianWord(8) <=> other.bigEndianWord(8);
     }
-    bool operator==(const IpGenAddr& other) const {
+    [[gnu::always_inline]] bool operator==(const IpGenAddr& other) const {
         return family_ == other.family_ && word(0) == other.word(0) && word(8) == other.word(8);
     }
 

@@ -31,6 +31,7 @@
 #include <string>
 
 #include <boost/container/flat_map.hpp>
+#include <boost/container/small_vector.hpp>
 
 #include "cask/collection.h"
 #include "cask/reactor_directory.h"
@@ -221,7 +222,9 @@ public:
     // returns the existing record or adds a fresh one; null (traced and
     // counted in the context) when the route already has the most
     // interfaces the agent allows.
-    using IntfMap = boost::container::flat_map<Wirl::IntfId, Cask::Ptr<Intf>>;
+    // Room for one interface in the route itself: most routes have one or
+    // two, and a host join's has one, which then costs no allocation.
+    using IntfMap = boost::container::small_flat_map<Wirl::IntfId, Cask::Ptr<Intf>, 1>;
     CASK_COLLECTION_COMMON(routeIntf, RouteIntf, Wirl::IntfId)
     Cask::Ptr<Intf> routeIntf(Wirl::IntfId i) const {
         return Cask::Ptr<Intf>(routeIntfRaw(i));
