@@ -146,8 +146,8 @@ struct ChangeCount<Map> {
 // tree's entries move on every insert and removal, so the finger is good
 // only until the next one, which a count of them tells. Reviews and bursts
 // go in key order: the key asked for next is mostly the finger's own, the
-// entry after it, or one missing right after it, and each of those is
-// answered without a search.
+// entry after it, or one missing right before or after it, and each of
+// those is found without a search (`lowerBoundFrom`).
 template <class Map>
 constexpr bool isLargeOrdered = isLarge<Map>&& requires {
     typename Map::key_compare;
@@ -178,6 +178,26 @@ struct Finger<Map> {
     }
 };
 
+// Where `k` is or would go in the B-tree `tree`, starting from `at`, one of
+// its entries or its end. Without a search when `k` is at `at`, at the entry
+// after it, or in the gap on either side of it; else by a search. Inline: it
+// runs on every lookup of a route-scale tree.
+template <class Tree, class K>
+[[gnu::always_inline]] inline typename Tree::iterator lowerBoundFrom(Tree& tree,
+                                                                     typename Tree::iterator at,
+                                                                     const K& k) {
+    if (at != tree.end()) {
+        if (keyOf(*at) == k) return at;
+        if (keyOf(*at) < k) {
+            ++at;
+            if (at == tree.end() || !(keyOf(*at) < k)) return at;
+            return tree.lower_bound(k);
+        }
+    }
+    if (at == tree.begin() || keyOf(*std::prev(at)) < k) return at;
+    return tree.lower_bound(k);
+}
+
 // What every collection shares: removal, notification, size, iteration.
 template <class Map>
 class KeyedCollection {
@@ -196,26 +216,19 @@ public:
     // that removes each entry it visits asks for the one after it.
     auto lowerBound(const Key& k) const {
         if constexpr (isLargeOrdered<Map>) {
-            if (finger_.good()) {
-                const Iter at = finger_.at;
-                if (!(keyOf(*at) < k) && (at == map_.begin() || keyOf(*std::prev(at)) < k)) {
-                    return typename Map::const_iterator(at);
-                }
-            }
+            return typename Map::const_iterator(seek(k));
+        } else {
+            return map_.lower_bound(k);
         }
-        return map_.lower_bound(k);
     }
     auto upperBound(const Key& k) const {
         if constexpr (isLargeOrdered<Map>) {
-            if (finger_.good()) {
-                const Iter at = finger_.at;
-                if (keyOf(*at) == k) return typename Map::const_iterator(std::next(at));
-                if (k < keyOf(*at) && (at == map_.begin() || !(k < keyOf(*std::prev(at))))) {
-                    return typename Map::const_iterator(at);
-                }
-            }
+            Iter it = seek(k);
+            if (it != map_.end() && keyOf(*it) == k) ++it;
+            return typename Map::const_iterator(it);
+        } else {
+            return map_.upper_bound(k);
         }
-        return map_.upper_bound(k);
     }
     // Hashed collections only: room for `n` entries, so growing to that many
     // never rehashes.
@@ -262,51 +275,36 @@ protected:
 
     using Iter = typename Map::iterator;
 
+    // Large B-trees only: the first entry at or after `k`, found from the
+    // finger, which moves there.
+    Iter seek(const Key& k) const {
+        Map& map = const_cast<Map&>(map_);
+        const Iter it = finger_.good() ? lowerBoundFrom(map, finger_.at, k) : map.lower_bound(k);
+        if (it != map.end()) finger_.take(it);
+        return it;
+    }
+
     // find, through the finger in a large B-tree.
     Iter locate(const Key& k) const {
-        Map& map = const_cast<Map&>(map_);
         if constexpr (isLargeOrdered<Map>) {
-            if (finger_.good()) {
-                const Iter at = finger_.at;
-                if (keyOf(*at) == k) return at;
-                if (keyOf(*at) < k) {
-                    const Iter next = std::next(at);
-                    if (next == map.end() || k < keyOf(*next)) return map.end();
-                    if (keyOf(*next) == k) {
-                        finger_.take(next);
-                        return next;
-                    }
-                }
-            }
-            const Iter it = map.find(k);
-            if (it != map.end()) finger_.take(it);
-            return it;
+            const Iter it = seek(k);
+            return it != map_.end() && keyOf(*it) == k ? it : const_cast<Map&>(map_).end();
         } else {
-            return map.find(k);
+            return const_cast<Map&>(map_).find(k);
         }
     }
 
     // try_emplace (insert, in a set: `IsSet`), through the finger in a
-    // large B-tree: a key that goes right after it is put there without a
-    // search.
+    // large B-tree: the place found from it is the insert's hint.
     template <bool IsSet = false, class... A>
     std::pair<Iter, bool> place(const Key& k, A&&... a) {
         if constexpr (isLargeOrdered<Map>) {
-            std::pair<Iter, bool> r;
-            const bool after = finger_.good() && keyOf(*finger_.at) < k;
-            const Iter next = after ? std::next(finger_.at) : map_.end();
-            if (finger_.good() && keyOf(*finger_.at) == k) {
-                r = {finger_.at, false};
-            } else if (after && (next == map_.end() || k < keyOf(*next))) {
-                r = {emplaceAt<IsSet>(next, k, std::forward<A>(a)...), true};
-            } else if (after && keyOf(*next) == k) {
-                r = {next, false};
-            } else {
-                r = emplace<IsSet>(k, std::forward<A>(a)...);
-            }
-            if (r.second) finger_.moved();
-            finger_.take(r.first);
-            return r;
+            Iter it = seek(k);
+            if (it != map_.end() && keyOf(*it) == k) return {it, false};
+            it = emplaceAt<IsSet>(it, k, std::forward<A>(a)...);
+            finger_.moved();
+            finger_.take(it);
+            return {it, true};
         } else {
             return emplace<IsSet>(k, std::forward<A>(a)...);
         }

@@ -141,24 +141,14 @@ private:
         return it != blocks_.end() && it->first == k ? &it->second : nullptr;
     }
 
-    // Where `k` is or would go. A finger on the last answer saves the search
-    // in the usual patterns: a change of a route is announced to each
-    // machine in turn, and each looks its reactor up by the same key; a new
-    // key is looked up, missed and then inserted where the miss ended; a walk
-    // in key order asks for the next key. Every insert and removal leaves
-    // the finger on a valid entry, as the tree's entries move.
+    // Where `k` is or would go, found from the finger, which moves there. A
+    // change of a route is announced to each machine in turn, and each looks
+    // its reactor up by the same key; a new key is looked up, missed and
+    // then inserted where the miss ended; a walk in key order asks for the
+    // next key. Every insert and removal leaves the finger at a valid place,
+    // as the tree's entries move.
     Iter lowerBound(const Key& k) const {
-        Tree& tree = const_cast<Tree&>(blocks_);
-        Iter it = finger_;
-        if (it != tree.end()) {
-            if (it->first == k) return it;
-            if (it->first < k) ++it;
-        }
-        if ((it == tree.end() || !(it->first < k)) &&
-            (it == tree.begin() || std::prev(it)->first < k)) {
-            return finger_ = it;
-        }
-        return finger_ = tree.lower_bound(k);
+        return finger_ = lowerBoundFrom(const_cast<Tree&>(blocks_), finger_, k);
     }
 
     std::size_t bytes_ = 0;

@@ -316,11 +316,7 @@ void UpstreamWcSm::doPrevRpfNeighborCleanup(const RouteKey& key, const Rpf& prev
 void UpstreamWcSm::doMaybeSetFastForwardBit(Wirl::IntfId id, Route& route) {
     Intf* intf = route.routeIntfRaw(id);
     if (!intf) return;
-    // The backup list exists only with a backup upstream, and never holds
-    // the backup upstream's own interface.
-    const bool eligible = route.umhFrr() && id != route.rpfFrr().intf;
-    forwardBits_.fastForward(*intf, route.key(), eligible,
-                             id != route.iif() && intf->immediateOlistWc());
+    setFastForward(*intf, route, id != route.iif() && intf->immediateOlistWc());
 }
 
 void UpstreamWcSm::doMaybeSetForwardBits(Wirl::IntfId id, Route& route) {
@@ -334,11 +330,14 @@ void UpstreamWcSm::doMaybeSetForwardBits(Wirl::IntfId id, Route& route) {
     // Setting the bit announces it, and a watcher may have taken the
     // interface away.
     intf = route.routeIntfRaw(id);
-    if (!intf) return;
+    if (intf) setFastForward(*intf, route, olist);
+}
+
+void UpstreamWcSm::setFastForward(Intf& intf, const Route& route, bool olist) {
     // The backup list exists only with a backup upstream, and never holds
     // the backup upstream's own interface.
-    const bool eligible = route.umhFrr() && id != route.rpfFrr().intf;
-    forwardBits_.fastForward(*intf, route.key(), eligible, olist);
+    const bool eligible = route.umhFrr() && intf.intfId() != route.rpfFrr().intf;
+    forwardBits_.fastForward(intf, route.key(), eligible, olist);
 }
 
 bool UpstreamWcSm::ignoreRxJoinPrune(const JoinPruneMessageInfo& m) const {

@@ -132,6 +132,9 @@ public:
     // The forward and fast-forward bits, with immediate_olist(*,G)
     // evaluated once.
     void doMaybeSetForwardBits(Wirl::IntfId intf, Route& route);
+    // The fast-forward bit of `intf`, given immediate_olist(*,G) there
+    // (false on the incoming interface).
+    void setFastForward(Intf& intf, const Route& route, bool olist);
     // True (traced) for a received entry that does not concern a joined
     // (*,G) route's RPF' or previous RPF'.
     bool ignoreRxJoinPrune(const Routing::Pim::JoinPruneMessageInfo& m) const;
