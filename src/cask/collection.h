@@ -290,6 +290,9 @@ protected:
             const Iter it = seek(k);
             return it != map_.end() && keyOf(*it) == k ? it : const_cast<Map&>(map_).end();
         } else {
+            // A hashed lookup hashes the key first, even in an empty map:
+            // many route-keyed sets are empty nearly all the time.
+            if (map_.empty()) return const_cast<Map&>(map_).end();
             return const_cast<Map&>(map_).find(k);
         }
     }

@@ -135,6 +135,7 @@ public:
     HashIndex& operator=(const HashIndex&) = delete;
 
     R* find(const Key& k) const {
+        if (set_.empty()) return nullptr;  // no hashing when nothing is held
         auto it = set_.find(k);
         return it == set_.end() ? nullptr : *it;
     }

@@ -1,5 +1,6 @@
 #include "platform/rpf_status.h"
 
+#include <iterator>
 #include <utility>
 
 namespace Routing::Pim {
@@ -32,6 +33,9 @@ void RpfConfig::deliver(RpfConfigInfo before, Change&& change) {
 }
 
 RpfConfig::RequestId RpfConfig::requestIs(const RpfConfigInfo& info) {
+    // Routes made in a burst mostly share one request (a group range's RP):
+    // the last route's request is alive, since that route is still on it.
+    if (written_ && request_[written_->id].info == info) return written_->id;
     if (auto it = requestId_.find(info); it != requestId_.end()) return it->second;
     RequestId id;
     if (!freeRequest_.empty()) {
@@ -62,8 +66,10 @@ void RpfConfig::requestRouteDel(RequestId id, const RouteKey& k) {
 }
 
 void RpfConfig::rpfConfigInfoIs(const RouteKey& k, RpfConfigInfo v) {
-    // One search: where the key is, or where it goes.
-    auto it = route_.lower_bound(k);
+    // One search at most: where the key is, or where it goes. Routes mostly
+    // come in key order, so a new one goes last, which needs none.
+    auto it = !route_.empty() && std::prev(route_.end())->first < k ? route_.end()
+                                                                    : route_.lower_bound(k);
     const bool present = it != route_.end() && it->first == k;
     if (present && request_[it->second].info == v) return;
     deliver(present ? request_[it->second].info : RpfConfigInfo{}, [&] {
