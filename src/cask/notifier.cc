@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "cask/record_pool.h"
+
 namespace Cask {
 
 NotifieeBase::~NotifieeBase() {
@@ -20,18 +22,17 @@ Notifier::~Notifier() {
         if (notifiees_[i]) notifiees_[i]->notifier_ = nullptr;
     }
     for (Delivery* d = delivery_; d; d = d->outer) d->recordDestroyed = true;
-    delete[] notifiees_;
+    if (notifiees_) RecordPool::give(notifiees_, capacity_ * sizeof(NotifieeBase*));
 }
 
 void Notifier::attach(NotifieeBase* n) {
     if (size_ == capacity_) {
         // Seven to start: a route is watched by four to seven machines, and
-        // growing from three cost it a second allocation and a copy. Seven
-        // pointers fill the same 64-byte heap chunk that six would.
+        // growing from three cost it a second allocation and a copy.
         const std::uint32_t grown = capacity_ ? 2 * capacity_ + 1 : 7;
-        auto* moved = new NotifieeBase*[grown];
+        auto* moved = static_cast<NotifieeBase**>(RecordPool::take(grown * sizeof(NotifieeBase*)));
         std::copy(notifiees_, notifiees_ + size_, moved);
-        delete[] notifiees_;
+        if (notifiees_) RecordPool::give(notifiees_, capacity_ * sizeof(NotifieeBase*));
         notifiees_ = moved;
         capacity_ = grown;
     }

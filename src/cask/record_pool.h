@@ -46,6 +46,16 @@ public:
         head = f;
     }
 
+    // Blocks of any size: the pool's up to `largest`, the heap's beyond.
+    // Watcher arrays of records come from here.
+    static void* take(std::size_t n) {
+        return enabled && n <= largest ? allocate(n) : ::operator new(n);
+    }
+    static void give(void* p, std::size_t n) noexcept {
+        if (enabled && n <= largest) return deallocate(p, n);
+        ::operator delete(p, n);
+    }
+
 private:
     static constexpr std::size_t grain = alignof(std::max_align_t) / 2;  // a word
     struct Free {
