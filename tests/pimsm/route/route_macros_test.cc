@@ -417,7 +417,8 @@ AssertMetric offer(const MacroVrf& f, std::string_view intf, const Offer& o) {
 }
 
 TEST(RouteMacros, LostAssertSgOnlyWhenTheWinnerBeatsSptAssertMetric) {
-    using enum AssertState;
+    constexpr auto none = AssertState::assertNoInfo, won = AssertState::iAmAssertWinner,
+                   lost = AssertState::iAmAssertLoser;
     struct Case {
         const char* name;
         const char* intf;
@@ -427,47 +428,17 @@ TEST(RouteMacros, LostAssertSgOnlyWhenTheWinnerBeatsSptAssertMetric) {
         bool lostSg, lostSgRpt;
     };
     const std::vector<Case> cases = {
-        {"no assert state", "d1", false, assertNoInfo, {}, false, false},
-        {"I am the winner", "d1", false, iAmAssertWinner, {false, sp, sm, 5}, false, false},
-        {"better preference", "d1", false, iAmAssertLoser, {false, sp - 1, sm + 9, lo}, true, true},
-        {"same preference, lower metric",
-         "d1",
-         false,
-         iAmAssertLoser,
-         {false, sp, sm - 1, lo},
-         true,
-         true},
-        {"tie won on the higher address",
-         "d1",
-         false,
-         iAmAssertLoser,
-         {false, sp, sm, hi},
-         true,
-         true},
-        {"tie, winner's address below mine",
-         "d1",
-         false,
-         iAmAssertLoser,
-         {false, sp, sm, lo},
-         false,
-         true},
-        {"worse metric", "d1", false, iAmAssertLoser, {false, sp, sm + 1, hi}, false, true},
-        {"RPT bit set", "d1", false, iAmAssertLoser, {true, 1, 1, hi}, false, true},
-        {"RPF_interface(S), no SPT bit",
-         "up_s",
-         false,
-         iAmAssertLoser,
-         {false, 1, 1, hi},
-         false,
-         true},
-        {"RPF_interface(S), SPT bit",
-         "up_s",
-         true,
-         iAmAssertLoser,
-         {false, 1, 1, hi},
-         false,
-         false},
-        {"RPF_interface(RP(G))", "up_rp", false, iAmAssertLoser, {false, 1, 1, hi}, true, false},
+        {"no assert state", "d1", false, none, {}, false, false},
+        {"I am the winner", "d1", false, won, {false, sp, sm, 5}, false, false},
+        {"better preference", "d1", false, lost, {false, sp - 1, sm + 9, lo}, true, true},
+        {"same preference, lower metric", "d1", false, lost, {false, sp, sm - 1, lo}, true, true},
+        {"tie won on the higher address", "d1", false, lost, {false, sp, sm, hi}, true, true},
+        {"tie, winner's address below mine", "d1", false, lost, {false, sp, sm, lo}, false, true},
+        {"worse metric", "d1", false, lost, {false, sp, sm + 1, hi}, false, true},
+        {"RPT bit set", "d1", false, lost, {true, 1, 1, hi}, false, true},
+        {"RPF_interface(S), no SPT bit", "up_s", false, lost, {false, 1, 1, hi}, false, true},
+        {"RPF_interface(S), SPT bit", "up_s", true, lost, {false, 1, 1, hi}, false, false},
+        {"RPF_interface(RP(G))", "up_rp", false, lost, {false, 1, 1, hi}, true, false},
     };
     for (auto family : families) {
         for (const auto& c : cases) {
@@ -578,79 +549,33 @@ TEST(RouteMacros, CouldAssertTrackingAndMyAssertMetric) {
 // Received asserts against my metric on d1 (or the winner's, once I lost) and on d3, where
 // I could not assert and my metric is the infinite one.
 TEST(RouteMacros, ReceivedAssertAgainstMyMetricAndTheWinner) {
+    // What the received assert is: preferred (and so acceptable), inferior (and not
+    // acceptable), or only acceptable.
+    enum Verdict { preferred, inferior, acceptable };
     struct Case {
         const char* name;
         bool wc;  // the (*,G) assert machine's view, else the (S,G) one's
         const char* intf;
         bool lost;  // I lost to {sp - 10, sm} (S,G) or {rp - 10, rm} (*,G)
         Offer rx;
-        bool preferred, inferior, acceptable;
+        Verdict verdict;
     };
     const std::vector<Case> cases = {
-        {"(S,G) lower metric", false, "d1", false, {false, sp, sm - 1, lo}, true, false, true},
-        {"(S,G) higher metric", false, "d1", false, {false, sp, sm + 1, hi}, false, true, false},
-        {"(S,G) tie, higher address", false, "d1", false, {false, sp, sm, hi}, true, false, true},
-        {"(S,G) tie, lower address", false, "d1", false, {false, sp, sm, lo}, false, true, false},
-        {"(S,G) RPT bit set", false, "d1", false, {true, 1, 1, hi}, false, true, false},
-        {"(S,G) lost: better than mine only",
-         false,
-         "d1",
-         true,
-         {false, sp - 5, sm, hi},
-         false,
-         false,
-         true},
-        {"(S,G) lost: better than the winner",
-         false,
-         "d1",
-         true,
-         {false, sp - 20, sm, hi},
-         true,
-         false,
-         true},
-        {"(S,G) lost: worse than mine",
-         false,
-         "d1",
-         true,
-         {false, sp + 1, sm, hi},
-         false,
-         true,
-         false},
-        {"(S,G) my metric infinite", false, "d3", false, {true, 500, 500, lo}, true, false, true},
-        {"(*,G) SPT-bit offer beats my RPT metric",
-         true,
-         "d1",
-         false,
-         {false, 500, 500, lo},
-         true,
-         false,
-         true},
-        {"(*,G) lower preference",
-         true,
-         "d1",
-         false,
-         {true, rp - 1, rm + 9, lo},
-         true,
-         false,
-         true},
-        {"(*,G) tie, lower address", true, "d1", false, {true, rp, rm, lo}, false, true, false},
-        {"(*,G) lost: better than mine only",
-         true,
-         "d1",
-         true,
-         {true, rp - 5, rm, hi},
-         false,
-         false,
-         true},
-        {"(*,G) lost: better than the winner",
-         true,
-         "d1",
-         true,
-         {true, rp - 20, rm, hi},
-         true,
-         false,
-         true},
-        {"(*,G) my metric infinite", true, "d3", false, {true, 500, 500, lo}, true, false, true},
+        {"(S,G) lower metric", false, "d1", false, {false, sp, sm - 1, lo}, preferred},
+        {"(S,G) higher metric", false, "d1", false, {false, sp, sm + 1, hi}, inferior},
+        {"(S,G) tie, higher address", false, "d1", false, {false, sp, sm, hi}, preferred},
+        {"(S,G) tie, lower address", false, "d1", false, {false, sp, sm, lo}, inferior},
+        {"(S,G) RPT bit set", false, "d1", false, {true, 1, 1, hi}, inferior},
+        {"(S,G) lost: beats mine only", false, "d1", true, {false, sp - 5, sm, hi}, acceptable},
+        {"(S,G) lost: beats the winner", false, "d1", true, {false, sp - 20, sm, hi}, preferred},
+        {"(S,G) lost: worse than mine", false, "d1", true, {false, sp + 1, sm, hi}, inferior},
+        {"(S,G) my metric infinite", false, "d3", false, {true, 500, 500, lo}, preferred},
+        {"(*,G) SPT-bit offer beats my RPT", true, "d1", false, {false, 500, 500, lo}, preferred},
+        {"(*,G) lower preference", true, "d1", false, {true, rp - 1, rm + 9, lo}, preferred},
+        {"(*,G) tie, lower address", true, "d1", false, {true, rp, rm, lo}, inferior},
+        {"(*,G) lost: beats mine only", true, "d1", true, {true, rp - 5, rm, hi}, acceptable},
+        {"(*,G) lost: beats the winner", true, "d1", true, {true, rp - 20, rm, hi}, preferred},
+        {"(*,G) my metric infinite", true, "d3", false, {true, 500, 500, lo}, preferred},
     };
     for (auto family : families) {
         for (const auto& c : cases) {
@@ -666,9 +591,12 @@ TEST(RouteMacros, ReceivedAssertAgainstMyMetricAndTheWinner) {
                 const Offer w = c.wc ? Offer{true, rp - 10, rm, lo} : Offer{false, sp - 10, sm, lo};
                 i.assertInfoIs(MacroVrf::loser(offer(f, c.intf, w)));
             }
-            EXPECT_EQ(c.wc ? i.isPreferredAssertWc(rx) : i.isPreferredAssertSg(rx), c.preferred);
-            EXPECT_EQ(c.wc ? i.isInferiorAssertWc(rx) : i.isInferiorAssertSg(rx), c.inferior);
-            EXPECT_EQ(c.wc ? i.isAcceptableAssertWc(rx) : i.isAcceptableAssertSg(rx), c.acceptable);
+            EXPECT_EQ(c.wc ? i.isPreferredAssertWc(rx) : i.isPreferredAssertSg(rx),
+                      c.verdict == preferred);
+            EXPECT_EQ(c.wc ? i.isInferiorAssertWc(rx) : i.isInferiorAssertSg(rx),
+                      c.verdict == inferior);
+            EXPECT_EQ(c.wc ? i.isAcceptableAssertWc(rx) : i.isAcceptableAssertSg(rx),
+                      c.verdict != inferior);
         }
     }
 }
@@ -676,7 +604,9 @@ TEST(RouteMacros, ReceivedAssertAgainstMyMetricAndTheWinner) {
 // --- AssertMetric order -----------------------------------------------------------------------
 
 TEST(AssertMetric, OrderRptBitPreferenceMetricThenHigherAddress) {
-    auto a4 = [](const char* s) { return *Wirl::IpGenAddr::parse(s); };
+    auto m = [](bool rpt, std::uint32_t pref, std::uint32_t metric, const char* addr) {
+        return AssertMetric{rpt, pref, metric, *Wirl::IpGenAddr::parse(addr)};
+    };
     using O = std::strong_ordering;
     struct Case {
         const char* name;
@@ -684,40 +614,28 @@ TEST(AssertMetric, OrderRptBitPreferenceMetricThenHigherAddress) {
         O expected;  // a <=> b; less means a is preferred
     };
     const AssertMetric inf = AssertMetric::infinite();
+    constexpr auto infPref = AssertMetric::infinitePreference;
+    constexpr auto infMetric = AssertMetric::infiniteMetric;
+    constexpr auto lt = O::less, gt = O::greater, eq = O::equal;
     const std::vector<Case> cases = {
-        {"RPT bit clear beats set",
-         {false, 200, 200, a4("10.0.0.1")},
-         {true, 1, 1, a4("10.0.0.9")},
-         O::less},
-        {"lower preference beats lower metric",
-         {true, 10, 900, a4("10.0.0.1")},
-         {true, 11, 1, a4("10.0.0.9")},
-         O::less},
-        {"lower metric", {false, 10, 20, a4("10.0.0.1")}, {false, 10, 21, a4("10.0.0.9")}, O::less},
-        {"higher address wins a tie",
-         {false, 10, 20, a4("10.0.0.1")},
-         {false, 10, 20, a4("10.0.0.9")},
-         O::greater},
-        {"higher IPv6 address wins a tie",
-         {false, 10, 20, a4("2001:db8::1:0")},
-         {false, 10, 20, a4("2001:db8::ff")},
-         O::less},
-        {"equal", {true, 10, 20, a4("2001:db8::1")}, {true, 10, 20, a4("2001:db8::1")}, O::equal},
-        {"worst real metric beats infinite",
-         {true, AssertMetric::infinitePreference, AssertMetric::infiniteMetric, a4("0.0.0.1")},
-         inf,
-         O::less},
-        {"real IPv6 metric beats infinite", {true, 7, 7, a4("2001:db8::1")}, inf, O::less},
-        {"infinite equals infinite", inf, AssertMetric{}, O::equal},
+        {"RPT bit clear", m(false, 200, 200, "10.0.0.1"), m(true, 1, 1, "10.0.0.9"), lt},
+        {"preference before metric", m(true, 10, 900, "10.0.0.1"), m(true, 11, 1, "10.0.0.9"), lt},
+        {"lower metric", m(false, 10, 20, "10.0.0.1"), m(false, 10, 21, "10.0.0.9"), lt},
+        {"higher address", m(false, 10, 20, "10.0.0.1"), m(false, 10, 20, "10.0.0.9"), gt},
+        {"IPv6 address", m(false, 1, 2, "2001:db8::1:0"), m(false, 1, 2, "2001:db8::ff"), lt},
+        {"equal", m(true, 10, 20, "2001:db8::1"), m(true, 10, 20, "2001:db8::1"), eq},
+        {"worst real beats infinite", m(true, infPref, infMetric, "0.0.0.1"), inf, lt},
+        {"real IPv6 metric beats infinite", m(true, 7, 7, "2001:db8::1"), inf, lt},
+        {"infinite equals infinite", inf, AssertMetric{}, eq},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         EXPECT_TRUE((c.a <=> c.b) == c.expected);
         EXPECT_TRUE((c.b <=> c.a) == (0 <=> (c.a <=> c.b)));
-        EXPECT_EQ(c.a == c.b, c.expected == O::equal);
+        EXPECT_EQ(c.a == c.b, c.expected == eq);
     }
     EXPECT_TRUE(inf.isInfinite());
-    EXPECT_FALSE((AssertMetric{true, 7, 7, a4("10.0.0.1")}).isInfinite());
+    EXPECT_FALSE(m(true, 7, 7, "10.0.0.1").isInfinite());
 }
 
 }  // namespace
