@@ -89,48 +89,27 @@ TEST(JoinPruneWriter, OppositeEntriesReplaceEachOther) {
     };
     WriterFixture f;
     const auto sgE = [&](Kind k) { return JoinPruneEntry::of(k, f.sg); };
+    const auto j = sgE(Kind::joined), p = sgE(Kind::pruned), js = sgE(Kind::joinSuppressed);
+    const auto rj = sgE(Kind::rptJoined), rp = sgE(Kind::rptPruned);
     const auto rp2 = ip("10.9.9.8");
+    const auto wcJ = JoinPruneEntry::wcJoin(f.group, f.rp),
+               wcP = JoinPruneEntry::wcPrune(f.group, f.rp);
+    const auto wcJ2 = JoinPruneEntry::wcJoin(f.group, rp2),
+               wcP2 = JoinPruneEntry::wcPrune(f.group, rp2);
     const JoinPruneEntry none = JoinPruneEntry::wcAny(ip("239.9.9.9"));
     const Case cases[] = {
-        {{sgE(Kind::pruned), sgE(Kind::joined)}, none, {sgE(Kind::joined)}, {sgE(Kind::pruned)}},
-        {{sgE(Kind::joined), sgE(Kind::joinSuppressed), sgE(Kind::pruned)},
-         none,
-         {sgE(Kind::pruned)},
-         {sgE(Kind::joined), sgE(Kind::joinSuppressed)}},
-        {{sgE(Kind::joined), sgE(Kind::joinSuppressed)},
-         sgE(Kind::joined),
-         {},
-         {sgE(Kind::joinSuppressed)},
-         Set::periodic},
-        {{sgE(Kind::rptPruned), sgE(Kind::rptJoined)},
-         none,
-         {sgE(Kind::rptJoined)},
-         {sgE(Kind::rptPruned)}},
-        {{sgE(Kind::rptJoined), sgE(Kind::rptPruned)},
-         none,
-         {sgE(Kind::rptPruned)},
-         {sgE(Kind::rptJoined)}},
-        {{JoinPruneEntry::wcJoin(f.group, f.rp), JoinPruneEntry::wcPrune(f.group, f.rp)},
-         none,
-         {JoinPruneEntry::wcPrune(f.group, f.rp)},
-         {JoinPruneEntry::wcJoin(f.group, f.rp)}},
+        {{p, j}, none, {j}, {p}},
+        {{j, js, p}, none, {p}, {j, js}},
+        {{j, js}, j, {}, {js}, Set::periodic},
+        {{rp, rj}, none, {rj}, {rp}},
+        {{rj, rp}, none, {rp}, {rj}},
+        {{wcJ, wcP}, none, {wcP}, {wcJ}},
         // A triggered message may carry entries toward two RPs; the periodic
         // one keeps the latest only.
-        {{JoinPruneEntry::wcPrune(f.group, rp2), JoinPruneEntry::wcJoin(f.group, f.rp)},
-         none,
-         {JoinPruneEntry::wcPrune(f.group, rp2), JoinPruneEntry::wcJoin(f.group, f.rp)},
-         {}},
-        {{JoinPruneEntry::wcJoin(f.group, rp2), JoinPruneEntry::wcJoin(f.group, f.rp)},
-         none,
-         {JoinPruneEntry::wcJoin(f.group, f.rp)},
-         {JoinPruneEntry::wcJoin(f.group, rp2)},
-         Set::periodic},
+        {{wcP2, wcJ}, none, {wcP2, wcJ}, {}},
+        {{wcJ2, wcJ}, none, {wcJ}, {wcJ2}, Set::periodic},
         // Deleting (*,G) with no RP takes every RP's entry, Join or Prune.
-        {{JoinPruneEntry::wcPrune(f.group, rp2), JoinPruneEntry::wcJoin(f.group, f.rp),
-          sgE(Kind::joined)},
-         JoinPruneEntry::wcAny(f.group),
-         {sgE(Kind::joined)},
-         {JoinPruneEntry::wcAny(f.group)}},
+        {{wcP2, wcJ, j}, JoinPruneEntry::wcAny(f.group), {j}, {JoinPruneEntry::wcAny(f.group)}},
     };
     for (std::size_t i = 0; i < std::size(cases); ++i) {
         SCOPED_TRACE("case " + std::to_string(i));
