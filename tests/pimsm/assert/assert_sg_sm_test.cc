@@ -58,102 +58,85 @@ struct SgVrf : AssertVrf {
     }
 };
 
-enum class Timer { none, fromSetup, fromEvent };
+// When a loser's assert timer runs out: not at all, 180 s after the setup or after the event.
+enum class Timer { off, fromSetup, fromEvent };
 
 struct Row {
     const char* name;
     AssertState from;
     std::function<void(SgVrf&)> event;
     AssertState to;
-    int action;  // lastAssertAction afterwards
-    bool winnerListed;
-    bool cancelListed;
+    int action;               // lastAssertAction afterwards
     std::uint32_t triggered;  // triggered winner Asserts requested in all
     Timer timer;
     const char* winner;  // the winner's address while loser
 };
 
+// An (S,G) Assert on d1 from W or L, with the RPT bit, preference and metric given.
+std::function<void(SgVrf&)> byW(bool rpt, std::uint32_t pref, std::uint32_t metric = 20) {
+    return [=](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(rpt, pref, metric, f.w)); };
+}
+std::function<void(SgVrf&)> byL(bool rpt, std::uint32_t pref, std::uint32_t metric = 20) {
+    return [=](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(rpt, pref, metric, f.l)); };
+}
+
+// The winner list holds the key exactly while this router is the winner, and an AssertCancel
+// goes out exactly when it stops being the winner (A4).
 TEST(AssertSgSm, EveryTransitionOfTheTable) {
     constexpr std::uint32_t inf = 0x7fffffff;
+    using enum Timer;
+    constexpr auto none = assertNoInfo, won = iAmAssertWinner, lost = iAmAssertLoser;
     const std::vector<Row> rows = {
         // assertNoInfo
-        {"inferior assert: EDGE1, A1", assertNoInfo,
-         [](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(false, 120, 20, f.w)); },
-         iAmAssertWinner, 1, true, false, 1, Timer::none, ""},
-        {"equal metric from a lower address: A1", assertNoInfo,
-         [](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(false, 110, 20, f.l)); },
-         iAmAssertWinner, 1, true, false, 1, Timer::none, ""},
-        {"RPT assert with CouldAssert: EDGE2, A1", assertNoInfo,
-         [](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(true, 1, 1, f.w)); }, iAmAssertWinner, 1,
-         true, false, 1, Timer::none, ""},
-        {"data on the outgoing interface: EDGE3, A1", assertNoInfo,
-         [](SgVrf& f) { f.rxData(f.d1, f.sgKey); }, iAmAssertWinner, 1, true, false, 1, Timer::none,
-         ""},
-        {"acceptable assert: EDGE4, A6", assertNoInfo,
-         [](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(false, 100, 20, f.w)); }, iAmAssertLoser,
-         6, false, false, 0, Timer::fromEvent, "10.0.3.9"},
-        {"equal metric from a higher address: A6", assertNoInfo,
-         [](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(false, 110, 20, f.w)); }, iAmAssertLoser,
-         6, false, false, 0, Timer::fromEvent, "10.0.3.9"},
+        {"inferior assert: EDGE1, A1", none, byW(false, 120), won, 1, 1, off, ""},
+        {"equal metric from a lower address: A1", none, byL(false, 110), won, 1, 1, off, ""},
+        {"RPT assert with CouldAssert: EDGE2, A1", none, byW(true, 1, 1), won, 1, 1, off, ""},
+        {"data on the outgoing interface: EDGE3, A1", none,
+         [](SgVrf& f) { f.rxData(f.d1, f.sgKey); }, won, 1, 1, off, ""},
+        {"acceptable assert: EDGE4, A6", none, byW(false, 100), lost, 6, 0, fromEvent, "10.0.3.9"},
+        {"equal metric from a higher address: A6", none, byW(false, 110), lost, 6, 0, fromEvent,
+         "10.0.3.9"},
         // iAmAssertWinner
-        {"inferior assert: EDGE2, A3", iAmAssertWinner,
-         [](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(false, 130, 20, f.l)); },
-         iAmAssertWinner, 3, true, false, 2, Timer::none, ""},
-        {"preferred assert: EDGE3, A2", iAmAssertWinner,
-         [](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(false, 100, 20, f.l)); }, iAmAssertLoser,
-         2, false, false, 1, Timer::fromEvent, "10.0.3.1"},
-        {"data: ignored", iAmAssertWinner, [](SgVrf& f) { f.rxData(f.d1, f.sgKey); },
-         iAmAssertWinner, 1, true, false, 1, Timer::none, ""},
-        {"CouldAssert false: EDGE4, A4", iAmAssertWinner, [](SgVrf& f) { f.prune(); }, assertNoInfo,
-         4, false, true, 1, Timer::none, ""},
+        {"inferior assert: EDGE2, A3", won, byL(false, 130), won, 3, 2, off, ""},
+        {"preferred assert: EDGE3, A2", won, byL(false, 100), lost, 2, 1, fromEvent, "10.0.3.1"},
+        {"data: ignored", won, [](SgVrf& f) { f.rxData(f.d1, f.sgKey); }, won, 1, 1, off, ""},
+        {"CouldAssert false: EDGE4, A4", won, [](SgVrf& f) { f.prune(); }, none, 4, 1, off, ""},
         // iAmAssertLoser, with W as the winner
-        {"preferred assert: EDGE1, A2", iAmAssertLoser,
-         [](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(false, 90, 20, f.l)); }, iAmAssertLoser,
-         2, false, false, 0, Timer::fromEvent, "10.0.3.1"},
-        {"acceptable assert from the winner: EDGE2, A2", iAmAssertLoser,
-         [](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(false, 105, 20, f.w)); }, iAmAssertLoser,
-         2, false, false, 0, Timer::fromEvent, "10.0.3.9"},
-        {"acceptable assert from another router: nothing", iAmAssertLoser,
-         [](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(false, 105, 20, f.l)); }, iAmAssertLoser,
-         6, false, false, 0, Timer::fromSetup, "10.0.3.9"},
-        {"inferior assert from the winner: EDGE3, A5", iAmAssertLoser,
-         [](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(false, 120, 20, f.w)); }, assertNoInfo,
-         5, false, false, 0, Timer::none, ""},
-        {"AssertCancel from the winner: EDGE3, A5", iAmAssertLoser,
-         [&](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(true, inf, 0xffffffff, f.w)); },
-         assertNoInfo, 5, false, false, 0, Timer::none, ""},
-        {"inferior assert from another router: nothing", iAmAssertLoser,
-         [](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(false, 120, 20, f.l)); }, iAmAssertLoser,
-         6, false, false, 0, Timer::fromSetup, "10.0.3.9"},
-        {"assert timer: EDGE4, A5", iAmAssertLoser, [](SgVrf& f) { f.after(180); }, assertNoInfo, 5,
-         false, false, 0, Timer::none, ""},
-        {"winner's neighbour gone: EDGE5, A5", iAmAssertLoser,
-         [](SgVrf& f) { f.vrf.neighborDel("d1", f.w); }, assertNoInfo, 5, false, false, 0,
-         Timer::none, ""},
+        {"preferred assert: EDGE1, A2", lost, byL(false, 90), lost, 2, 0, fromEvent, "10.0.3.1"},
+        {"acceptable assert from the winner: EDGE2, A2", lost, byW(false, 105), lost, 2, 0,
+         fromEvent, "10.0.3.9"},
+        {"acceptable assert from another router: nothing", lost, byL(false, 105), lost, 6, 0,
+         fromSetup, "10.0.3.9"},
+        {"inferior assert from the winner: EDGE3, A5", lost, byW(false, 120), none, 5, 0, off, ""},
+        {"AssertCancel from the winner: EDGE3, A5", lost,
+         [&](SgVrf& f) { f.rxAssert(f.d1, f.sgKey, f.metric(true, inf, 0xffffffff, f.w)); }, none,
+         5, 0, off, ""},
+        {"inferior assert from another router: nothing", lost, byL(false, 120), lost, 6, 0,
+         fromSetup, "10.0.3.9"},
+        {"assert timer: EDGE4, A5", lost, [](SgVrf& f) { f.after(180); }, none, 5, 0, off, ""},
+        {"winner's neighbour gone: EDGE5, A5", lost, [](SgVrf& f) { f.vrf.neighborDel("d1", f.w); },
+         none, 5, 0, off, ""},
         // d1 is not the RPF interface: no change flag tells of W's restart.
-        {"winner restarted (new generation ID): EDGE5, A5", iAmAssertLoser,
-         [](SgVrf& f) { f.restart(f.w); }, assertNoInfo, 5, false, false, 0, Timer::none, ""},
-        {"another router restarted: nothing", iAmAssertLoser, [](SgVrf& f) { f.restart(f.l); },
-         iAmAssertLoser, 6, false, false, 0, Timer::fromSetup, "10.0.3.9"},
-        {"tracking no longer desired: EDGE6, A5", iAmAssertLoser, [](SgVrf& f) { f.prune(); },
-         assertNoInfo, 5, false, false, 0, Timer::none, ""},
-        {"my metric now better: EDGE7, A5", iAmAssertLoser,
+        {"winner restarted (new generation ID): EDGE5, A5", lost, [](SgVrf& f) { f.restart(f.w); },
+         none, 5, 0, off, ""},
+        {"another router restarted: nothing", lost, [](SgVrf& f) { f.restart(f.l); }, lost, 6, 0,
+         fromSetup, "10.0.3.9"},
+        {"tracking no longer desired: EDGE6, A5", lost, [](SgVrf& f) { f.prune(); }, none, 5, 0,
+         off, ""},
+        {"my metric now better: EDGE7, A5", lost,
          [](SgVrf& f) {
              f.vrf.unicastRouteIs(prefix("10.1.0.0/16"), "up1", ip("10.0.1.2"), 90, 20);
              f.vrf.settle();
          },
-         assertNoInfo, 5, false, false, 0, Timer::none, ""},
-        {"Join addressed to me: EDGE9, A5", iAmAssertLoser,
-         [](SgVrf& f) { f.rxJoin(f.d1, f.sgKey, f.me); }, assertNoInfo, 5, false, false, 0,
-         Timer::none, ""},
-        {"Join addressed to the winner: nothing", iAmAssertLoser,
-         [](SgVrf& f) { f.rxJoin(f.d1, f.sgKey, f.w); }, iAmAssertLoser, 6, false, false, 0,
-         Timer::fromSetup, "10.0.3.9"},
-        {"(*,G) Join addressed to me: nothing", iAmAssertLoser,
-         [](SgVrf& f) { f.rxJoin(f.d1, f.wcKey, f.me); }, iAmAssertLoser, 6, false, false, 0,
-         Timer::fromSetup, "10.0.3.9"},
-        {"data: ignored", iAmAssertLoser, [](SgVrf& f) { f.rxData(f.d1, f.sgKey); }, iAmAssertLoser,
-         6, false, false, 0, Timer::fromSetup, "10.0.3.9"},
+         none, 5, 0, off, ""},
+        {"Join addressed to me: EDGE9, A5", lost, [](SgVrf& f) { f.rxJoin(f.d1, f.sgKey, f.me); },
+         none, 5, 0, off, ""},
+        {"Join addressed to the winner: nothing", lost,
+         [](SgVrf& f) { f.rxJoin(f.d1, f.sgKey, f.w); }, lost, 6, 0, fromSetup, "10.0.3.9"},
+        {"(*,G) Join addressed to me: nothing", lost,
+         [](SgVrf& f) { f.rxJoin(f.d1, f.wcKey, f.me); }, lost, 6, 0, fromSetup, "10.0.3.9"},
+        {"data: ignored", lost, [](SgVrf& f) { f.rxData(f.d1, f.sgKey); }, lost, 6, 0, fromSetup,
+         "10.0.3.9"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(fmt::format("{}: {}", enumName(row.from), row.name));
@@ -171,11 +154,11 @@ TEST(AssertSgSm, EveryTransitionOfTheTable) {
         f.vrf.flush();
         EXPECT_EQ(i->assertInfo().assertState, row.to);
         EXPECT_EQ(i->lastAssertAction(), row.action);
-        EXPECT_EQ(f.winnerListed(f.sgKey, f.d1), row.winnerListed);
-        EXPECT_EQ(f.cancelListed(f.sgKey, f.d1), row.cancelListed);
+        EXPECT_EQ(f.winnerListed(f.sgKey, f.d1), row.to == won);
+        EXPECT_EQ(f.cancelListed(f.sgKey, f.d1), row.from == won && row.to == none);
         EXPECT_EQ(f.triggered(f.d1), row.triggered);
         EXPECT_EQ(f.assertsPunted() + f.dataPunted(), 0u);
-        const Cask::Seconds expect = row.timer == Timer::none        ? Cask::never
+        const Cask::Seconds expect = row.timer == Timer::off         ? Cask::never
                                      : row.timer == Timer::fromSetup ? setupAt + 180
                                                                      : eventAt + 180;
         EXPECT_EQ(f.loserTimer(f.d1), expect);

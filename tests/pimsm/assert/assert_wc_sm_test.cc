@@ -55,62 +55,52 @@ struct Row {
     std::function<void(WcVrf&)> event;
     AssertState to;
     int action;
-    bool winnerListed, cancelListed;
     std::uint32_t triggered;
     bool timerFromEvent;  // a loser's timer restarted by the event (else from the setup)
     const char* winner;
 };
 
+// An Assert with the RPT bit on d1 from W or L, metric 20 at the preference given.
+std::function<void(WcVrf&)> byW(std::uint32_t pref) {
+    return [=](WcVrf& f) { f.rx(f.metric(true, pref, 20, f.w)); };
+}
+std::function<void(WcVrf&)> byL(std::uint32_t pref) {
+    return [=](WcVrf& f) { f.rx(f.metric(true, pref, 20, f.l)); };
+}
+
+// The winner list holds the key exactly while this router is the winner, and an AssertCancel
+// goes out exactly when it stops being the winner (A4).
 TEST(AssertWcSm, EveryTransitionOfTheTable) {
+    constexpr auto none = assertNoInfo, won = iAmAssertWinner, lost = iAmAssertLoser;
     const std::vector<Row> rows = {
-        {"inferior assert: EDGE1, A1", assertNoInfo,
-         [](WcVrf& f) { f.rx(f.metric(true, 120, 20, f.w)); }, iAmAssertWinner, 1, true, false, 1,
-         false, ""},
-        {"data without forwarding entry: EDGE2, A1", assertNoInfo,
-         [](WcVrf& f) { f.rxData(f.d1, f.sgKey, true); }, iAmAssertWinner, 1, true, false, 1, false,
+        {"inferior assert: EDGE1, A1", none, byW(120), won, 1, 1, false, ""},
+        {"data without forwarding entry: EDGE2, A1", none,
+         [](WcVrf& f) { f.rxData(f.d1, f.sgKey, true); }, won, 1, 1, false, ""},
+        {"acceptable assert: EDGE3, A2", none, byW(100), lost, 2, 0, true, "10.0.3.9"},
+        {"inferior assert: EDGE2, A3", won, byL(110), won, 3, 2, false, ""},
+        {"preferred assert: EDGE3, A2", won, byW(110), lost, 2, 1, true, "10.0.3.9"},
+        {"data: ignored", won, [](WcVrf& f) { f.rxData(f.d1, f.sgKey, true); }, won, 1, 1, false,
          ""},
-        {"acceptable assert: EDGE3, A2", assertNoInfo,
-         [](WcVrf& f) { f.rx(f.metric(true, 100, 20, f.w)); }, iAmAssertLoser, 2, false, false, 0,
-         true, "10.0.3.9"},
-        {"inferior assert: EDGE2, A3", iAmAssertWinner,
-         [](WcVrf& f) { f.rx(f.metric(true, 110, 20, f.l)); }, iAmAssertWinner, 3, true, false, 2,
-         false, ""},
-        {"preferred assert: EDGE3, A2", iAmAssertWinner,
-         [](WcVrf& f) { f.rx(f.metric(true, 110, 20, f.w)); }, iAmAssertLoser, 2, false, false, 1,
-         true, "10.0.3.9"},
-        {"data: ignored", iAmAssertWinner, [](WcVrf& f) { f.rxData(f.d1, f.sgKey, true); },
-         iAmAssertWinner, 1, true, false, 1, false, ""},
-        {"CouldAssert false: A4", iAmAssertWinner, [](WcVrf& f) { f.prune(); }, assertNoInfo, 4,
-         false, true, 1, false, ""},
-        {"preferred assert: EDGE1, A2", iAmAssertLoser,
-         [](WcVrf& f) { f.rx(f.metric(true, 90, 20, f.l)); }, iAmAssertLoser, 2, false, false, 0,
-         true, "10.0.3.1"},
-        {"acceptable assert from the winner: EDGE2, A2", iAmAssertLoser,
-         [](WcVrf& f) { f.rx(f.metric(true, 105, 20, f.w)); }, iAmAssertLoser, 2, false, false, 0,
-         true, "10.0.3.9"},
-        {"acceptable assert from another router: nothing", iAmAssertLoser,
-         [](WcVrf& f) { f.rx(f.metric(true, 105, 20, f.l)); }, iAmAssertLoser, 2, false, false, 0,
-         false, "10.0.3.9"},
-        {"inferior assert from the winner: EDGE3, A5", iAmAssertLoser,
-         [](WcVrf& f) { f.rx(f.metric(true, 120, 20, f.w)); }, assertNoInfo, 5, false, false, 0,
-         false, ""},
-        {"assert timer: A5", iAmAssertLoser, [](WcVrf& f) { f.after(180); }, assertNoInfo, 5, false,
-         false, 0, false, ""},
-        {"winner's neighbour gone: A5", iAmAssertLoser,
-         [](WcVrf& f) { f.vrf.neighborDel("d1", f.w); }, assertNoInfo, 5, false, false, 0, false,
-         ""},
-        {"winner restarted (new generation ID): A5", iAmAssertLoser,
-         [](WcVrf& f) { f.restart(f.w); }, assertNoInfo, 5, false, false, 0, false, ""},
-        {"another router restarted: nothing", iAmAssertLoser, [](WcVrf& f) { f.restart(f.l); },
-         iAmAssertLoser, 2, false, false, 0, false, "10.0.3.9"},
-        {"tracking no longer desired: A5", iAmAssertLoser, [](WcVrf& f) { f.prune(); },
-         assertNoInfo, 5, false, false, 0, false, ""},
-        {"(*,G) Join addressed to me: EDGE9, A5", iAmAssertLoser,
-         [](WcVrf& f) { f.rxJoin(f.d1, f.wcKey, f.me); }, assertNoInfo, 5, false, false, 0, false,
-         ""},
-        {"(S,G) Join addressed to me: nothing", iAmAssertLoser,
-         [](WcVrf& f) { f.rxJoin(f.d1, f.sgKey, f.me); }, iAmAssertLoser, 2, false, false, 0, false,
+        {"CouldAssert false: A4", won, [](WcVrf& f) { f.prune(); }, none, 4, 1, false, ""},
+        {"preferred assert: EDGE1, A2", lost, byL(90), lost, 2, 0, true, "10.0.3.1"},
+        {"acceptable assert from the winner: EDGE2, A2", lost, byW(105), lost, 2, 0, true,
          "10.0.3.9"},
+        {"acceptable assert from another router: nothing", lost, byL(105), lost, 2, 0, false,
+         "10.0.3.9"},
+        {"inferior assert from the winner: EDGE3, A5", lost, byW(120), none, 5, 0, false, ""},
+        {"assert timer: A5", lost, [](WcVrf& f) { f.after(180); }, none, 5, 0, false, ""},
+        {"winner's neighbour gone: A5", lost, [](WcVrf& f) { f.vrf.neighborDel("d1", f.w); }, none,
+         5, 0, false, ""},
+        {"winner restarted (new generation ID): A5", lost, [](WcVrf& f) { f.restart(f.w); }, none,
+         5, 0, false, ""},
+        {"another router restarted: nothing", lost, [](WcVrf& f) { f.restart(f.l); }, lost, 2, 0,
+         false, "10.0.3.9"},
+        {"tracking no longer desired: A5", lost, [](WcVrf& f) { f.prune(); }, none, 5, 0, false,
+         ""},
+        {"(*,G) Join addressed to me: EDGE9, A5", lost,
+         [](WcVrf& f) { f.rxJoin(f.d1, f.wcKey, f.me); }, none, 5, 0, false, ""},
+        {"(S,G) Join addressed to me: nothing", lost,
+         [](WcVrf& f) { f.rxJoin(f.d1, f.sgKey, f.me); }, lost, 2, 0, false, "10.0.3.9"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(fmt::format("{}: {}", enumName(row.from), row.name));
@@ -128,8 +118,8 @@ TEST(AssertWcSm, EveryTransitionOfTheTable) {
         f.vrf.flush();
         EXPECT_EQ(i->assertInfo().assertState, row.to);
         EXPECT_EQ(i->lastAssertAction(), row.action);
-        EXPECT_EQ(f.winnerListed(f.wcKey, f.d1), row.winnerListed);
-        EXPECT_EQ(f.cancelListed(f.wcKey, f.d1), row.cancelListed);
+        EXPECT_EQ(f.winnerListed(f.wcKey, f.d1), row.to == won);
+        EXPECT_EQ(f.cancelListed(f.wcKey, f.d1), row.from == won && row.to == none);
         EXPECT_EQ(f.triggered(f.d1), row.triggered);
         if (row.to == iAmAssertLoser) {
             EXPECT_EQ(i->assertWinner(), ip(row.winner));
