@@ -24,6 +24,8 @@ public:
     // Largest size the pool serves; larger records go to the heap.
     static constexpr std::size_t largest = 512;
     static constexpr std::size_t slabBytes = 64 * 1024;
+    // Blocks are word-aligned: records hold pointers, integers and doubles.
+    static constexpr std::size_t alignment = alignof(void*);
 
 #if defined(__SANITIZE_ADDRESS__)
     static constexpr bool enabled = false;
@@ -31,6 +33,7 @@ public:
     static constexpr bool enabled = true;
 #endif
 
+    // Sizes 1 to `largest`, in every build.
     static void* allocate(std::size_t n) {
         Free*& head = free_[classOf(n)];
         if (Free* f = head) {
@@ -57,7 +60,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t grain = alignof(std::max_align_t) / 2;  // a word
+    static constexpr std::size_t grain = alignment;
     struct Free {
         Free* next;
     };
@@ -82,18 +85,16 @@ private:
 template <class T>
 struct PooledNew {
     static void* operator new(std::size_t n) {
-        if (pooled(n)) return RecordPool::allocate(n);
-        return ::operator new(n);
+        return own(n) ? RecordPool::take(n) : ::operator new(n);
     }
     static void operator delete(void* p, std::size_t n) noexcept {
-        if (pooled(n)) return RecordPool::deallocate(p, n);
+        if (own(n)) return RecordPool::give(p, n);
         ::operator delete(p, n);
     }
 
 private:
-    static constexpr bool pooled(std::size_t n) {
-        return RecordPool::enabled && n == sizeof(T) && n <= RecordPool::largest &&
-               alignof(T) <= alignof(std::max_align_t) / 2;
+    static constexpr bool own(std::size_t n) {
+        return n == sizeof(T) && alignof(T) <= RecordPool::alignment;
     }
 };
 
