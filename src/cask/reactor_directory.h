@@ -81,13 +81,16 @@ public:
     void slotDel(std::size_t s) { taken_ &= ~(1u << s); }
 
     Base* find(const Key& k, std::size_t s) const {
+        // The machines that follow a route ask for its key in turn: the
+        // finger is mostly there already, and then no call is made.
+        if (atFinger(k)) return finger_->second.slot[s];
         const Block* b = block(k);
         return b ? b->slot[s] : nullptr;
     }
     // Puts `r` in slot `s` of its key's block, which must be free.
     void insert(std::size_t s, Base* r) {
         const Key& k = r->reactorKey();
-        auto it = lowerBound(k);
+        auto it = atFinger(k) ? finger_ : lowerBound(k);
         // The entries move: the new one is where the next lookup goes.
         if (it == blocks_.end() || it->first != k) finger_ = it = blocks_.try_emplace(it, k);
         it->second.slot[s] = r;
@@ -139,6 +142,11 @@ private:
     Block* block(const Key& k) const {
         auto it = lowerBound(k);
         return it != blocks_.end() && it->first == k ? &it->second : nullptr;
+    }
+
+    // `k` is where the finger is.
+    [[gnu::always_inline]] bool atFinger(const Key& k) const {
+        return finger_ != blocks_.end() && finger_->first == k;
     }
 
     // Where `k` is or would go, found from the finger, which moves there. A

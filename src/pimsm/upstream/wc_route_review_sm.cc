@@ -17,10 +17,11 @@ WcRouteReviewSm::WcRouteReviewSm(const VrfContext& ctx, UpstreamWcSm& upstream)
       localStatus_(*upstream.inputs().localStatus) {
     Cask::SlicedReview<Wirl::IpGenAddr>::Steps steps;
     steps.walk.first = [this](const std::optional<Wirl::IpGenAddr>& from) {
-        return inRanges(from ? groups_.lower_bound(*from) : groups_.begin());
+        const auto& routes = localStatus_.wcRoute();
+        return inRanges(from ? routes.lowerBound(RouteKey::wc(*from)) : routes.begin());
     };
     steps.walk.next = [this](const Wirl::IpGenAddr& done) {
-        return inRanges(groups_.upper_bound(done));
+        return inRanges(localStatus_.wcRoute().upperBound(RouteKey::wc(done)));
     };
     steps.visit = [this](const Wirl::IpGenAddr& group) { doReviewGroup(group); };
     steps.onStart = [this] {
@@ -37,8 +38,6 @@ WcRouteReviewSm::WcRouteReviewSm(const VrfContext& ctx, UpstreamWcSm& upstream)
         *ctx.loop, Cask::ReviewTiming{},
         Cask::ReviewTexts{fmt::to_string(vrfName_), "WcRouteReviewSm: "}, std::move(steps));
 
-    LocalStatus::Notifiee::notifierIs(&localStatus_);
-    for (const auto& [key, route] : localStatus_.wcRoute()) groups_.insert(key.group());
     rpWatcher_.notifierIs(ctx.rpMapping);
 }
 
@@ -50,27 +49,19 @@ void WcRouteReviewSm::handleRp(const Wirl::IpGenPrefix& groups) {
     review_->request();
 }
 
-void WcRouteReviewSm::handleWcRoute(const RouteKey& key) {
-    if (localStatus_.wcRouteHas(key)) {
-        // Routes come in key order: the new group mostly goes last.
-        groups_.insert(groups_.end(), key.group());
-    } else {
-        groups_.erase(key.group());
-    }
-}
-
-std::optional<Wirl::IpGenAddr> WcRouteReviewSm::inRanges(GroupSet::const_iterator it) const {
+std::optional<Wirl::IpGenAddr> WcRouteReviewSm::inRanges(RouteIter it) const {
     // Ranges are few: a scan of them per step, and a jump over the groups
     // between two ranges.
-    while (it != groups_.end()) {
-        const Wirl::IpGenAddr& group = *it;
+    const auto& routes = localStatus_.wcRoute();
+    while (it != routes.end()) {
+        const Wirl::IpGenAddr& group = it->first.group();
         const Wirl::IpGenPrefix* ahead = nullptr;
         for (const auto& range : working_) {
             if (range.contains(group)) return group;
             if (range.first() > group && !ahead) ahead = &range;  // sorted by first
         }
         if (!ahead) return std::nullopt;
-        it = groups_.lower_bound(ahead->first());
+        it = routes.lowerBound(RouteKey::wc(ahead->first()));
     }
     return std::nullopt;
 }

@@ -1,7 +1,7 @@
 #pragma once
 // WcRouteReviewSm: applies changes of the group-to-RP mapping to the (*,G)
 // routes of one VRF (RFC 7761 4.5.4: RPF'(*,G) follows RP(G)).
-// Watches: Platform::RpMapping (each changed group range), LocalStatus.wcRoute.
+// Watches: Platform::RpMapping (each changed group range); reads LocalStatus.wcRoute.
 // Writes:  only through UpstreamWcSm::handleRpChange (RPF'(*,G), the Joins).
 //
 // A mapping change may concern many routes, so it is applied by a sliced
@@ -15,9 +15,8 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <utility>
 #include <vector>
-
-#include <absl/container/btree_set.h>
 
 #include "cask/collection.h"
 #include "cask/event_loop.h"
@@ -30,19 +29,18 @@
 
 namespace Routing::Pim::SparseMode {
 
-class WcRouteReviewSm : public LocalStatus::Notifiee {
+class WcRouteReviewSm {
 public:
     // Reads the context's loop and rpMapping (which may be absent: a VRF
     // without RP mapping has nothing to watch). The records and the upstream
     // machine must outlive this machine.
     WcRouteReviewSm(const VrfContext& ctx, UpstreamWcSm& upstream);
-    ~WcRouteReviewSm() override;
+    ~WcRouteReviewSm();
     WcRouteReviewSm(const WcRouteReviewSm&) = delete;
     WcRouteReviewSm& operator=(const WcRouteReviewSm&) = delete;
 
     // A group range whose RP was added, changed or withdrawn.
     void handleRp(const Wirl::IpGenPrefix& groups);
-    void handleWcRoute(const Routing::Pim::RouteKey& key) override;
 
     // Routes handed to the upstream machine, and groups looked at, since start.
     std::uint64_t routesReviewed() const { return routesReviewed_; }
@@ -52,7 +50,7 @@ public:
     Cask::SlicedReview<Wirl::IpGenAddr>& review() { return *review_; }
 
 private:
-    using GroupSet = Cask::WideBtreeSet<Wirl::IpGenAddr>;
+    using RouteIter = decltype(std::declval<const LocalStatus&>().wcRoute().begin());
     class RpWatcher : public Platform::RpMapping::Notifiee {
     public:
         explicit RpWatcher(WcRouteReviewSm& owner) : owner_(owner) {}
@@ -63,16 +61,13 @@ private:
     };
 
     // The first group at or after `it` that lies in a range under review.
-    std::optional<Wirl::IpGenAddr> inRanges(GroupSet::const_iterator it) const;
+    std::optional<Wirl::IpGenAddr> inRanges(RouteIter it) const;
     void doReviewGroup(const Wirl::IpGenAddr& group);
 
     UpstreamWcSm& upstream_;
     const L3::VrfName vrfName_;
     LocalStatus& localStatus_;
     RpWatcher rpWatcher_{*this};
-    // Groups with a (*,G) route, in order; a B-tree keeps them without a
-    // node allocation per group.
-    GroupSet groups_;
     // Ranges changed since the review in progress started, and the ranges it
     // works on (sorted by first address).
     std::set<Wirl::IpGenPrefix> pending_;
