@@ -66,10 +66,26 @@ void DownstreamWcSgSm::handleSgRoute(const RouteKey& key) {
 }
 
 void DownstreamWcSgSm::handleRoute(const RouteKey& key, Route* route) {
-    if (DownstreamRouteSm* rsm = route_.update(key, route, *this)) {
+    // Most routes never hear a downstream Join (local receivers, say): they get no reactor
+    // until one does, unless they come with join state (a restart).
+    if (route && !route_.has(key) && !hasJoinState(*route)) return;
+    doFollowRoute(key, route);
+}
+
+DownstreamRouteSm* DownstreamWcSgSm::doFollowRoute(const RouteKey& key, Route* route) {
+    DownstreamRouteSm* rsm = route_.update(key, route, *this);
+    if (rsm) {
         CASK_VRF_TRACE(7, vrfName(), "DownstreamWcSgSm::handleRoute({}), route added", key);
         rsm->handleRouteInit();
     }
+    return rsm;
+}
+
+bool DownstreamWcSgSm::hasJoinState(const Route& route) {
+    for (const auto& [id, intf] : route.routeIntf()) {
+        if (intf->joinState() != JoinState::noInfo) return true;
+    }
+    return false;
 }
 
 RouteKey DownstreamWcSgSm::entryKey(const JoinPruneMessageInfo& m) {
@@ -175,7 +191,12 @@ void DownstreamWcSgSm::handleRxJoin() {
     // A route created by another machine may not be registered yet.
     route->initializedIs(true);
     DownstreamRouteSm* rsm = route_.get(key);
-    CASK_ASSERT(rsm && &rsm->route() == route.get(), "joined route has no downstream reactor");
+    if (!rsm || &rsm->route() != route.get()) {
+        // The route's first Join: the route is registered by now, and gets its reactor.
+        CASK_ASSERT(in_.localStatus->route(key) == route.get(),
+                    "joined route has no downstream reactor");
+        rsm = doFollowRoute(key, route.get());
+    }
 
     DownstreamRouteSm::RhoIntf& rho = rsm->rhoIntfIs(*intf);
     const JoinState old = intf->joinState();
@@ -210,9 +231,9 @@ void DownstreamWcSgSm::handleRxPrune() {
     const RouteKey key = entryKey(m);
     const Route* route = in_.status->route(key).get();
     const char* why = nullptr;
-    DownstreamRouteSm* rsm = route ? route_.get(key) : nullptr;
     Intf* intf = route ? route->routeIntfRaw(m.intf) : nullptr;
-    if (!route || !rsm) {
+    // A route not registered yet has no state the machines work on.
+    if (!route || in_.localStatus->route(key) != route) {
         why = ", ignored, no (S,G) state";
     } else if (!intf) {
         why = ", ignored, no (S,G,I) state";
@@ -230,6 +251,9 @@ void DownstreamWcSgSm::handleRxPrune() {
                        intf->joinState());
         return;
     }
+    // Joined: the route has its reactor since its first Join.
+    DownstreamRouteSm* rsm = route_.get(key);
+    CASK_ASSERT(rsm && &rsm->route() == route, "joined route has no downstream reactor");
     DownstreamRouteSm::RhoIntf& rho = rsm->rhoIntfIs(*intf);
     rho.doChangeState(JoinState::prunePending,
                       traceText(7, "DownstreamWcSgSm::handleRxPrune({}), join state ", key),

@@ -7,16 +7,18 @@
 // route's macros, so the upstream machines join toward the RP or the source and set the
 // forwarding bits on their own.
 // Watches: JoinPruneRxStatus (single entries; (S,G,rpt) entries belong to the (S,G,rpt)
-//          machine), LocalStatus.wcRoute and sgRoute (one DownstreamRouteSm per route: its
-//          interfaces, its RPF').
+//          machine), LocalStatus.wcRoute and sgRoute (a DownstreamRouteSm per route that has
+//          had downstream join state: its interfaces, its RPF').
 // Writes:  Intf::joinState (its only writer), lastJoinReceived, allowRpInUse, initialized;
 //          routes and interfaces for Joins (clearing the deletion mark of a route that a
 //          Join reaches before the route review removes it); remembered Prunes
 //          (JoinPruneStatus::rxPrune) and PruneEchoes (JoinPruneStatus::pruneEchoIs).
 //
-// Cost: a route that never hears a downstream Join has a DownstreamRouteSm and nothing more.
-// A per-interface reactor (RhoIntf, with its two timers) exists only while the interface is
-// joined or prune-pending; it goes when the interface returns to noInfo.
+// Cost: a route that never hears a downstream Join (one with local receivers only) costs this
+// machine nothing. Its DownstreamRouteSm comes with its first Join, or with the route when it
+// already carries join state (a restart), and stays until the route goes. A per-interface
+// reactor (RhoIntf, with its two timers) exists only while the interface is joined or
+// prune-pending; it goes when the interface returns to noInfo.
 
 #include <cstdint>
 
@@ -172,6 +174,9 @@ public:
 
 private:
     void handleRoute(const Routing::Pim::RouteKey& key, Route* route);
+    // Brings the key's reactor in step with `route`; the reactor made, if one was.
+    DownstreamRouteSm* doFollowRoute(const Routing::Pim::RouteKey& key, Route* route);
+    static bool hasJoinState(const Route& route);
     // The entry's route key: (*,G) for a (*,G) entry whatever source it carries.
     static Routing::Pim::RouteKey entryKey(const Routing::Pim::JoinPruneMessageInfo& m);
 

@@ -410,14 +410,15 @@ TEST(DownstreamWcSgSm, DownstreamJoinMakesTheRouterJoinTowardTheRp) {
 
 TEST(DownstreamWcSgSm, InterfaceReactorsExistOnlyWhileThereIsJoinState) {
     Downstream f;
-    // A route with local receivers only costs its route reactor.
+    // A route with local receivers only costs this machine nothing; its first Join brings the
+    // route reactor, which stays once the join state is gone.
     f.vrf.join({f.wcKey, f.d1});
     f.vrf.join({f.wcKey, IntfId("d2")});
     f.vrf.settle();
+    EXPECT_EQ(f.sm().downstreamRouteSm(f.wcKey), nullptr);
+    f.join(f.entry(f.wcKey, 20));
     const DownstreamRouteSm* rsm = f.sm().downstreamRouteSm(f.wcKey);
     ASSERT_NE(rsm, nullptr);
-    EXPECT_EQ(rsm->intfMap().size(), 0u);
-    f.join(f.entry(f.wcKey, 20));
     EXPECT_EQ(rsm->intfMap().size(), 1u);
     const Cask::Seconds t0 = f.vrf.loop.now();
     f.runTo(t0 + 20 + maxJitter);
