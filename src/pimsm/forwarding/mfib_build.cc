@@ -264,7 +264,7 @@ void MfibSm::RhoSgRoute::doBuildRecord() {
     ++sm_.builds_;
     CASK_VRF_TRACE(6, sm_.vrfName(), "MfibSm::RhoSgRoute::handleRoute({}) rpf: {}", route()->key(),
                    route()->rpf().str());
-    if (!sm_.isProgrammableRoute(route()->key())) {
+    if (!sm_.isProgrammableRoute(*route())) {
         sm_.handleDelete(route()->key());
         return;
     }
@@ -275,7 +275,7 @@ void MfibSm::RhoWcRoute::doBuildRecord() {
     ++sm_.builds_;
     CASK_VRF_TRACE(6, sm_.vrfName(), "MfibSm::RhoWcRoute::handleWcRoute({}) rpf: {}",
                    route()->key(), route()->rpf().str());
-    if (!sm_.isProgrammableRoute(route()->key())) {
+    if (!sm_.isProgrammableRoute(*route())) {
         sm_.handleDelete(route()->key());
         return;
     }

@@ -360,20 +360,12 @@ void MfibSm::handleDelete(const Routing::Pim::RouteKey& routeKey) {
     if (hadOifs) doReviewRouteWaitlist();
 }
 
-bool MfibSm::isProgrammableRoute(const Routing::Pim::RouteKey& routeKey) const {
-    const Route* route = localStatus_->route(routeKey);
-    if (!route) {
-        CASK_VRF_TRACE(8, vrfName_,
-                       "MfibSm::"
-                       "isProgrammableRoute(): No route for {}",
-                       routeKey);
-        return false;
-    }
-    if (!routeKey.isWc() && !route->registerOifEvaluated()) {
+bool MfibSm::isProgrammableRoute(const Route& route) const {
+    if (!route.isWc() && !route.registerOifEvaluated()) {
         CASK_VRF_TRACE(8, vrfName_,
                        "MfibSm::"
                        "isProgrammableRoute(): Waiting for register OIF evaluation for {}",
-                       routeKey);
+                       route.key());
         return false;
     }
     return true;

@@ -195,7 +195,9 @@ public:
     // The same, given the table's record of the key (null: none).
     void doCommitTidalRoute(const TMF::Route& record, const TMF::Route* stored);
     void handleDelete(const Routing::Pim::RouteKey& routeKey);
-    bool isProgrammableRoute(const Routing::Pim::RouteKey& routeKey) const;
+    // Whether a reactor's route may have a record. The reactor maps follow LocalStatus as it
+    // changes, so the route is the one LocalStatus holds under its key: no lookup is needed.
+    bool isProgrammableRoute(const Route& route) const;
     // Adds / removes one interface of a route already in the table.
     void doAddTidalRouteIntf(const Routing::Pim::RouteKey& routeKey, Wirl::IntfId intfId,
                              TMF::Route::RouteFlags flags);
