@@ -255,6 +255,28 @@ public:
         announce(owner, handler, key);
     }
 
+    // Ordered collections only: removes every key below `k` in one step,
+    // announcing each once all are gone. A review that drains the set it
+    // walks calls it once a slice: a B-tree erases a run of entries node by
+    // node, where erasing its first entry one key at a time shifts the rest
+    // of a leaf for each.
+    template <class N, class H>
+    void delBelow(Notifier& owner, const Key& k, void (N::*handler)(H)) {
+        Iter last;
+        if constexpr (isLargeOrdered<Map>) {
+            last = seek(k);
+        } else {
+            last = map_.lower_bound(k);
+        }
+        if (last == map_.begin()) return;
+        std::vector<Key> gone;
+        for (auto it = map_.begin(); it != last; ++it) gone.push_back(keyOf(*it));
+        map_.erase(map_.begin(), last);
+        finger_.moved();
+        changes_.bump();
+        for (const Key& key : gone) announce(owner, handler, key);
+    }
+
     // Removes everything, announcing each removed key.
     template <class N, class H>
     void delAll(Notifier& owner, void (N::*handler)(H)) {

@@ -85,6 +85,7 @@ public:
     CASK_RECORD_MAP(child, Child, int, Thing, "Test::Shelf")
     CASK_VALUE_MAP(weight, Weight, int, double)
     CASK_KEY_SET(member, Member, int)
+    void memberDelBelow(int k) { member_.delBelow(*this, k, &Notifiee::handleMember); }
     void weightAdd(int k, double d) {
         weight_.update(
             *this, k, [d](double w) { return w + d; }, &Notifiee::handleWeight);
@@ -400,6 +401,22 @@ TEST(Notifier, OrderedLookupsThroughTheFingerSeeEveryChange) {
                 ASSERT_EQ(it == shelf->member().end() ? -1 : *it,
                           members.upper_bound(k) == members.end() ? -1 : *members.upper_bound(k));
             }
+        } else if (op < 13) {
+            // A drain of the members below a key in one step, as a review
+            // does at the end of a slice: each announced once all are gone.
+            const int k = int(next() % keys);
+            const std::size_t gone = std::distance(members.begin(), members.lower_bound(k));
+            members.erase(members.begin(), members.lower_bound(k));
+            std::size_t announced = 0;
+            auto read = reader.read;
+            reader.read = [&](char what, int key) {
+                ++announced;
+                ASSERT_LT(key, k);
+                read(what, key);
+            };
+            shelf->memberDelBelow(k);
+            reader.read = read;
+            ASSERT_EQ(announced, gone);
         } else if (op < 15) {
             const int k = int(next() % keys);
             children.erase(k);

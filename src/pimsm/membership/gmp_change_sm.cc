@@ -30,18 +30,16 @@ void GmpChangeSm::handleInitialized() {
     steps.walk = Cask::orderedWalk([this]() -> const auto& {
         return reviewChangeStatus_->changedRouteIntf();
     });
-    steps.visit = [this](const RouteIntfKey& k) {
-        parent_.doUpdateMembership(k);
-        // The reviewed set drains as the review goes, so it is empty when
-        // dropped at the end: freeing a million keys in one turn would hold
-        // the loop well past its quantum.
-        reviewChangeStatus_->changedRouteIntfDel(k);
-    };
+    steps.visit = [this](const RouteIntfKey& k) { parent_.doUpdateMembership(k); };
     steps.onStart = [this] {
         reviewChangeStatus_ = gmpChangeStatus_;
         changeStatusIs(Cask::make<GmpChangeStatus>());
     };
     steps.onSuspend = [this] {
+        // The reviewed set drains a slice at a time, so that the end of the
+        // review drops at most one slice's keys: freeing a million keys in
+        // one turn would hold the loop well past its quantum.
+        reviewChangeStatus_->changedRouteIntfDelBelow(review_->bookmark());
         CASK_VRF_TRACE(7, parent_.vrfName(), "GmpChangeSm:doReview: time exceeded");
     };
     steps.onFinish = [this] {

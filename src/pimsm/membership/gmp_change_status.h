@@ -21,6 +21,10 @@ public:
     };
 
     CASK_KEY_SET(changedRouteIntf, ChangedRouteIntf, Routing::Gmp::Tidal::RouteIntfKey)
+    // Removes the keys below `k`: those a review has decided.
+    void changedRouteIntfDelBelow(const Routing::Gmp::Tidal::RouteIntfKey& k) {
+        changedRouteIntf_.delBelow(*this, k, &Notifiee::handleChangedRouteIntf);
+    }
 
 private:
     Cask::OrderedKeySet<Routing::Gmp::Tidal::RouteIntfKey> changedRouteIntf_;
