@@ -66,6 +66,9 @@ struct EndToEndResult {
     double virtualSeconds = 0;          // loop time the run took
     double floorSeconds = 0;            // writing the same N records into a fresh table
     double floorRatio = 0;              // agentSeconds / floorSeconds
+    // Records written again after their first write, while the groups were joined (a transient
+    // record committed before the final one counts here).
+    std::size_t rewrittenRecords = 0;
     // Downstream joins only: the neighbour restarts and sends every Join again. Wall time until
     // no work is due within a second of loop time, and the longest turn meanwhile.
     double resendSeconds = 0;
