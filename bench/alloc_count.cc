@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "cask/record_pool.h"
+
 namespace {
 
 // Relaxed: the benchmarks run on one thread; the counts need no ordering with anything else.
@@ -45,7 +47,7 @@ void* allocateAligned(std::size_t n, std::align_val_t a) {
 namespace Bench {
 
 std::size_t heapBytesInUse() {
-    return bytes.load(std::memory_order_relaxed);
+    return bytes.load(std::memory_order_relaxed) + Cask::RecordPool::slabBytesHeld();
 }
 std::size_t heapBlocksInUse() {
     return blocks.load(std::memory_order_relaxed);

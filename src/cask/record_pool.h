@@ -4,10 +4,12 @@
 // A VRF's routes come with a handful of records each (the route, its
 // upstream record, its interfaces, its Join/Prune entries), made by the
 // hundred thousand in a burst. The general allocator spends a search and
-// a header word on each. The pool hands them out of 64 KiB slabs, one
-// after the other, so a route's records sit together as they were made,
-// and keeps a free list per size for the ones given back: a record costs
-// its own size rounded up to a word, and a pop or a bump to make.
+// a header word on each. The pool hands them out of slabs, one after the
+// other, so a route's records sit together as they were made, and keeps a
+// free list per size for the ones given back: a record costs its own size
+// rounded up to a word, and a pop or a bump to make. Slabs grow from 64 KiB
+// to 2 MiB as the pool does, and come from the system with their pages
+// already faulted in.
 //
 // Memory given back stays with its size: a VRF that once held a million
 // routes keeps room for them. Records belong to the event-loop thread, and
@@ -23,7 +25,7 @@ class RecordPool {
 public:
     // Largest size the pool serves; larger records go to the heap.
     static constexpr std::size_t largest = 512;
-    static constexpr std::size_t slabBytes = 64 * 1024;
+    static constexpr std::size_t slabBytes = 64 * 1024;  // the first slab
     // Blocks are word-aligned: records hold pointers, integers and doubles.
     static constexpr std::size_t alignment = alignof(void*);
 
@@ -32,6 +34,12 @@ public:
 #else
     static constexpr bool enabled = true;
 #endif
+
+    // The bytes of every slab taken from the system so far (none is ever
+    // given back).
+    static std::size_t slabBytesHeld() {
+        return slabBytesHeld_;
+    }
 
     // Sizes 1 to `largest`, in every build.
     static void* allocate(std::size_t n) {
@@ -76,6 +84,7 @@ private:
     static inline char* lastSlab_ = nullptr;
     static inline char* next_ = nullptr;
     static inline char* end_ = nullptr;
+    static inline std::size_t slabBytesHeld_ = 0;
 };
 
 // For a record class T: its own objects come from the pool; objects of a

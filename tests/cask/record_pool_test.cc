@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -61,6 +62,31 @@ TEST(RecordPool, BlocksOfMixedSizesNeverOverlapAndFreedOnesAreReused) {
         EXPECT_TRUE(check(p, b));
         RecordPool::deallocate(const_cast<unsigned char*>(p), b.size);
     }
+}
+
+// The pool's count of slab bytes, which the benchmarks' heap figures rely
+// on, grows with each new slab by that slab's size; slabs double up to
+// 2 MiB and stay at that size.
+TEST(RecordPool, SlabsGrowToTwoMebibytesAndAreCounted) {
+    if (!RecordPool::enabled) GTEST_SKIP() << "sanitizer builds bypass the pool";
+    constexpr std::size_t block = RecordPool::largest;
+    std::vector<void*> held;
+    std::vector<std::size_t> steps;
+    std::size_t carved = 0;
+    for (std::size_t before = RecordPool::slabBytesHeld(); carved < 20u << 20; carved += block) {
+        held.push_back(RecordPool::allocate(block));
+        std::memset(held.back(), 0xab, block);
+        if (const std::size_t now = RecordPool::slabBytesHeld(); now != before) {
+            steps.push_back(now - before);
+            before = now;
+        }
+    }
+    ASSERT_GE(steps.size(), 8u);
+    for (std::size_t i = 1; i < steps.size(); ++i) {
+        EXPECT_EQ(steps[i], std::min(2 * steps[i - 1], std::size_t(2) << 20)) << i;
+    }
+    EXPECT_EQ(steps.back(), std::size_t(2) << 20);
+    for (void* p : held) RecordPool::deallocate(p, block);
 }
 
 // A record class that another derives from: objects of both, held and
