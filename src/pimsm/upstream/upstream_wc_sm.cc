@@ -147,8 +147,11 @@ void UpstreamWcSm::doEvalJoinDesiredWc(Route& route, bool rpfFresh) {
                    route.routeFlagsStr());
         route.upJoinStateIs(UpJoinState::upJoined);
         // An unchanged RPF' announces nothing, so the join is sent here.
+        // RPF'(*,G) has just been worked out from the group's RP and the RP's
+        // unicast route, and has a neighbour only when both were found: the
+        // join goes toward the RP it recorded, with no second lookup.
         if ((rpfFresh || !doEvalRpfPrimeWc(route)) && route.rpf().hasNeighbor()) {
-            doRpfNeighborJoin(key, route.rpf().intf, route.rpf().neighbor);
+            doJoinNeighbor(key, route.rpf().intf, route.rpf().neighbor, route.umh()->rp());
         }
     } else if (state == UpJoinState::upJoined && !desired) {
         CASK_VRF_TRACE(
@@ -194,6 +197,11 @@ void UpstreamWcSm::doRpfNeighborJoin(const RouteKey& key, Wirl::IntfId intf,
         CASK_VRF_TRACE(8, in_.vrfName, "UpstreamWcSm:doRpfNeighborJoin Route {}, no rpInfo ", key);
         return;
     }
+    doJoinNeighbor(key, intf, neighbor, rp);
+}
+
+void UpstreamWcSm::doJoinNeighbor(const RouteKey& key, Wirl::IntfId intf,
+                                  const Wirl::IpGenAddr& neighbor, const Wirl::IpGenAddr& rp) {
     JoinPruneNeighbor& nbr = writer_.rpfNeighbor(intf, neighbor);
     CASK_VRF_TRACE(7, in_.vrfName,
                    "UpstreamWcSm:doRpfNeighborJoin Route {}, sending join to neighbor: {}", key,

@@ -117,6 +117,9 @@ public:
     // neighbour, whose Join/Prune entry must exist.
     void doRpfNeighborJoin(const Routing::Pim::RouteKey& key, Wirl::IntfId intf,
                            const Wirl::IpGenAddr& neighbor);
+    // The same toward an RP and neighbour already looked up.
+    void doJoinNeighbor(const Routing::Pim::RouteKey& key, Wirl::IntfId intf,
+                        const Wirl::IpGenAddr& neighbor, const Wirl::IpGenAddr& rp);
     // Withdraws the route's (*,G) Join from the neighbour of `prevRpf` and
     // sends it a triggered Prune while it is still an active neighbour.
     void doPrevRpfNeighborCleanup(const Routing::Pim::RouteKey& key,

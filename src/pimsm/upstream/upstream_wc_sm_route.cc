@@ -42,7 +42,7 @@ void UpstreamWcSm::RhoRoute::handleRouteInit() {
     // join written again at its current RPF'.
     const bool joined = r.upJoinState() == UpJoinState::upJoined;
     if (!sm_.doEvalRpfPrimeWc(r) && joined && r.rpf().hasNeighbor()) {
-        sm_.doRpfNeighborJoin(r.key(), r.rpf().intf, r.rpf().neighbor);
+        sm_.doJoinNeighbor(r.key(), r.rpf().intf, r.rpf().neighbor, r.umh()->rp());
     }
     sm_.doEvalJoinDesiredWc(r, /*rpfFresh=*/true);
 }
