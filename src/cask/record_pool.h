@@ -81,7 +81,6 @@ private:
     static void* carve(std::size_t bytes);
 
     static inline Free* free_[largest / grain + 1] = {};
-    static inline char* lastSlab_ = nullptr;
     static inline char* next_ = nullptr;
     static inline char* end_ = nullptr;
     static inline std::size_t slabBytesHeld_ = 0;
