@@ -269,8 +269,11 @@ public:
             last = map_.lower_bound(k);
         }
         if (last == map_.begin()) return;
+        // Unwatched (a set a review has taken over), no key is kept to announce.
         std::vector<Key> gone;
-        for (auto it = map_.begin(); it != last; ++it) gone.push_back(keyOf(*it));
+        if (owner.notifieeCount()) {
+            for (auto it = map_.begin(); it != last; ++it) gone.push_back(keyOf(*it));
+        }
         map_.erase(map_.begin(), last);
         finger_.moved();
         changes_.bump();

@@ -35,14 +35,21 @@ void GmpChangeSm::handleInitialized() {
         reviewChangeStatus_ = gmpChangeStatus_;
         changeStatusIs(Cask::make<GmpChangeStatus>());
     };
-    steps.onSuspend = [this] {
-        // The reviewed set drains a slice at a time, so that the end of the
-        // review drops at most one slice's keys: freeing a million keys in
-        // one turn would hold the loop well past its quantum.
+    // The reviewed set drains a slice at a time, so that the end of the
+    // review drops at most one slice's keys: freeing a million keys in one
+    // turn would hold the loop well past its quantum. The keys a slice
+    // decided go at the start of the next, within that slice's budget.
+    steps.onSlice = [this](Cask::Seconds, Cask::Seconds) {
+        if (!decidedBelowBookmark_) return;
+        decidedBelowBookmark_ = false;
         reviewChangeStatus_->changedRouteIntfDelBelow(review_->bookmark());
+    };
+    steps.onSuspend = [this] {
+        decidedBelowBookmark_ = true;
         CASK_VRF_TRACE(7, parent_.vrfName(), "GmpChangeSm:doReview: time exceeded");
     };
     steps.onFinish = [this] {
+        decidedBelowBookmark_ = false;
         reviewChangeStatus_ = Cask::make<GmpChangeStatus>();
         doUpdateReviewTimer();
     };

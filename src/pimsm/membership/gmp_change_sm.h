@@ -63,6 +63,8 @@ private:
     Cask::EventLoop& loop_;
     Cask::Ptr<GmpChangeStatus> gmpChangeStatus_;
     Cask::Ptr<GmpChangeStatus> reviewChangeStatus_;
+    // A slice was suspended: the reviewed keys below the bookmark are decided.
+    bool decidedBelowBookmark_ = false;
     std::unique_ptr<ChangeWatcher> changeWatcher_;
     // Keys changed while their group was filtered (bidirectional).
     std::set<RouteIntfKey> filtered_;
