@@ -12,7 +12,6 @@ namespace {
 // making routes by the hundred thousand takes its memory in a few large
 // steps while a small one stays small.
 constexpr std::size_t largestSlabBytes = 2 * 1024 * 1024;
-std::size_t nextSlabBytes = RecordPool::slabBytes;
 
 // A slab comes straight from the system with its pages already in place:
 // records are written as soon as they are carved, and faulting a fresh slab
@@ -33,8 +32,9 @@ void* RecordPool::carve(std::size_t bytes) {
         // Slabs are never given back, so none is kept track of: leak
         // checkers do not watch mapped memory, and sanitizer builds bypass
         // the pool.
-        const std::size_t size = nextSlabBytes;
-        nextSlabBytes = std::min(2 * nextSlabBytes, largestSlabBytes);
+        // While slabs double, each is as large as all before it together
+        // plus the first.
+        const std::size_t size = std::min(slabBytesHeld_ + slabBytes, largestSlabBytes);
         char* slab = mapSlab(size);
         slabBytesHeld_ += size;
         next_ = slab;
