@@ -189,7 +189,10 @@ public:
         dir_->slotDel(slot_);
     }
 
-    R* find(const Key& k) const { return static_cast<R*>(dir_->find(k, slot_)); }
+    R* find(const Key& k) const {
+        // A map holding nothing (a machine no route has needed yet) does not search.
+        return size_ ? static_cast<R*>(dir_->find(k, slot_)) : nullptr;
+    }
     void insert(R* r) {
         dir_->insert(slot_, r);
         ++size_;

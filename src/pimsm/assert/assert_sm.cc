@@ -296,11 +296,13 @@ void AssertSm::handleInitialized() {
 
 void AssertSm::handleRoute(const RouteKey& key, Route* route) {
     Busy busy(*this);
-    if (RhoRoute* rr = route_.get(key); rr && rr->reactorRecord() != route) {
+    RhoRoute* rr = route_.get(key);
+    if (rr && rr->reactorRecord() != route) {
         route_.del(key);
         handleRouteReactor(key, false);
+        rr = route_.get(key);
     }
-    if (!route || route_.has(key)) return;
+    if (!route || rr) return;
     // A route handed over with assert state (a restart): take its interfaces over.
     for (const auto& [id, intf] : route->routeIntf()) {
         const AssertState s = intf->assertInfo().assertState;

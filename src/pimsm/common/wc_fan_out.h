@@ -70,6 +70,8 @@ public:
 
     // LocalStatus announced the (*,G) route of `wcKey`.
     void handleWcRoute(const Routing::Pim::RouteKey& wcKey) {
+        // A machine keeping no (S,G) route watches no (*,G) route: nothing to tell.
+        if (watch_.empty() && sg_.empty()) return;
         Route* wc = ls_.wcRoute().raw(wcKey);
         Watch* w = watch_.get(wcKey);
         if (w ? w->reactorRecord() == wc : !wc) return;
