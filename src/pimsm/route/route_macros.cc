@@ -144,8 +144,16 @@ bool Intf::excludeSg() const {
 }
 
 // immediate_olist(*,G) = joins(*,G) (+) pim_include(*,G) (-) lost_assert(*,G)
+// With lost_assert(*,G,I) out, pim_include(*,G) reduces to its receiver and
+// DR-or-winner terms; an interface with neither joins nor receivers is left
+// before any assert or DR lookup.
 bool Intf::immediateOlistWc() const {
-    return (joinsWc() || includeWc()) && !lostAssertWc();
+    const Intf* w = wcIntf();
+    if (!w) return false;
+    const bool joins = inJoins(w->joinState_);
+    if (!joins && !w->localReceiverInclude_) return false;
+    if (lostAssertWc()) return false;
+    return joins || iAmDr() || isWinner(w);
 }
 
 // immediate_olist(S,G) = joins(S,G) (+) pim_include(S,G) (-) lost_assert(S,G)
