@@ -74,12 +74,13 @@ TMF::OifIndex delTidalRouteOif(MfibSm& mfibSm, TMF::Route& route, Wirl::IntfId i
 MfibSm::RhoRoute::RhoRoute(MfibSm& sm, Route& route) : RouteReactor(route), sm_(sm) {}
 
 void MfibSm::RhoRoute::handleDelete() {
-    const Routing::Pim::RouteKey key = route()->key();
-    sm_.dirty_.erase(key);
-    sm_.handleDelete(key);
+    sm_.handleDelete(route()->key());
 }
 
-MfibSm::RhoRoute::~RhoRoute() = default;
+MfibSm::RhoRoute::~RhoRoute() {
+    // Its key stays in the dirty list, and is passed over there.
+    if (queued_) --sm_.dirtyCount_;
+}
 
 void MfibSm::RhoRoute::handleRouteIntf(Wirl::IntfId intfId) {
     handleIntfChanged(intfId);

@@ -1,5 +1,6 @@
 #include "pimsm/forwarding/mfib_sm.h"
 
+#include <algorithm>
 #include <bit>
 #include <utility>
 
@@ -509,7 +510,9 @@ void MfibSm::handleInheritedWcIntf(const Routing::Pim::RouteKey& wcKey) {
         if (it->group() != wcKey.group()) break;
         group.push_back(*it);
     }
-    for (const auto& key : group) doMarkDirty(key);
+    for (const auto& key : group) {
+        if (RhoSgRoute* rho = sgRho_.get(key)) doMarkDirty(*rho);
+    }
 }
 
 MfibSm::RhoRoute* MfibSm::rho(const Routing::Pim::RouteKey& key) const {
@@ -517,18 +520,17 @@ MfibSm::RhoRoute* MfibSm::rho(const Routing::Pim::RouteKey& key) const {
     return sgRho_.get(key);
 }
 
-void MfibSm::doMarkDirty(const Routing::Pim::RouteKey& key) {
+void MfibSm::doMarkDirty(RhoRoute& rho) {
     if (!loop_) {
-        if (RhoRoute* r = rho(key)) r->doBuildRecord();
+        rho.doBuildRecord();
         return;
     }
-    // Routes are marked in key order, often several times in a row: the
-    // last place is the usual one, and needs no search.
-    if (dirty_.empty() || *dirty_.rbegin() < key) {
-        dirty_.insert(dirty_.end(), key);
-    } else if (*dirty_.rbegin() != key) {
-        dirty_.insert(key);
-    }
+    if (rho.queued_) return;
+    rho.queued_ = true;
+    ++dirtyCount_;
+    const Routing::Pim::RouteKey& key = rho.route()->key();
+    if (dirtyNext_ < dirty_.size() && !(dirty_.back() < key)) dirtySorted_ = false;
+    dirty_.push_back(key);
     if (buildScheduled_) return;
     buildScheduled_ = true;
     loop_->atEndOfTurn([weak = std::weak_ptr<MfibSm*>(self_)] {
@@ -538,16 +540,24 @@ void MfibSm::doMarkDirty(const Routing::Pim::RouteKey& key) {
 
 void MfibSm::doBuildDirty() {
     buildScheduled_ = false;
-    while (!dirty_.empty()) {
-        const Routing::Pim::RouteKey key = *dirty_.begin();
-        dirty_.erase(dirty_.begin());
-        if (RhoRoute* r = rho(key)) r->doBuildRecord();
+    while (dirtyCount_ && dirtyNext_ < dirty_.size()) {
+        // Routes marked by the builds join the keys still to build.
+        if (!dirtySorted_) {
+            std::sort(dirty_.begin() + std::ptrdiff_t(dirtyNext_), dirty_.end());
+            dirtySorted_ = true;
+        }
+        const Routing::Pim::RouteKey key = dirty_[dirtyNext_++];
+        RhoRoute* r = rho(key);
+        if (!r || !r->queued_) continue;
+        r->queued_ = false;
+        --dirtyCount_;
+        r->doBuildRecord();
         // A turn that has run for a quantum (a review slice that made many
         // routes) leaves the rest to the next turn, so that no turn runs much
         // past the quantum. One route is built per call whatever the clock
         // says, so the builds always progress. On a virtual clock the turn
         // takes no time: everything is built here.
-        if (!dirty_.empty() && loop_->now() - loop_->turnStart() >= buildQuantum) {
+        if (dirtyCount_ && loop_->now() - loop_->turnStart() >= buildQuantum) {
             buildScheduled_ = true;
             loop_->post([weak = std::weak_ptr<MfibSm*>(self_)] {
                 if (auto self = weak.lock()) (*self)->doBuildDirty();
@@ -555,6 +565,14 @@ void MfibSm::doBuildDirty() {
             return;
         }
     }
+    // A burst's list (a key per new route) is not kept for the next one.
+    if (dirty_.capacity() > keptDirtyKeys) {
+        std::vector<Routing::Pim::RouteKey>().swap(dirty_);
+    } else {
+        dirty_.clear();
+    }
+    dirtyNext_ = 0;
+    dirtySorted_ = true;
 }
 
 std::unique_ptr<MfibSm> mfibSmFactory(const VrfContext& ctx) {

@@ -79,7 +79,7 @@ public:
         bool initialized() const { return initialized_; }
 
         // Any change of the route: marks it dirty.
-        void handleRoute() { sm_.doMarkDirty(route()->key()); }
+        void handleRoute() { sm_.doMarkDirty(*this); }
         // Builds the route's record (or removes it when the route is not
         // programmable); run for a dirty route.
         virtual void doBuildRecord() = 0;
@@ -107,6 +107,11 @@ public:
 
         MfibSm& sm_;
         bool initialized_ = false;
+
+    private:
+        friend class MfibSm;
+        // Waiting in the machine's dirty list to be built.
+        bool queued_ = false;
     };
 
     class RhoSgRoute : public RhoRoute {
@@ -223,11 +228,11 @@ public:
 
     // --- deferred builds ------------------------------------------------------
     // Marks a route dirty; it is built when the turn's handler chain settles.
-    void doMarkDirty(const Routing::Pim::RouteKey& key);
+    void doMarkDirty(RhoRoute& rho);
     // Builds every dirty route once, in key order (and routes marked dirty
     // by those builds).
     void doBuildDirty();
-    std::size_t dirtyRoutes() const { return dirty_.size(); }
+    std::size_t dirtyRoutes() const { return dirtyCount_; }
     // Records built so far.
     std::uint64_t builds() const { return builds_; }
 
@@ -263,8 +268,15 @@ private:
     // allocation each.
     absl::btree_set<Routing::Pim::RouteKey> sgKeys_;
     WcRhoMap wcRho_;
-    // Built in key order.
-    absl::btree_set<Routing::Pim::RouteKey> dirty_;
+    // The dirty routes' keys, built in key order from `dirtyNext_` on. A
+    // reactor is listed once while it waits (`queued_`); the key of one that
+    // went meanwhile stays in the list and is passed over. Routes are mostly
+    // marked in key order, so the list is sorted only when one was not.
+    std::vector<Routing::Pim::RouteKey> dirty_;
+    std::size_t dirtyNext_ = 0;
+    bool dirtySorted_ = true;
+    std::size_t dirtyCount_ = 0;  // reactors waiting
+    static constexpr std::size_t keptDirtyKeys = 4096;
     bool buildScheduled_ = false;
     std::uint64_t builds_ = 0;
     // Lets a scheduled build see that the machine is gone.
