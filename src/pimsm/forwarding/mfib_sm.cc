@@ -116,6 +116,9 @@ void MfibSm::doRepairStoredRecords() {
             doFreeOifIndex(entry.index, entry.intf);
         }
     }
+    for (const auto& [index, entry] : mfibTidal_->oifIndexIntf()) {
+        refCount_[index.value()] = entry.refCount;
+    }
 }
 
 bool MfibSm::routeHeld(const Routing::Pim::RouteKey& key) const {
@@ -195,6 +198,7 @@ TMF::OifIndex MfibSm::createOifIndexMapping(Wirl::IntfId intfId) {
     const TMF::OifIndex index = oifIndexFreePool_.front();
     oifIndexFreePool_.pop_front();
     intfOifIndex_[intfId] = index;
+    refCount_[index.value()] = 0;
     mfibTidal_->oifIndexIntfIs(TMF::OifIndexIntf{index, intfId, 0});
     freshIndexes_.push_back(index);
     return index;
@@ -202,30 +206,51 @@ TMF::OifIndex MfibSm::createOifIndexMapping(Wirl::IntfId intfId) {
 
 void MfibSm::doUpdateOifIndexRefCount(const IpGenRouteKey& mfibKey, TMF::OifIndex oifIndex,
                                       bool increment) {
-    TMF::OifIndexIntf tmpOifIndexIntf = mfibTidal_->oifIndexIntf(oifIndex);
-    CASK_ASSERT(tmpOifIndexIntf.index == oifIndex, "oifIndex != TMF::OifIndex()");
+    std::uint32_t& count = refCount_[oifIndex.value()];
     if (increment) {
-        ++tmpOifIndexIntf.refCount;
+        ++count;
         CASK_VRF_TRACE(8, vrfName_,
                        "MfibSm::"
                        "doUpdateOifIndexRefCount(): Incrementing ref count intf: {}, oifIndex: {} "
                        "RefCount: {} route {}",
-                       tmpOifIndexIntf.intf, oifIndex, tmpOifIndexIntf.refCount, mfibKey);
-        mfibTidal_->oifIndexIntfIs(tmpOifIndexIntf);
+                       mfibTidal_->oifIndexIntf(oifIndex).intf, oifIndex, count, mfibKey);
+        doMarkRefCountChanged(oifIndex);
         return;
     }
-    CASK_ASSERT(tmpOifIndexIntf.refCount, "tmpOifIndexIntf.refCount()");
-    --tmpOifIndexIntf.refCount;
+    CASK_ASSERT(count, "tmpOifIndexIntf.refCount()");
+    --count;
+    const Wirl::IntfId intf = mfibTidal_->oifIndexIntf(oifIndex).intf;
     CASK_VRF_TRACE(8, vrfName_,
                    "MfibSm::"
                    "doUpdateOifIndexRefCount(): Decrementing ref count intf: {}, oifIndex: {} "
                    "RefCount: {} route {}",
-                   tmpOifIndexIntf.intf, oifIndex, tmpOifIndexIntf.refCount, mfibKey);
-    if (tmpOifIndexIntf.refCount) {
-        mfibTidal_->oifIndexIntfIs(tmpOifIndexIntf);
+                   intf, oifIndex, count, mfibKey);
+    if (count) {
+        doMarkRefCountChanged(oifIndex);
         return;
     }
-    doFreeOifIndex(oifIndex, tmpOifIndexIntf.intf);
+    doFreeOifIndex(oifIndex, intf);
+}
+
+void MfibSm::doMarkRefCountChanged(TMF::OifIndex oifIndex) {
+    if (!refCountChanged_.test(oifIndex.value())) {
+        refCountChanged_.set(oifIndex.value());
+        refCountChangedList_.push_back(oifIndex);
+    }
+    if (!batchRefCounts_) doFlushRefCounts();
+}
+
+void MfibSm::doFlushRefCounts() {
+    for (TMF::OifIndex index : refCountChangedList_) {
+        // An index freed since it changed has no entry to write.
+        if (!refCountChanged_.test(index.value())) continue;
+        refCountChanged_.reset(index.value());
+        TMF::OifIndexIntf entry = mfibTidal_->oifIndexIntf(index);
+        CASK_ASSERT(entry.index == index, "oifIndex != TMF::OifIndex()");
+        entry.refCount = refCount_[index.value()];
+        mfibTidal_->oifIndexIntfIs(entry);
+    }
+    refCountChangedList_.clear();
 }
 
 void MfibSm::doFreeOifIndex(TMF::OifIndex oifIndex, Wirl::IntfId intfId) {
@@ -233,6 +258,8 @@ void MfibSm::doFreeOifIndex(TMF::OifIndex oifIndex, Wirl::IntfId intfId) {
                    "MfibSm::"
                    "doUpdateOifIndexRefCount(): Freeing up oifIndex: {} intf: {}",
                    oifIndex, intfId);
+    refCount_[oifIndex.value()] = 0;
+    refCountChanged_.reset(oifIndex.value());
     mfibTidal_->oifIndexIntfDel(oifIndex);
     intfOifIndex_.erase(intfId);
     oifIndexFreePool_.push_back(oifIndex);
@@ -260,7 +287,7 @@ void MfibSm::doReleaseUnusedIndexes() {
     // (the route's own iif, say) would otherwise stay taken with no user.
     for (TMF::OifIndex index : freshIndexes_) {
         auto it = mfibTidal_->oifIndexIntf().find(index);
-        if (it != mfibTidal_->oifIndexIntf().end() && it->second.refCount == 0) {
+        if (it != mfibTidal_->oifIndexIntf().end() && refCount_[index.value()] == 0) {
             doFreeOifIndex(index, it->second.intf);
         }
     }
@@ -540,6 +567,15 @@ void MfibSm::doMarkDirty(RhoRoute& rho) {
 
 void MfibSm::doBuildDirty() {
     buildScheduled_ = false;
+    // The pass writes each index's reference count once, when it ends.
+    batchRefCounts_ = true;
+    struct EndOfPass {
+        MfibSm& sm;
+        ~EndOfPass() {
+            sm.batchRefCounts_ = false;
+            sm.doFlushRefCounts();
+        }
+    } endOfPass{*this};
     while (dirtyCount_ && dirtyNext_ < dirty_.size()) {
         // Routes marked by the builds join the keys still to build.
         if (!dirtySorted_) {

@@ -29,6 +29,8 @@
 // holds their route (so forwarding continues across a restart) and removed
 // otherwise.
 
+#include <array>
+#include <bitset>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -243,6 +245,10 @@ private:
     friend class RhoRoute;
 
     void doFreeOifIndex(TMF::OifIndex oifIndex, Wirl::IntfId intfId);
+    // Notes that an index's reference count changed; written to the table
+    // at once, or when the build pass under way ends.
+    void doMarkRefCountChanged(TMF::OifIndex oifIndex);
+    void doFlushRefCounts();
     // Reports an inconsistency of the stored table to its corruption
     // handler and traces it; the caller repairs it.
     void doReportCorruption(const char* where, const std::string& what);
@@ -287,6 +293,14 @@ private:
     std::uint32_t oifIndexFreePoolLimit_ = TMF::OifIndex::count;
     bool oifIndexFreePoolInitialized_ = false;
     std::vector<TMF::OifIndex> freshIndexes_;
+    // Each index's count of records setting its bit, kept here as it changes.
+    // A build pass writes a changed count into the table once, when it ends,
+    // instead of once per record; a count that drops to zero frees its index
+    // at once, as outside a pass.
+    std::array<std::uint32_t, TMF::OifIndex::count> refCount_{};
+    std::bitset<TMF::OifIndex::count> refCountChanged_;
+    std::vector<TMF::OifIndex> refCountChangedList_;
+    bool batchRefCounts_ = false;
     std::deque<Routing::Pim::RouteKey> routeWaitlist_;
     Cask::HashSet<Routing::Pim::RouteKey> waiting_;
     bool reviewingWaitlist_ = false;
