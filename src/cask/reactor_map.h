@@ -277,6 +277,13 @@ public:
         return create(std::forward<A>(args)..., *record);
     }
 
+    // Creates the reactor of `record`'s key, which the caller has just found
+    // to have none: one search fewer than `update`.
+    template <class Rec, class... A>
+    R* add(Rec& record, A&&... args) {
+        return create(std::forward<A>(args)..., record);
+    }
+
     // Removes the reactor of `k`, with its `handleDelete`.
     void del(const Key& k) {
         if (R* old = index_.find(k)) retire(old);

@@ -119,7 +119,9 @@ void GmpSm::handleInit() {
 bool GmpSm::groupPermitted(const Wirl::IpGenAddr& group) const {
     // A group of no family is no group: let the caller reject it as such.
     if (group.family() == Wirl::AddressFamily::ipunknown) return true;
-    return in_.groupFilterStatus->permitGroup(Wirl::IpGenPrefix::hostPrefix(group));
+    // No bidirectional range (the usual case): nothing to look up.
+    const Routing::Pim::GroupFilterStatus& filter = *in_.groupFilterStatus;
+    return filter.bidirRange().empty() || filter.permitGroup(Wirl::IpGenPrefix::hostPrefix(group));
 }
 
 bool GmpSm::ssmConverted(const RouteIntfKey& key) const {

@@ -234,6 +234,10 @@ void RouteReviewSm::handleRoute(const RouteKey& key) {
         return;
     }
     CASK_VRF_TRACE(6, in_.vrfName, "RouteReviewSm::handleRoute({}), Route added", key);
+    if (!old) {
+        routeSm_.add(*route, *this)->handleInitialized();
+        return;
+    }
     // A replaced route's reactor goes (handleDelete) before the new one comes.
     if (RouteSm* sm = routeSm_.update(key, route, *this)) sm->handleInitialized();
 }
