@@ -305,13 +305,27 @@ void GmpSm::handleSsmConvertSource(const Wirl::IpGenAddr& group, const Wirl::IpG
 }
 
 void GmpSm::doTrackRoute(const RouteKey& key, Route* route, RouteMap& reactors) {
-    // The route review removed a route (a clear, a deletion) that the
-    // membership table may still ask for: decide its memberships again, so
-    // that every receiver comes back, exclude ones included, and not only
-    // those the review re-creates itself.
-    if (!route && reactors.has(key)) doRequeueMemberships(key);
-    // A new or replaced route may come with receivers already decided.
-    if (reactors.update(key, route, *this) && route->initialized()) handleRouteInit(*route);
+    // A replaced route's watch goes with it.
+    RhoRoute* watch = reactors.get(key);
+    if (watch && watch->reactorRecord() == route) return;
+    if (watch) reactors.del(key);
+    if (!route) {
+        // The route review removed a route (a clear, a deletion) that the
+        // membership table may still ask for: decide its memberships again,
+        // so that every receiver comes back, exclude ones included, and not
+        // only those the review re-creates itself.
+        doRequeueMemberships(key);
+        return;
+    }
+    // A new or replaced route may come with receivers already decided: they
+    // are decided again now. One made by a membership is initialized before
+    // it is announced, so most routes cost nothing more here; the others
+    // are watched until they are initialized.
+    if (route->initialized()) {
+        handleRouteInit(*route);
+    } else {
+        reactors.update(key, route, *this);
+    }
 }
 
 void GmpSm::doRequeueMemberships(const RouteKey& key) {

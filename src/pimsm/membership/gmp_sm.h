@@ -6,7 +6,8 @@
 // and downstream machines derive RFC 7761's pim_include and pim_exclude.
 // It is the only way local receivers enter the route table.
 // Watches: the membership table (through GmpChangeSm), the SSM range, the group filter,
-//          boundaries, the SSM conversion configuration, routes becoming initialized.
+//          boundaries, the SSM conversion configuration, routes coming, going and
+//          becoming initialized.
 // Writes:  routes and Intf records on demand; Intf::localReceiverInclude / Exclude.
 //
 // One per VRF and address family. Its child GmpChangeSm feeds it the
@@ -48,9 +49,10 @@ public:
         virtual void handleIgnoredLinkLocal() {}
     };
 
-    // Re-decides its route's local receivers whenever the route becomes
+    // Re-decides its route's local receivers when the route becomes
     // initialized (a route re-created by the route review, say), since its
-    // flags may no longer match the membership table.
+    // flags may no longer match the membership table. Only a route announced
+    // before it is initialized has one.
     class RhoRoute : public RouteReactor {
     public:
         RhoRoute(GmpSm& gmp, Route& route) : RouteReactor(route), gmp_(gmp) {}
@@ -150,7 +152,8 @@ public:
     // Memberships of link-local groups, which are never routed.
     CASK_COUNTER(std::uint32_t, ignoredLinkLocal, IgnoredLinkLocal)
 
-    // The route reactors, one per route of LocalStatus's collections.
+    // The route reactors, one per route of LocalStatus's collections that
+    // is not yet initialized.
     RhoRoute* sgRoute(const Routing::Pim::RouteKey& k) const { return sgRoute_.get(k); }
     bool sgRouteHas(const Routing::Pim::RouteKey& k) const { return sgRoute_.has(k); }
     std::size_t sgRouteSize() const { return sgRoute_.size(); }
