@@ -306,7 +306,11 @@ public:
     CASK_VALUE_MAP(rxPrune, RxPrune, Routing::Gmp::Tidal::RouteIntfKey, RxPruneInfo)
 
 private:
-    Cask::OrderedRecordMap<NeighborKey, JoinPruneNeighbor> neighbor_;
+    // A B-tree, in neighbour order, that remembers the record found last:
+    // the upstream machines ask for the same neighbour route after route.
+    Cask::RecordMapOf<NeighborKey, JoinPruneNeighbor,
+                      Cask::WideBtreeMap<NeighborKey, Cask::Ptr<JoinPruneNeighbor>>>
+        neighbor_;
     std::map<Wirl::IntfId, Cask::Ptr<JoinPruneData>> pruneEcho_;
     std::map<Wirl::IntfId, Cask::Ptr<JoinPruneData>> sentPruneEcho_;
     Cask::ValueMap<Routing::Gmp::Tidal::RouteIntfKey, RxPruneInfo,
