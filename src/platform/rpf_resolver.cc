@@ -37,20 +37,41 @@ Rpf RpfResolver::resolve(const Wirl::IpGenAddr& addr) const {
 void RpfResolver::doUpdateRoute(const RouteKey& key, const Addrs& before) {
     const RpfConfigInfo* info = config_->rpfConfigInfoFind(key);
     const Addrs now = info ? info->addresses() : Addrs{};
+    // A burst of new routes asks for the same addresses (a group range's RP
+    // and the neighbour toward it): a new route making the request handled
+    // last, with no result changed since, only needs its own listing.
+    if (info && last_.changes == changes_ && last_.addrs == now && before == Addrs{}) {
+        if (last_.targetResolved) {
+            status_->unresolvedRouteDel(key);
+        } else {
+            status_->unresolvedRouteIs(key);
+        }
+        return;
+    }
 
     // Bring the indexes up to date first and publish afterwards, so that a
     // watcher reacting to the status may change the configuration again.
     std::vector<Wirl::IpGenAddr> dropped, added;
     for (const auto& a : before) {
         if (!a.isSet() || holds(now, a)) continue;
-        if (!config_->addressUsed(a) && resolved_.erase(a)) dropped.push_back(a);
+        if (!config_->addressUsed(a) && resolved_.erase(a)) {
+            dropped.push_back(a);
+            ++changes_;
+        }
     }
     for (const auto& a : now) {
         if (!a.isSet() || holds(before, a)) continue;
         if (resolved_.contains(a)) continue;
         const Rpf rpf = resolve(a);
         resolved_.emplace(a, rpf);
+        ++changes_;
         if (rpf.resolved()) added.push_back(a);
+    }
+    // Every address of the request is tracked now. Publishing below may
+    // change the configuration again, and with it the results.
+    if (info) {
+        auto it = resolved_.find(info->target);
+        last_ = Last{now, it != resolved_.end() && it->second.resolved(), changes_};
     }
     for (const auto& a : dropped) {
         if (!resolved_.contains(a)) status_->rpfDel(a);
@@ -74,6 +95,7 @@ void RpfResolver::doReResolve(const Wirl::IpGenAddr& first, const Wirl::IpGenAdd
         const Rpf rpf = resolve(it->first);
         if (rpf == it->second) continue;
         it->second = rpf;
+        ++changes_;
         moved.emplace_back(it->first, rpf);
         config_->forEachRouteUsing(it->first, [&](const RouteKey& key) { routes.push_back(key); });
     }

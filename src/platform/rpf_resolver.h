@@ -16,6 +16,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <utility>
 #include <vector>
@@ -76,6 +77,17 @@ private:
     // Every tracked address with its current result, in address order so a
     // prefix's addresses are one range.
     std::map<Wirl::IpGenAddr, Rpf> resolved_;
+    // Counts the changes of `resolved_` (addresses added or dropped, results
+    // changed), so that what was read from it is known to hold until the next.
+    std::uint64_t changes_ = 0;
+    // The request handled last, all of whose addresses were tracked when
+    // `changes_` was `changes`, and whether its target resolved then.
+    struct Last {
+        Addrs addrs;
+        bool targetResolved = false;
+        std::uint64_t changes = ~std::uint64_t{0};
+    };
+    Last last_;
     ConfigWatcher configWatcher_{*this};
     TableWatcher tableWatcher_{*this};
 };

@@ -126,6 +126,30 @@ TEST_F(Resolver, SharedAddressesAreTrackedOnceAndDroppedWithTheirLastRoute) {
     EXPECT_TRUE(unresolved().empty());
 }
 
+// Routes made one after another mostly make the same request: each is listed
+// as unresolved or not by the request's result at the time it comes, also
+// when the unicast table changed the result between two of them.
+TEST_F(Resolver, RoutesOfOneRequestAreListedByTheResultWhenTheyCome) {
+    resolver.tableIs(table);
+    const IpGenAddr rp = ip("10.1.0.1"), nbr = ip("10.9.0.2");
+    std::set<RouteKey> expected;
+    auto join = [&](const char* source, bool resolvedNow) {
+        request(key(source), rp, nbr);
+        if (!resolvedNow) expected.insert(key(source));
+        EXPECT_EQ(unresolved(), expected) << source;
+    };
+    join("192.0.2.1", false);
+    join("192.0.2.2", false);
+    table->routeIs(via("10.1.0.0/16", "eth1", "10.9.0.2"));
+    expected.clear();
+    join("192.0.2.3", true);
+    join("192.0.2.4", true);
+    table->routeDel(*Wirl::IpGenPrefix::parse("10.1.0.0/16"));
+    expected = {key("192.0.2.1"), key("192.0.2.2"), key("192.0.2.3"), key("192.0.2.4")};
+    join("192.0.2.5", false);
+    EXPECT_EQ(resolver.trackedAddresses(), 2u);
+}
+
 // The resolver keeps no copy of the requests: what a route stops asking for
 // comes from the value the configuration had before the change, including
 // when a watcher changes the same route again while the first change is
