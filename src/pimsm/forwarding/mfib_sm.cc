@@ -233,24 +233,20 @@ void MfibSm::doUpdateOifIndexRefCount(const IpGenRouteKey& mfibKey, TMF::OifInde
 }
 
 void MfibSm::doMarkRefCountChanged(TMF::OifIndex oifIndex) {
-    if (!refCountChanged_.test(oifIndex.value())) {
-        refCountChanged_.set(oifIndex.value());
-        refCountChangedList_.push_back(oifIndex);
-    }
+    refCountChanged_[oifIndex.value() / 64] |= std::uint64_t{1} << (oifIndex.value() % 64);
     if (!batchRefCounts_) doFlushRefCounts();
 }
 
 void MfibSm::doFlushRefCounts() {
-    for (TMF::OifIndex index : refCountChangedList_) {
-        // An index freed since it changed has no entry to write.
-        if (!refCountChanged_.test(index.value())) continue;
-        refCountChanged_.reset(index.value());
-        TMF::OifIndexIntf entry = mfibTidal_->oifIndexIntf(index);
-        CASK_ASSERT(entry.index == index, "oifIndex != TMF::OifIndex()");
-        entry.refCount = refCount_[index.value()];
-        mfibTidal_->oifIndexIntfIs(entry);
+    for (unsigned w = 0; w < refCountChanged_.size(); ++w) {
+        for (std::uint64_t bits = std::exchange(refCountChanged_[w], 0); bits; bits &= bits - 1) {
+            const TMF::OifIndex index(std::uint16_t(w * 64 + std::countr_zero(bits)));
+            TMF::OifIndexIntf entry = mfibTidal_->oifIndexIntf(index);
+            CASK_ASSERT(entry.index == index, "oifIndex != TMF::OifIndex()");
+            entry.refCount = refCount_[index.value()];
+            mfibTidal_->oifIndexIntfIs(entry);
+        }
     }
-    refCountChangedList_.clear();
 }
 
 void MfibSm::doFreeOifIndex(TMF::OifIndex oifIndex, Wirl::IntfId intfId) {
@@ -258,8 +254,9 @@ void MfibSm::doFreeOifIndex(TMF::OifIndex oifIndex, Wirl::IntfId intfId) {
                    "MfibSm::"
                    "doUpdateOifIndexRefCount(): Freeing up oifIndex: {} intf: {}",
                    oifIndex, intfId);
+    // A freed index has no entry left to write.
     refCount_[oifIndex.value()] = 0;
-    refCountChanged_.reset(oifIndex.value());
+    refCountChanged_[oifIndex.value() / 64] &= ~(std::uint64_t{1} << (oifIndex.value() % 64));
     mfibTidal_->oifIndexIntfDel(oifIndex);
     intfOifIndex_.erase(intfId);
     oifIndexFreePool_.push_back(oifIndex);

@@ -30,7 +30,6 @@
 // otherwise.
 
 #include <array>
-#include <bitset>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -298,8 +297,7 @@ private:
     // instead of once per record; a count that drops to zero frees its index
     // at once, as outside a pass.
     std::array<std::uint32_t, TMF::OifIndex::count> refCount_{};
-    std::bitset<TMF::OifIndex::count> refCountChanged_;
-    std::vector<TMF::OifIndex> refCountChangedList_;
+    std::array<std::uint64_t, TMF::Route::bitmapWords> refCountChanged_{};  // a bit per index
     bool batchRefCounts_ = false;
     std::deque<Routing::Pim::RouteKey> routeWaitlist_;
     Cask::HashSet<Routing::Pim::RouteKey> waiting_;
