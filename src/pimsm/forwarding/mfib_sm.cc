@@ -528,6 +528,7 @@ void MfibSm::RhoLocalStatus::handleWcRoute(const Routing::Pim::RouteKey& key) {
 }
 
 void MfibSm::handleInheritedWcIntf(const Routing::Pim::RouteKey& wcKey) {
+    if (sgKeys_.empty()) return;  // no (S,G) route inherits anything
     const Routing::Pim::RouteKey first(Wirl::IpGenAddr::zero(wcKey.family()), wcKey.group());
     std::vector<Routing::Pim::RouteKey> group;
     for (auto it = sgKeys_.upper_bound(first); it != sgKeys_.end(); ++it) {
