@@ -61,7 +61,10 @@ struct CountingAllocator {
 template <class Key, class Base>
 class ReactorDirectory {
 public:
-    static constexpr std::size_t slots = 6;
+    // The machines that follow every route: the route review, upstream (*,G)
+    // and forwarding. A machine that makes reactors on demand keeps its own
+    // index, which costs nothing for the routes it leaves alone.
+    static constexpr std::size_t slots = 3;
 
     ReactorDirectory() = default;
     ReactorDirectory(const ReactorDirectory&) = delete;

@@ -38,7 +38,6 @@ DownstreamWcSgSm::DownstreamWcSgSm(const VrfContext& in)
                         &VrfContext::localStatus, &VrfContext::pimStatus, &VrfContext::config,
                         &VrfContext::ssmGroupInfo, &VrfContext::groupFilterStatus,
                         &VrfContext::joinPruneStatus)) {
-    route_.reserve(in_.routeCapacity);
     LocalStatus::Notifiee::notifierIs(in_.localStatus);
     rxWatcher_.watch(in_.joinPruneRxStatus);
 }

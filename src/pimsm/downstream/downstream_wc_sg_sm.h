@@ -113,8 +113,8 @@ private:
 
 class DownstreamWcSgSm : public Cask::Record<DownstreamWcSgSm>, public LocalStatus::Notifiee {
 public:
-    // The routes' reactors, in the VRF's route directory.
-    using RouteMap = Cask::ReactorMap<Routing::Pim::RouteKey, DownstreamRouteSm, Cask::SharedIndex>;
+    // Reactors come with a route's first downstream Join: an index of their own.
+    using RouteMap = Cask::ReactorMap<Routing::Pim::RouteKey, DownstreamRouteSm>;
 
     class Notifiee : public Cask::NotifieeOf<DownstreamWcSgSm> {
     public:
@@ -187,7 +187,7 @@ private:
     JoinPruneRxWatcher<DownstreamWcSgSm> rxWatcher_{
         *this,
         {.join = &DownstreamWcSgSm::handleRxJoin, .prune = &DownstreamWcSgSm::handleRxPrune}};
-    RouteMap route_{in_.routeReactors};
+    RouteMap route_;
 };
 
 // Creates the VRF's DownstreamWcSgSm and starts it (`handleInitialized`).

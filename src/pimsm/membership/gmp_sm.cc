@@ -80,10 +80,7 @@ void GmpSm::RhoRoute::handleInitialized() {
 GmpSm::GmpSm(const VrfContext& ctx)
     : in_(requireInputs(ctx, "GmpSm", &VrfContext::loop, &VrfContext::config, &VrfContext::status,
                         &VrfContext::membership, &VrfContext::localStatus,
-                        &VrfContext::ssmGroupInfo, &VrfContext::groupFilterStatus)) {
-    sgRoute_.reserve(in_.routeCapacity);
-    wcRoute_.reserve(in_.routeCapacity);
-}
+                        &VrfContext::ssmGroupInfo, &VrfContext::groupFilterStatus)) {}
 
 GmpSm::~GmpSm() {
     // The child and the watchers call back into this machine: stop them

@@ -166,8 +166,9 @@ public:
 private:
     class ConfigWatcher;
     class GroupFilterWatcher;
-    // The routes' reactors, in the VRF's route directory.
-    using RouteMap = Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute, Cask::SharedIndex>;
+    // The reactors of the routes not yet initialized: few, in an index of
+    // their own.
+    using RouteMap = Cask::ReactorMap<Routing::Pim::RouteKey, RhoRoute>;
 
     bool ssmConverted(const RouteIntfKey& key) const;
     void doCreateReview();
@@ -181,8 +182,8 @@ private:
     RouteIntfKey deciding_;
     // The full review, over the whole membership table.
     std::unique_ptr<Cask::SlicedReview<RouteIntfKey>> review_;
-    RouteMap sgRoute_{in_.routeReactors};
-    RouteMap wcRoute_{in_.routeReactors};
+    RouteMap sgRoute_;
+    RouteMap wcRoute_;
     std::unique_ptr<GmpChangeSm> gmpChangeSm_;
     std::unique_ptr<ConfigWatcher> configWatcher_;
     std::unique_ptr<GroupFilterWatcher> groupFilterWatcher_;
