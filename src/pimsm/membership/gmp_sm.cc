@@ -321,7 +321,7 @@ void GmpSm::doTrackRoute(const RouteKey& key, Route* route, RouteMap& reactors) 
     if (route->initialized()) {
         handleRouteInit(*route);
     } else {
-        reactors.update(key, route, *this);
+        reactors.add(*route, *this);
     }
 }
 

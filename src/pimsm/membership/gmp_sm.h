@@ -153,7 +153,7 @@ public:
     CASK_COUNTER(std::uint32_t, ignoredLinkLocal, IgnoredLinkLocal)
 
     // The route reactors, one per route of LocalStatus's collections that
-    // is not yet initialized.
+    // was announced before it was initialized.
     RhoRoute* sgRoute(const Routing::Pim::RouteKey& k) const { return sgRoute_.get(k); }
     bool sgRouteHas(const Routing::Pim::RouteKey& k) const { return sgRoute_.has(k); }
     std::size_t sgRouteSize() const { return sgRoute_.size(); }
